@@ -1,0 +1,57 @@
+#include "transfer_window.h"
+
+#include "tftp/transfer_monitor.h"
+#include "util/twips.h"
+
+#include <QAction>
+#include <QHeaderView>
+#include <QMenuBar>
+#include <QResizeEvent>
+#include <QTreeView>
+
+namespace {
+QTreeView *makeReportView(QAbstractItemModel *model, const QString &name, QWidget *parent)
+{
+    auto *view = new QTreeView(parent);
+    view->setObjectName(name);
+    view->setModel(model);
+    view->setRootIsDecorated(false);
+    view->setUniformRowHeights(true);
+    view->setAlternatingRowColors(true);
+    view->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    view->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    view->header()->setStretchLastSection(true);
+    view->header()->setDefaultSectionSize(110);
+    return view;
+}
+} // namespace
+
+TransferWindow::TransferWindow(TransferMonitor *monitor, QWidget *parent)
+    : ChildWindow(parent)
+    , m_menuBar(new QMenuBar(this))
+    , m_transferList(makeReportView(monitor->transfers(), QStringLiteral("ListView1"), this))
+    , m_socketTable(makeReportView(monitor->sockets(), QStringLiteral("ListView2"), this))
+{
+    setObjectName(QStringLiteral("Transfer"));
+    setWindowTitle(QStringLiteral("Transfer"));
+    QAction *clear = m_menuBar->addAction(QStringLiteral("Clear Old Transfers"));
+    clear->setObjectName(QStringLiteral("MnuClearOldTransfers"));
+    connect(clear, &QAction::triggered, this, &TransferWindow::clearOldTransfersRequested);
+    m_transferList->setColumnWidth(0, 180);
+    m_socketTable->setColumnWidth(0, 60);
+    resize(640, 480);
+}
+
+void TransferWindow::resizeEvent(QResizeEvent *event)
+{
+    ChildWindow::resizeEvent(event);
+    // Both lists inset by 100 twips, as wide as the window less 200, one above
+    // the other, each about half of what is left under the menu.
+    const int inset = tw::twips(100);
+    const int top = m_menuBar->sizeHint().height();
+    m_menuBar->setGeometry(0, 0, width(), top);
+    const int listWidth = qMax(0, width() - 2 * inset);
+    const int half = qMax(0, (height() - top - 3 * inset) / 2);
+    m_transferList->setGeometry(inset, top + inset, listWidth, half);
+    m_socketTable->setGeometry(inset, top + 2 * inset + half, listWidth, half);
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "util/child_window.h"
+
+class QMenuBar;
+class QTreeView;
+class TransferMonitor;
+
+// The "Transfer" window: shows the monitor's transfer list (ListView1) above
+// its socket table (ListView2). It holds no logic: the TFTP engine writes the
+// models. "Clear Old Transfers" is forwarded as a signal, because only the
+// engine knows which rows running transfers still write to.
+class TransferWindow : public ChildWindow
+{
+    Q_OBJECT
+public:
+    explicit TransferWindow(TransferMonitor *monitor, QWidget *parent = nullptr);
+
+    QTreeView *transferList() const { return m_transferList; }
+    QTreeView *socketTable() const { return m_socketTable; }
+
+Q_SIGNALS:
+    void clearOldTransfersRequested();
+
+protected:
+    void resizeEvent(QResizeEvent *event) override;
+
+private:
+    QMenuBar *m_menuBar;
+    QTreeView *m_transferList;
+    QTreeView *m_socketTable;
+};
