@@ -1,0 +1,112 @@
+#include "access/check_access.h"
+
+#include "access/access_list.h"
+
+#include <QStringList>
+#include <cmath>
+#include <cstdlib>
+
+std::optional<int> octetValue(const QString &text)
+{
+    const QByteArray bytes = text.toLatin1();
+    const char *p = bytes.constData();
+    while (*p == ' ' || *p == '\t')
+        ++p;
+    // Take the longest prefix that reads as a decimal number (sign, digits,
+    // point, exponent); whatever follows is ignored, an empty text is 0.
+    const char *start = p;
+    if (*p == '+' || *p == '-')
+        ++p;
+    const char *digits = p;
+    while (*p >= '0' && *p <= '9')
+        ++p;
+    if (*p == '.') {
+        ++p;
+        while (*p >= '0' && *p <= '9')
+            ++p;
+    }
+    if (p == digits || (p == digits + 1 && *digits == '.'))
+        return 0;
+    if (*p == 'e' || *p == 'E') {
+        const char *q = p + 1;
+        if (*q == '+' || *q == '-')
+            ++q;
+        if (*q >= '0' && *q <= '9') {
+            while (*q >= '0' && *q <= '9')
+                ++q;
+            p = q;
+        }
+    }
+    const double value = std::strtod(QByteArray(start, p - start).constData(), nullptr);
+    const double rounded = std::nearbyint(value); // half to even
+    if (!std::isfinite(rounded) || rounded < -32768 || rounded > 32767)
+        return std::nullopt;
+    return int(rounded);
+}
+
+namespace {
+
+enum class Match { No, Yes, Failed };
+
+Match rowMatches(const QStringList &address, const AccessEntry &entry)
+{
+    const QStringList network = entry.network.split(QLatin1Char('.'));
+    const QStringList mask = entry.mask.split(QLatin1Char('.'));
+    if (network.size() < 4 || mask.size() < 4)
+        return Match::Failed;
+    for (int j = 0; j < 4; ++j) {
+        const auto a = octetValue(address[j]);
+        const auto m = octetValue(mask[j]);
+        const auto n = octetValue(network[j]);
+        if (!a || !m || !n)
+            return Match::Failed;
+        if ((*a & *m) != (*n & *m))
+            return Match::No;
+    }
+    return Match::Yes;
+}
+
+} // namespace
+
+int CheckAccess(const AccessList &list, const AccessRequest &request, const TransferRecorder &record,
+    const AccessVeto &veto)
+{
+    const QStringList address = request.remoteAddress.split(QLatin1Char('.'));
+    if (address.size() < 4)
+        return AccessDecision::Failed;
+
+    int result = AccessDecision::Refused;
+    for (int row = 1; row <= list.count(); ++row) {
+        switch (rowMatches(address, list.entry(row))) {
+        case Match::Failed:
+            return AccessDecision::Failed;
+        case Match::Yes:
+            result = row; // keep looking: the last match decides
+            break;
+        case Match::No:
+            break;
+        }
+    }
+
+    if (result > 0) {
+        const AccessEntry deciding = list.entry(result);
+        const QString &right = request.kind == AccessDecision::Read ? deciding.read : deciding.write;
+        if ((request.kind == AccessDecision::Read || request.kind == AccessDecision::Write)
+            && right == QLatin1String("no"))
+            result = AccessDecision::Refused;
+        else if (veto && !veto(result))
+            result = AccessDecision::Refused;
+    }
+
+    if (record) {
+        const bool allowed = result > 0;
+        const bool read = request.kind == AccessDecision::Read;
+        // Allowed: data flows server -> requester for reads. Blocked rows are
+        // shown the other way round; keep it, people read the list that way.
+        const bool serverFirst = allowed == read;
+        record(request.fileName, serverFirst ? request.localAddress : request.remoteAddress,
+            serverFirst ? request.remoteAddress : request.localAddress,
+            allowed ? QStringLiteral("Allowed") : QStringLiteral("Blocked"));
+    }
+    return result;
+}

@@ -1,0 +1,302 @@
+// The data-arrival handler of the TFTP server: every datagram of every slot.
+
+#include "access/access_list.h"
+#include "access/check_access.h"
+#include "tftp/capture_sink.h"
+#include "tftp/tftp_packet.h"
+#include "tftp/tftp_server.h"
+#include "tftp/transfer_monitor.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QUdpSocket>
+
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Files are opened and closed within one datagram's handling; plain
+// descriptors keep that to a few system calls per block.
+class Fd
+{
+public:
+    Fd(const QByteArray &path, int flags)
+        : m_fd(::open(path.constData(), flags | O_CLOEXEC, 0666))
+    { }
+    ~Fd()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    int get() const { return m_fd; }
+    bool ok() const { return m_fd >= 0; }
+    qint64 size() const
+    {
+        struct stat st;
+        return ::fstat(m_fd, &st) == 0 ? qint64(st.st_size) : -1;
+    }
+    bool isRegular() const
+    {
+        struct stat st;
+        return ::fstat(m_fd, &st) == 0 && S_ISREG(st.st_mode);
+    }
+
+private:
+    int m_fd;
+};
+
+QString joinPath(const QString &folder, const QString &name)
+{
+    return folder + QLatin1Char('/') + name;
+}
+
+} // namespace
+
+void TftpServer::trace(int slot)
+{
+    const int fd = ::open(m_tracePath.constData(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return;
+    char line[16];
+    const int n = std::snprintf(line, sizeof line, "%d\r\n", slot);
+    [[maybe_unused]] const ssize_t written = ::write(fd, line, size_t(n));
+    ::close(fd);
+}
+
+void TftpServer::handleDatagram(int s, const QByteArray &datagram, const QHostAddress &sender,
+    quint16 senderPort, const QHostAddress &destination)
+{
+    Slot &slot = m_slots[s];
+    if (slot.tag == Tag::Blocking)
+        return;
+    trace(s);
+
+    const int opcode = TftpPacket::opcode(datagram);
+    if (opcode < TftpPacket::Rrq || opcode > TftpPacket::Error)
+        return;
+    // A transfer talks to its requester only; strays from elsewhere are dropped.
+    if (slot.tag != Tag::Null && (senderPort != slot.peerPort || sender != slot.peer))
+        return;
+
+    switch (opcode) {
+    case TftpPacket::Rrq:
+    case TftpPacket::Wrq:
+        handleRequest(s, opcode, datagram, sender, senderPort, destination);
+        break;
+    case TftpPacket::Ack:
+        handleAck(s, datagram);
+        break;
+    case TftpPacket::Data:
+        handleData(s, datagram);
+        break;
+    case TftpPacket::Error:
+        handleError(s, datagram);
+        break;
+    }
+}
+
+void TftpServer::handleRequest(int s, int opcode, const QByteArray &datagram, const QHostAddress &sender,
+    quint16 senderPort, const QHostAddress &destination)
+{
+    Slot &slot = m_slots[s];
+    if (slot.tag != Tag::Null)
+        return;
+    const bool read = opcode == TftpPacket::Rrq;
+    setSocketColumn(
+        s, TransferMonitor::SocketStatus, read ? QStringLiteral("SENDING") : QStringLiteral("RECEIVING"));
+
+    // Anything but a plain "octet" request (other modes, options) is left
+    // unanswered and the row keeps its status.
+    const std::optional<QByteArray> name = TftpPacket::octetRequestName(datagram);
+    if (!name)
+        return;
+    const QString fileName = QString::fromLatin1(*name);
+    slot.filePath = fileName;
+
+    AccessRequest request;
+    request.remoteAddress = sender.toString();
+    const bool specific = !destination.isNull() && destination != QHostAddress(QHostAddress::AnyIPv4);
+    request.localAddress = (specific ? destination : m_bindAddress).toString();
+    request.kind = read ? AccessDecision::Read : AccessDecision::Write;
+    request.fileName = fileName;
+    const auto record = [this](const QString &file, const QString &from, const QString &to,
+                            const QString &status) { m_monitor->addTransfer(file, from, to, status); };
+    AccessVeto veto;
+    if (m_confine) {
+        veto = [this, &fileName](int row) { return pathStaysInside(m_acl->entry(row).folder, fileName); };
+    }
+    const int row = CheckAccess(*m_acl, request, record, veto);
+    if (row == AccessDecision::Failed)
+        return;
+    slot.accessRow = row;
+    if (row == AccessDecision::Refused) {
+        windUpRefused(s);
+        return;
+    }
+
+    const QString fullPath = joinPath(m_acl->entry(row).folder, fileName);
+    slot.filePath = fullPath;
+    slot.nativePath = QFile::encodeName(fullPath);
+
+    if (read) {
+        Fd file(slot.nativePath, O_RDONLY);
+        if (!file.ok() || !file.isRegular()) {
+            m_monitor->setTransferText(row, TransferMonitor::From, QStringLiteral("No Such File"));
+            return;
+        }
+        takeRequest(s, sender, senderPort);
+        const TftpPacket::BlockPlan plan = TftpPacket::firstBlock(file.size());
+        slot.tag = plan.final ? Tag::CheckEnd : Tag::Send;
+        sendBlock(s, file.get(), plan.offset, plan.length, 0, 1);
+        // file closes here, before the listener moves on
+    } else {
+        takeRequest(s, sender, senderPort);
+        slot.tag = Tag::Receive;
+        slot.receivedBlocks = 0;
+        slot.socket->writeDatagram(TftpPacket::ack(0, 0), slot.peer, slot.peerPort);
+    }
+    OpenListener();
+    // The file is neither created nor truncated until data arrives.
+    if (!read && m_capture && m_capture->capturing())
+        m_capture->CaptureFileName(fullPath);
+}
+
+void TftpServer::takeRequest(int s, const QHostAddress &sender, quint16 senderPort)
+{
+    // The listening socket leaves this slot (OpenListener gives it to the next
+    // free one); the transfer continues on a socket of its own.
+    Slot &slot = m_slots[s];
+    m_movingListener = slot.socket;
+    slot.socket = newSocket();
+    slot.socket->bind(m_bindAddress, 0);
+    slot.peer = sender;
+    slot.peerPort = senderPort;
+    showPorts(s);
+}
+
+void TftpServer::sendBlock(int s, int fd, qint64 offset, qint64 length, int high, int low)
+{
+    TftpPacket::dataHeader(m_sendBuffer, high, low, int(length));
+    qint64 got = 0;
+    while (got < length) {
+        const ssize_t n
+            = ::pread(fd, m_sendBuffer.data() + 4 + got, size_t(length - got), off_t(offset + got));
+        if (n <= 0)
+            break;
+        got += n;
+    }
+    m_sendBuffer.resize(4 + got); // the file shrank under us: send what there is
+    Slot &slot = m_slots[s];
+    slot.socket->writeDatagram(m_sendBuffer, slot.peer, slot.peerPort);
+}
+
+void TftpServer::handleAck(int s, const QByteArray &datagram)
+{
+    Slot &slot = m_slots[s];
+    if (slot.tag == Tag::CheckEnd) {
+        // Finished downloads are reported in the row numbered by the slot.
+        m_monitor->setTransferText(s, TransferMonitor::Status, QStringLiteral("FINISHED OK"));
+        CleanSlot(s);
+        return;
+    }
+    if (slot.tag != Tag::Send || datagram.size() < 4)
+        return;
+    // Any ACK sends the block after the one it names, so a duplicated ACK
+    // re-sends; there is no check against the block last sent.
+    const TftpPacket::BlockBytes next = TftpPacket::nextBlock(
+        static_cast<unsigned char>(datagram[2]), static_cast<unsigned char>(datagram[3]));
+    if (next.high > 255)
+        return; // past block 65535 there is no number to send it under
+    Fd file(slot.nativePath, O_RDONLY);
+    if (!file.ok())
+        return;
+    const TftpPacket::BlockPlan plan = TftpPacket::laterBlock(file.size(), next.number());
+    if (plan.final)
+        slot.tag = Tag::CheckEnd;
+    sendBlock(s, file.get(), plan.offset, plan.length, next.high, next.low);
+}
+
+void TftpServer::handleData(int s, const QByteArray &datagram)
+{
+    Slot &slot = m_slots[s];
+    if (slot.tag != Tag::Receive || datagram.size() < 4)
+        return;
+    const int block = *TftpPacket::blockNumber(datagram);
+    ++slot.receivedBlocks;
+    const char *data = datagram.constData() + 4;
+    const qsizetype size = datagram.size() - 4;
+
+    if (m_capture && m_capture->capturing()) {
+        m_capture->CaptureData(QByteArray(data, size));
+    } else if (block >= 1) {
+        // Written where the block number puts it, never truncating: repeats
+        // land on themselves, a shorter upload leaves the old tail.
+        Fd file(slot.nativePath, O_WRONLY | O_CREAT);
+        if (file.ok()) {
+            qint64 done = 0;
+            const qint64 offset = TftpPacket::writeOffset(block);
+            while (done < size) {
+                const ssize_t n
+                    = ::pwrite(file.get(), data + done, size_t(size - done), off_t(offset + done));
+                if (n <= 0)
+                    break;
+                done += n;
+            }
+        }
+    }
+    slot.socket->writeDatagram(
+        TftpPacket::ack(static_cast<unsigned char>(datagram[2]), static_cast<unsigned char>(datagram[3])),
+        slot.peer, slot.peerPort);
+    if (size >= TftpPacket::blockSize)
+        return;
+    slot.tag = Tag::Waiting;
+    setSocketColumn(s, TransferMonitor::SocketStatus, QStringLiteral("FINISHED OK"));
+    HoldSlot(s);
+}
+
+void TftpServer::handleError(int s, const QByteArray &datagram)
+{
+    Slot &slot = m_slots[s];
+    // Only a running transfer can be ended by the client; on the listener an
+    // ERROR means nothing and must not stop the server.
+    if (slot.tag == Tag::Null || slot.accessRow == AccessDecision::Refused)
+        return;
+    QByteArray body = datagram.mid(2);
+    body.replace('\0', QByteArray()); // the list shows text, the zero bytes carry none
+    const QString text = QString::fromLatin1(body);
+    m_monitor->setTransferText(slot.accessRow, TransferMonitor::From, text);
+    setSocketColumn(s, TransferMonitor::LocalPort, QStringLiteral("ERROR"));
+    setSocketColumn(s, TransferMonitor::SocketError, text);
+    HoldSlot(s);
+}
+
+bool TftpServer::pathStaysInside(const QString &folder, const QString &name) const
+{
+    if (folder.isEmpty() || name.isEmpty() || name.startsWith(QLatin1Char('/')))
+        return false;
+    const QStringList parts = name.split(QLatin1Char('/'));
+    if (parts.contains(QStringLiteral("..")))
+        return false;
+    const QString root = QFileInfo(folder).canonicalFilePath();
+    if (root.isEmpty())
+        return false;
+    // Links are followed: the file (or, for a new upload, its folder) must
+    // resolve to somewhere under the access row's folder.
+    const QFileInfo target(joinPath(folder, name));
+    QString resolved = target.canonicalFilePath();
+    if (resolved.isEmpty()) {
+        if (target.isSymLink())
+            return false; // a dangling link could be created anywhere
+        resolved = QFileInfo(target.absolutePath()).canonicalFilePath();
+        if (resolved.isEmpty())
+            return false;
+        resolved += QLatin1Char('/') + target.fileName();
+    }
+    const QString prefix = root.endsWith(QLatin1Char('/')) ? root : root + QLatin1Char('/');
+    return resolved.startsWith(prefix) && resolved.size() > prefix.size();
+}

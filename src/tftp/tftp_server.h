@@ -1,0 +1,145 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHostAddress>
+#include <QObject>
+#include <QString>
+#include <array>
+
+class AccessList;
+class CaptureSink;
+class QTimer;
+class QUdpSocket;
+class TransferMonitor;
+
+// The TFTP server: 30 transfer slots, each a row of the monitor's socket
+// table with its own UDP socket (objectName "server") and one-shot slot timer
+// ("Timer1"), plus the 10-second refresh timer ("Timer2").
+//
+// One slot at a time listens on the TFTP port (tag "Null", row "Listen").
+// A request that is taken turns that slot into the transfer's slot: the
+// transfer gets a fresh socket of its own on an ephemeral port (shown in the
+// socket table) and talks only to the requester, while the listening socket
+// itself moves to the lowest "ready" slot, so requests already queued on the
+// port are not lost. When no slot is ready the listening socket is closed:
+// requests then get no answer until a slot is freed and a refresh reopens it.
+//
+// Every datagram of every slot goes through one handler (tftp_engine.cpp):
+// plain octet-mode transfers with 512-byte blocks, driven entirely by the
+// client's retransmissions; the server never sends ERROR and never
+// retransmits. Requests are judged by CheckAccess; a refused slot drops all
+// datagrams until its timer frees it. Files are opened and closed within the
+// handling of each datagram, and each datagram (except on "Blocking" slots)
+// adds a line with the slot number to the trace file.
+//
+// Slot endings: a finished download is cleaned at once ("Cleaning", then
+// "ready"); a finished upload, a received ERROR or a socket error holds the
+// slot ("Blocking") for the hold interval; a refusal winds the slot up after
+// the slot timer's current interval. The refresh tick copies ports into the
+// socket table, holds a slot whose socket has closed unless it is already
+// held or refused (so a held slot is never re-armed, and slots without a
+// socket are skipped), and reopens a listener when no row is "Listen". A
+// listener that cannot be bound at refresh leaves its row "ready" and is
+// retried on the next tick.
+//
+// Two deliberate hardenings: an ERROR datagram on the listening slot is
+// ignored (there is no transfer to end, and holding the listener would stop
+// the server), and datagrams from anyone but a transfer's requester are
+// dropped. setConfine(true) additionally refuses names leaving the folder.
+class TftpServer : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr int slotCount = 30;
+
+    TftpServer(TransferMonitor *monitor, AccessList *acl, QObject *parent = nullptr);
+    ~TftpServer() override;
+
+    void setPort(quint16 port); // 69 by default
+    void setBindAddress(const QHostAddress &address); // AnyIPv4 by default
+    void setCaptureSink(CaptureSink *sink);
+    // Refuse ("Blocked", silence, slot wound up) any request whose joined
+    // path would leave the access row's folder: "..", absolute names, links.
+    void setConfine(bool on);
+    void setTraceFilePath(const QString &path); // default "bugfix.ini"
+    void setIntervals(int holdMs, int refreshMs, int designedSlotMs); // 30000, 10000, 8000
+
+    // Slot 1 becomes the listener and row 1 reads "Listen" (even when the
+    // bind fails: the refresh then holds and later retries that slot).
+    bool start();
+    QString errorString() const;
+
+    // Highest transfer-list row a running transfer may still write to
+    // (finished downloads write by slot number, errors by access row); 0 when none runs.
+    int highestTransferRowInUse() const;
+
+    // Read-only views of slot state, for the monitor's callers and tests.
+    QString slotTag(int slot) const; // "", "Null", "Send", "Check end", "Receive", "Waiting", "Blocking"
+    int slotAccessRow(int slot) const;
+    int receivedBlocks(int slot) const;
+    quint16 slotLocalPort(int slot) const; // 0 without a bound socket
+    int listenerSlot() const; // 0 when none listens
+
+    // Slot layer (also driven by the timers).
+    void OpenListener();
+    void HoldSlot(int slot);
+    void CleanSlot(int slot);
+
+private:
+    enum class Tag { None, Null, Send, CheckEnd, Receive, Waiting, Blocking };
+
+    struct Slot
+    {
+        QUdpSocket *socket = nullptr;
+        QTimer *timer = nullptr;
+        Tag tag = Tag::None;
+        QString filePath;
+        QByteArray nativePath; // filePath encoded once, reused on every datagram
+        int accessRow = 0;
+        qint32 receivedBlocks = 0;
+        QHostAddress peer;
+        quint16 peerPort = 0;
+    };
+
+    // tftp_server.cpp: sockets and slot lifecycle
+    QUdpSocket *newSocket();
+    bool bindListener(QUdpSocket *socket);
+    void readPending(QUdpSocket *socket);
+    void socketError(QUdpSocket *socket, int error);
+    void slotTimerTick(int slot);
+    void refreshTick();
+    void windUpRefused(int slot);
+    void releaseSocket(Slot &slot);
+    int slotOf(const QUdpSocket *socket) const;
+    void setSocketColumn(int slot, int column, const QString &text);
+    void showPorts(int slot);
+
+    // tftp_engine.cpp: the data-arrival handler
+    void handleDatagram(int slot, const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort,
+        const QHostAddress &destination);
+    void handleRequest(int slot, int opcode, const QByteArray &datagram, const QHostAddress &sender,
+        quint16 senderPort, const QHostAddress &destination);
+    void handleAck(int slot, const QByteArray &datagram);
+    void handleData(int slot, const QByteArray &datagram);
+    void handleError(int slot, const QByteArray &datagram);
+    void takeRequest(int slot, const QHostAddress &sender, quint16 senderPort);
+    void sendBlock(int slot, int fd, qint64 offset, qint64 length, int high, int low);
+    bool pathStaysInside(const QString &folder, const QString &name) const;
+    void trace(int slot);
+
+    TransferMonitor *m_monitor;
+    AccessList *m_acl;
+    CaptureSink *m_capture = nullptr;
+    std::array<Slot, slotCount + 1> m_slots; // index 0 unused: slots count from 1
+    QTimer *m_refreshTimer;
+    QUdpSocket *m_movingListener = nullptr; // between leaving one slot and joining the next
+    QHostAddress m_bindAddress { QHostAddress::AnyIPv4 };
+    quint16 m_port = 69;
+    bool m_confine = false;
+    QByteArray m_tracePath { "bugfix.ini" };
+    int m_holdMs = 30000;
+    int m_designedSlotMs = 8000;
+    QString m_errorString;
+    QByteArray m_sendBuffer;
+    QByteArray m_readBuffer;
+};
