@@ -1,0 +1,127 @@
+#include "application.h"
+
+#include "app/main_window.h"
+#include "app/splash.h"
+#include "tftp/transfer_monitor.h"
+#include "tftp/transfer_window.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QMdiArea>
+#include <QMdiSubWindow>
+#include <QStandardPaths>
+#include <cstdio>
+
+Application::Application(const CommandLineOptions &options, QObject *parent)
+    : QObject(parent)
+    , m_options(options)
+    , m_monitor(std::make_unique<TransferMonitor>())
+{
+}
+
+Application::~Application() = default;
+
+QString Application::accessListPath(const QString &optionValue)
+{
+    if (!optionValue.isEmpty())
+        return optionValue;
+    const QString programFolder = QCoreApplication::applicationDirPath();
+    if (QFileInfo(programFolder).isWritable())
+        return programFolder + QStringLiteral("/ACLIST.ini");
+    const QString userFolder
+        = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QStringLiteral("/Tarnwick");
+    QDir().mkpath(userFolder);
+    const QString path = userFolder + QStringLiteral("/ACLIST.ini");
+    static bool said = false;
+    if (!said) {
+        said = true;
+        std::fprintf(stderr, "tarnwick: %s cannot be written; the access list lives in %s\n",
+                     qPrintable(programFolder), qPrintable(path));
+    }
+    return path;
+}
+
+void Application::start()
+{
+    m_main = std::make_unique<MainWindow>();
+    if (m_options.headless) {
+        connect(m_monitor.get(), &TransferMonitor::transferRowChanged, this,
+                [this](int row) { printLine(m_monitor->transferLine(row)); });
+        connect(m_monitor.get(), &TransferMonitor::socketRowChanged, this,
+                [this](int slot) { printLine(m_monitor->socketLine(slot)); });
+    }
+
+    // Start-up: the five windows in table order, then the main window's load
+    // steps, the window count, Files shown and capture off.
+    createChildren();
+    loadMainWindow();
+    m_main->windowTable().count = 4;
+
+    const QList<QMdiSubWindow *> frames = m_main->mdiArea()->subWindowList(QMdiArea::CreationOrder);
+    for (QMdiSubWindow *frame : frames) {
+        if (frame->isHidden())
+            frame->show();
+    }
+    if (!m_main->sharedFolder().isEmpty()) {
+        m_main->frameOf(WindowTable::filesIndex)->showMinimized();
+        m_main->mdiArea()->setActiveSubWindow(m_main->frameOf(WindowTable::firstConsoleIndex));
+    } else {
+        m_main->mdiArea()->setActiveSubWindow(m_main->frameOf(WindowTable::filesIndex));
+    }
+
+    if (!m_options.headless) {
+        m_main->show();
+        (new Splash)->show();
+    }
+    m_main->arrangeSideBySide();
+}
+
+void Application::createChildren()
+{
+    auto placeholder = [](const QString &name) {
+        auto *window = new ChildWindow;
+        window->setObjectName(name);
+        return window;
+    };
+    m_main->addChild(WindowTable::filesIndex, QStringLiteral("Files"), placeholder(QStringLiteral("Files")));
+    m_main->addChild(WindowTable::networkIndex, QStringLiteral("Network"), placeholder(QStringLiteral("Network")));
+    m_transferWindow = new TransferWindow(m_monitor.get());
+    m_main->addChild(WindowTable::transferIndex, QStringLiteral("Transfer"), m_transferWindow);
+    connect(m_transferWindow, &TransferWindow::clearOldTransfersRequested, this,
+            [this] { m_monitor->clearOldTransfers(0); });
+    ChildWindow *console = placeholder(QStringLiteral("Console"));
+    m_main->addChild(WindowTable::firstConsoleIndex, QStringLiteral("Console"), console);
+    m_main->addChild(WindowTable::configIndex, QStringLiteral("Config"), placeholder(QStringLiteral("Config")));
+}
+
+void Application::loadMainWindow()
+{
+    m_monitor->setSocketText(1, TransferMonitor::SocketStatus, QStringLiteral("Listen"));
+    m_main->setSharedFolder(m_options.folderGiven ? m_options.folder : m_main->readFolderPathSetting());
+}
+
+void Application::reportBindFailure(const QString &what, quint16 port, const QString &option, const QString &error)
+{
+    const QString text = QStringLiteral("%1 port %2 could not be bound (%3). Run with the privilege to bind it, "
+                                        "grant it with \"setcap cap_net_bind_service=+ep tarnwick\", or choose "
+                                        "another port with %4.")
+                             .arg(what)
+                             .arg(port)
+                             .arg(error, option);
+    std::fprintf(stderr, "tarnwick: %s\n", qPrintable(text));
+    m_main->reportProblem(text);
+}
+
+void Application::printLine(const QString &line)
+{
+    std::fputs(qPrintable(line), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+void Application::shutDown()
+{
+    if (m_main)
+        m_main->close();
+}

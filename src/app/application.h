@@ -1,0 +1,46 @@
+#pragma once
+
+#include "app/command_line.h"
+
+#include <QObject>
+#include <memory>
+
+class MainWindow;
+class TransferMonitor;
+class TransferWindow;
+
+// Builds the running program from the command line and wires the subsystems
+// together: the only place that knows all of them. The start-up procedure
+// creates the five child windows in the window table, runs the main window's
+// load steps (TFTP listener, log endpoint, shared folder) and shows the frame,
+// or, in headless mode, prints every transfer-monitor row change to stdout.
+class Application : public QObject
+{
+    Q_OBJECT
+public:
+    explicit Application(const CommandLineOptions &options, QObject *parent = nullptr);
+    ~Application() override;
+
+    void start();
+    // Runs the main window's unload steps; headless runs call it on SIGTERM.
+    void shutDown();
+
+    MainWindow *mainWindow() const { return m_main.get(); }
+    TransferMonitor *monitor() const { return m_monitor.get(); }
+
+    // Where ACLIST.ini lives: --acl, else the program's folder, else (when that
+    // folder cannot be written, as for an installed program) the per-user
+    // configuration folder.
+    static QString accessListPath(const QString &optionValue);
+
+private:
+    void createChildren();
+    void loadMainWindow();
+    void reportBindFailure(const QString &what, quint16 port, const QString &option, const QString &error);
+    void printLine(const QString &line);
+
+    CommandLineOptions m_options;
+    std::unique_ptr<TransferMonitor> m_monitor;
+    std::unique_ptr<MainWindow> m_main;
+    TransferWindow *m_transferWindow = nullptr;
+};

@@ -1,0 +1,91 @@
+#pragma once
+
+#include "app/window_table.h"
+
+#include <QHash>
+#include <QMainWindow>
+#include <functional>
+
+class QLabel;
+class QMdiArea;
+class QMdiSubWindow;
+class QToolBar;
+
+// The frame window `frmForm`, captioned "Tarnwick". It holds the child windows
+// in an MDI area, the window table, the toolbar `Toolbar1` with one button per
+// child (caption = window name, tag = table index) and the status bar
+// `StatusBar1` with a date and a time panel.
+//
+// Child windows are arranged "side by side": every visible, non-minimised
+// child gets the full height of the area and an equal share of its width. The
+// arrangement runs on resize and after a child's close request, but only while
+// the caption is exactly "Tarnwick", which it is not while a child is
+// maximised (the caption then names the child, as MDI frames do).
+class MainWindow : public QMainWindow
+{
+    Q_OBJECT
+public:
+    using ConsoleFactory = std::function<ChildWindow *()>;
+    enum ChildState { Normal = 0, Minimised = 1, Maximised = 2 };
+
+    explicit MainWindow(QWidget *parent = nullptr);
+
+    WindowTable &windowTable() { return m_table; }
+    QMdiArea *mdiArea() const { return m_mdi; }
+    QToolBar *toolbar() const { return m_toolbar; }
+
+    // Puts `window` into the table at `index` under `name`: MDI frame, caption,
+    // icon, tag and toolbar button. The window is not shown.
+    void addChild(int index, const QString &name, ChildWindow *window);
+    ChildWindow *child(int index) const;
+    QMdiSubWindow *frameOf(int index) const;
+    ChildState childState(int index) const;
+
+    // "New Console": refuses with "Thats enough of that!" at the limit.
+    void setConsoleFactory(ConsoleFactory factory) { m_consoleFactory = std::move(factory); }
+    ChildWindow *newConsole();
+
+    // The toolbar button of the window with this tag (first one when several
+    // consoles share a tag).
+    QAction *toolbarButton(const QString &tag) const;
+    void setToolbarButtonText(ChildWindow *window, const QString &text);
+
+    void arrangeSideBySide();
+    void retileIfPlainCaption();
+    // A toolbar click on the button tagged `index`.
+    void toolbarClicked(int index);
+
+    // The shared TFTP folder (settings key "FolderPath").
+    QString sharedFolder() const { return m_sharedFolder; }
+    void setSharedFolder(const QString &folder) { m_sharedFolder = folder; }
+    QString readFolderPathSetting() const;
+    void saveSettings();
+
+    // A lasting problem (a port that could not be bound) shown in the status bar.
+    void reportProblem(const QString &text);
+    QString problemText() const;
+
+Q_SIGNALS:
+    void unloading();
+
+protected:
+    void closeEvent(QCloseEvent *event) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
+
+private:
+    void updateCaption();
+    void updateClock();
+    void consoleDestroyed(QObject *console);
+
+    QMdiArea *m_mdi;
+    QToolBar *m_toolbar;
+    QLabel *m_problem;
+    QLabel *m_date;
+    QLabel *m_time;
+    WindowTable m_table;
+    QHash<QObject *, QAction *> m_buttons;
+    QHash<QObject *, int> m_consoleIndex;
+    ConsoleFactory m_consoleFactory;
+    QString m_sharedFolder;
+    bool m_saved = false;
+};

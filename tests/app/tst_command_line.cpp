@@ -1,0 +1,171 @@
+#include "app/command_line.h"
+
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUdpSocket>
+
+// The command line contract: the options parsed into their values, mistakes
+// refused with status 2, and the real program in --headless mode reporting
+// monitor rows, surviving a port it cannot bind and stopping on SIGTERM.
+class CommandLineTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    static QString program() { return QStringLiteral(TW_BINARY_DIR "/src/tarnwick"); }
+
+    static quint16 freeUdpPort()
+    {
+        QUdpSocket probe;
+        probe.bind(QHostAddress::LocalHost, 0);
+        return probe.localPort();
+    }
+
+    QTemporaryDir m_home;
+
+    QProcessEnvironment environment() const
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_home.path());
+        env.remove(QStringLiteral("DISPLAY"));
+        env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+        return env;
+    }
+
+    // Starts the headless program and waits until it has reported the listener.
+    void startHeadless(QProcess &process, const QStringList &extra)
+    {
+        process.setProcessEnvironment(environment());
+        process.setWorkingDirectory(m_home.path());
+        process.start(program(),
+                      QStringList { QStringLiteral("--headless"), QStringLiteral("--acl"),
+                                    m_home.filePath(QStringLiteral("ACLIST.ini")) }
+                          + extra);
+        QVERIFY2(process.waitForStarted(), qPrintable(process.errorString()));
+    }
+
+    static bool waitForOutput(QProcess &process, const QByteArray &needle, QByteArray &seen)
+    {
+        QElapsedTimer clock;
+        clock.start();
+        while (clock.elapsed() < 10000) {
+            process.waitForReadyRead(200);
+            seen += process.readAllStandardOutput();
+            if (seen.contains(needle))
+                return true;
+        }
+        return false;
+    }
+
+private Q_SLOTS:
+    void parsesEveryOption()
+    {
+        CommandLineOptions options;
+        const CommandLineResult result = parseCommandLine(
+            { "tarnwick", "--headless", "--tftp-port", "1069", "--log-port", "1514", "--telnet-port", "2323",
+              "--snmp-port", "1161", "--folder", "/srv/tftp", "--acl", "/tmp/a.ini", "--connect", "192.0.2.1",
+              "--log-dir", "/var/log/dev", "--confine" },
+            options);
+        QCOMPARE(result.action, CommandLineResult::Run);
+        QVERIFY(options.headless);
+        QCOMPARE(options.tftpPort, quint16(1069));
+        QCOMPARE(options.logPort, quint16(1514));
+        QCOMPARE(options.telnetPort, quint16(2323));
+        QCOMPARE(options.snmpPort, quint16(1161));
+        QVERIFY(options.folderGiven);
+        QCOMPARE(options.folder, QStringLiteral("/srv/tftp"));
+        QCOMPARE(options.aclFile, QStringLiteral("/tmp/a.ini"));
+        QCOMPARE(options.connectHost, QStringLiteral("192.0.2.1"));
+        QCOMPARE(options.logDir, QStringLiteral("/var/log/dev"));
+        QVERIFY(options.confine);
+    }
+
+    void defaultsAreTheWellKnownPorts()
+    {
+        CommandLineOptions options;
+        QCOMPARE(parseCommandLine({ "tarnwick" }, options).action, CommandLineResult::Run);
+        QCOMPARE(options.tftpPort, quint16(69));
+        QCOMPARE(options.logPort, quint16(514));
+        QCOMPARE(options.telnetPort, quint16(23));
+        QCOMPARE(options.snmpPort, quint16(161));
+        QVERIFY(!options.headless && !options.folderGiven && !options.confine);
+    }
+
+    void refusesMistakes_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("unknown option") << QStringList { "tarnwick", "--bogus" };
+        QTest::newRow("port not a number") << QStringList { "tarnwick", "--tftp-port", "sixty-nine" };
+        QTest::newRow("port out of range") << QStringList { "tarnwick", "--log-port", "70000" };
+        QTest::newRow("missing value") << QStringList { "tarnwick", "--folder" };
+        QTest::newRow("stray argument") << QStringList { "tarnwick", "extra" };
+    }
+    void refusesMistakes()
+    {
+        QFETCH(QStringList, arguments);
+        CommandLineOptions options;
+        const CommandLineResult result = parseCommandLine(arguments, options);
+        QCOMPARE(result.action, CommandLineResult::ExitError);
+        QVERIFY(!result.output.isEmpty());
+    }
+
+    void programExitStatuses()
+    {
+        QProcess process;
+        process.setProcessEnvironment(environment());
+        process.start(program(), { QStringLiteral("--bogus") });
+        QVERIFY(process.waitForFinished(10000));
+        QCOMPARE(process.exitCode(), 2);
+        QVERIFY(process.readAllStandardError().contains("bogus"));
+
+        process.start(program(), { QStringLiteral("--version") });
+        QVERIFY(process.waitForFinished(10000));
+        QCOMPARE(process.exitCode(), 0);
+        QVERIFY(process.readAllStandardOutput().startsWith("Tarnwick "));
+
+        process.start(program(), { QStringLiteral("--help") });
+        QVERIFY(process.waitForFinished(10000));
+        QCOMPARE(process.exitCode(), 0);
+        const QByteArray help = process.readAllStandardOutput();
+        for (const char *option : { "--headless", "--tftp-port", "--log-port", "--telnet-port", "--snmp-port",
+                                    "--folder", "--acl", "--connect", "--log-dir", "--confine" })
+            QVERIFY2(help.contains(option), option);
+    }
+
+    void headlessReportsListenerAndStopsOnSigterm()
+    {
+        QProcess process;
+        startHeadless(process, { QStringLiteral("--tftp-port"), QString::number(freeUdpPort()),
+                                 QStringLiteral("--log-port"), QString::number(freeUdpPort()) });
+        QByteArray seen;
+        QVERIFY2(waitForOutput(process, "socket\t1\t1\t", seen), seen.constData());
+        QVERIFY2(seen.contains("\tListen\t"), seen.constData());
+        process.terminate(); // SIGTERM
+        QVERIFY(process.waitForFinished(10000));
+        QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(process.exitCode(), 0);
+    }
+
+    void portInUseIsReportedNotFatal()
+    {
+        QUdpSocket occupier;
+        QVERIFY(occupier.bind(QHostAddress::AnyIPv4, 0));
+        const quint16 busy = occupier.localPort();
+        QProcess process;
+        startHeadless(process, { QStringLiteral("--tftp-port"), QString::number(busy), QStringLiteral("--log-port"),
+                                 QString::number(busy) });
+        QByteArray seen;
+        QVERIFY2(waitForOutput(process, "\tListen\t", seen), seen.constData());
+        QByteArray errors;
+        QTRY_VERIFY_WITH_TIMEOUT((errors += process.readAllStandardError()).contains(QByteArray::number(busy)), 5000);
+        QVERIFY2(errors.contains("setcap"), errors.constData());
+        QCOMPARE(process.state(), QProcess::Running);
+        process.terminate();
+        QVERIFY(process.waitForFinished(10000));
+        QCOMPARE(process.exitCode(), 0);
+    }
+};
+
+QTEST_GUILESS_MAIN(CommandLineTest)
+#include "tst_command_line.moc"

@@ -1,0 +1,265 @@
+#include "app/application.h"
+#include "app/main_window.h"
+#include "util/message_box.h"
+
+#include <QAction>
+#include <QMdiArea>
+#include <QMdiSubWindow>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QToolBar>
+#include <QUdpSocket>
+
+// Start-up and the main window: the window table, the toolbar, the settings
+// store, the toolbar click rules with the caption test for tiling, hiding on
+// close, and the console count limit with placement by count.
+class StartupTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<Application> m_app;
+    QStringList m_messages;
+
+    static quint16 freeUdpPort()
+    {
+        QUdpSocket probe;
+        probe.bind(QHostAddress::LocalHost, 0);
+        return probe.localPort();
+    }
+
+    MainWindow *startApp(const QString &folderSetting = QString())
+    {
+        QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
+        settings.clear();
+        if (!folderSetting.isNull())
+            settings.setValue(QStringLiteral("Settings/FolderPath"), folderSetting);
+        settings.sync();
+        CommandLineOptions options;
+        options.tftpPort = freeUdpPort();
+        options.logPort = freeUdpPort();
+        options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
+        m_app = std::make_unique<Application>(options);
+        m_app->start();
+        return m_app->mainWindow();
+    }
+
+    static QSettings settingsStore()
+    {
+        return QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
+    }
+
+    static QList<QMdiSubWindow *> tiledFrames(MainWindow *main)
+    {
+        QList<QMdiSubWindow *> frames;
+        for (QMdiSubWindow *frame : main->mdiArea()->subWindowList(QMdiArea::CreationOrder)) {
+            if (frame->isVisible() && !frame->isMinimized() && !frame->isMaximized())
+                frames << frame;
+        }
+        return frames;
+    }
+
+    static void verifySideBySide(MainWindow *main)
+    {
+        const QList<QMdiSubWindow *> frames = tiledFrames(main);
+        QVERIFY(!frames.isEmpty());
+        const int height = main->mdiArea()->viewport()->height();
+        const int share = main->mdiArea()->viewport()->width() / int(frames.size());
+        int x = 0;
+        for (QMdiSubWindow *frame : frames) {
+            QCOMPARE(frame->geometry().top(), 0);
+            QCOMPARE(frame->geometry().left(), x);
+            QVERIFY(frame->height() == height || frame->height() < height); // room for minimised icons
+            QVERIFY(qAbs(frame->width() - share) < int(frames.size()));
+            x += frame->width();
+        }
+    }
+
+    QTemporaryDir m_temp;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        tw::setMessageBoxHook([this](const QString &text, QMessageBox::Icon) { m_messages << text; });
+    }
+
+    void cleanup()
+    {
+        m_app.reset();
+        m_messages.clear();
+    }
+
+    void windowTableAfterStartup()
+    {
+        MainWindow *main = startApp();
+        QCOMPARE(main->windowTitle(), QStringLiteral("Tarnwick"));
+        QCOMPARE(main->objectName(), QStringLiteral("frmForm"));
+        const QStringList names { "Files", "Network", "Transfer", "Console", "Config" };
+        const QList<QAction *> buttons = main->toolbar()->actions();
+        QCOMPARE(buttons.size(), 5);
+        for (int index = 0; index < names.size(); ++index) {
+            ChildWindow *window = main->child(index);
+            QVERIFY(window);
+            QCOMPARE(main->windowTable().names[index], names[index]);
+            QCOMPARE(window->windowTitle(), names[index]);
+            QCOMPARE(window->tag(), QString::number(index));
+            QCOMPARE(buttons[index]->text(), names[index]);
+            QCOMPARE(buttons[index]->data().toInt(), index);
+        }
+        QCOMPARE(main->windowTable().count, qint16(4));
+        QVERIFY(main->windowTable().names[5].isEmpty());
+        QVERIFY(main->findChild<QObject *>(QStringLiteral("StatusBar1")));
+    }
+
+    void firstStartShowsFolderBrowser()
+    {
+        MainWindow *main = startApp();
+        QVERIFY(main->sharedFolder().isEmpty());
+        QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Normal);
+        QVERIFY(main->frameOf(WindowTable::filesIndex)->isVisible());
+        QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::filesIndex));
+    }
+
+    void storedFolderMinimisesFilesAndBringsConsoleForward()
+    {
+        MainWindow *main = startApp(m_temp.path());
+        QCOMPARE(main->sharedFolder(), m_temp.path());
+        QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Minimised);
+        QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::firstConsoleIndex));
+    }
+
+    void unloadWritesPlacementOnlyWhenNotMinimised()
+    {
+        MainWindow *main = startApp();
+        main->setSharedFolder(QStringLiteral("/srv/tftp"));
+        main->setGeometry(40, 50, 900, 600);
+        const QRect placement = main->geometry();
+        main->close();
+        {
+            QSettings settings = settingsStore();
+            QCOMPARE(settings.value("Settings/MainLeft").toInt(), placement.left() * 15);
+            QCOMPARE(settings.value("Settings/MainTop").toInt(), placement.top() * 15);
+            QCOMPARE(settings.value("Settings/MainWidth").toInt(), placement.width() * 15);
+            QCOMPARE(settings.value("Settings/MainHeight").toInt(), placement.height() * 15);
+            QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/tftp"));
+        }
+        m_app.reset();
+
+        // A second run that ends minimised keeps the last placement but still
+        // stores the folder; the window opened at its designed size regardless.
+        main = startApp(QStringLiteral("/srv/tftp"));
+        QVERIFY(main->geometry() != placement);
+        {
+            QSettings settings = settingsStore();
+            settings.setValue("Settings/MainLeft", 4321);
+        }
+        main->setSharedFolder(QStringLiteral("/srv/other"));
+        main->showMinimized();
+        QTRY_VERIFY(main->isMinimized());
+        main->close();
+        QSettings settings = settingsStore();
+        QCOMPARE(settings.value("Settings/MainLeft").toInt(), 4321);
+        QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/other"));
+    }
+
+    void toolbarClicksMaximiseRestoreAndTile()
+    {
+        MainWindow *main = startApp();
+        QAction *network = main->toolbar()->actions().at(WindowTable::networkIndex);
+
+        network->trigger(); // not active: brought forward
+        QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::networkIndex));
+        QCOMPARE(main->childState(WindowTable::networkIndex), MainWindow::Normal);
+
+        network->trigger(); // active and normal: maximised
+        QCOMPARE(main->childState(WindowTable::networkIndex), MainWindow::Maximised);
+        QVERIFY(main->windowTitle() != QStringLiteral("Tarnwick"));
+
+        // While maximised, a resize of the frame does not re-tile the others.
+        QMdiSubWindow *transfer = main->frameOf(WindowTable::transferIndex);
+        const QRect before = transfer->geometry();
+        main->resize(main->width() + 120, main->height() + 40);
+        QTest::qWait(50);
+        QCOMPARE(transfer->geometry(), before);
+
+        network->trigger(); // active and maximised: back to normal, tiled again
+        QCOMPARE(main->childState(WindowTable::networkIndex), MainWindow::Normal);
+        QCOMPARE(main->windowTitle(), QStringLiteral("Tarnwick"));
+        verifySideBySide(main);
+
+        // A minimised child is shown, focused and restored; clicks never minimise.
+        main->frameOf(WindowTable::configIndex)->showMinimized();
+        QAction *config = main->toolbar()->actions().at(WindowTable::configIndex);
+        config->trigger();
+        QCOMPARE(main->childState(WindowTable::configIndex), MainWindow::Normal);
+        QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::configIndex));
+        verifySideBySide(main);
+    }
+
+    void resizeTilesSideBySide()
+    {
+        MainWindow *main = startApp();
+        main->resize(1100, 700);
+        QTest::qWait(50);
+        QCOMPARE(tiledFrames(main).size(), 5);
+        verifySideBySide(main);
+    }
+
+    void closeBoxHidesFixedWindowsAndRetiles()
+    {
+        MainWindow *main = startApp();
+        for (int index : { WindowTable::filesIndex, WindowTable::networkIndex, WindowTable::transferIndex,
+                           WindowTable::configIndex }) {
+            QPointer<ChildWindow> window = main->child(index);
+            main->frameOf(index)->close();
+            QVERIFY(window);
+            QVERIFY(main->frameOf(index));
+            QVERIFY(main->frameOf(index)->isHidden());
+        }
+        QCOMPARE(tiledFrames(main).size(), 1);
+        verifySideBySide(main);
+        main->toolbar()->actions().at(WindowTable::networkIndex)->trigger();
+        QVERIFY(main->frameOf(WindowTable::networkIndex)->isVisible());
+    }
+
+    void consoleLimitAndPlacementByCount()
+    {
+        MainWindow *main = startApp();
+        main->setConsoleFactory([] {
+            auto *console = new ChildWindow;
+            console->setHideOnClose(false);
+            return console;
+        });
+        for (int expected = 5; expected <= 10; ++expected) {
+            ChildWindow *console = main->newConsole();
+            QVERIFY(console);
+            QCOMPARE(main->windowTable().count, qint16(expected));
+            QCOMPARE(main->child(expected), console);
+            QCOMPARE(main->windowTable().names[expected], QStringLiteral("Console%1").arg(expected - 3));
+            QCOMPARE(console->tag(), QString::number(expected));
+        }
+        QCOMPARE(main->toolbar()->actions().size(), 11);
+        QVERIFY(!main->newConsole());
+        QCOMPARE(m_messages, QStringList { QStringLiteral("Thats enough of that!") });
+        QCOMPARE(main->windowTable().count, qint16(10));
+
+        // Removing the console at index 7 frees its name and button; the next
+        // one goes to the index of the new count (10), overwriting that entry.
+        QPointer<ChildWindow> seventh = main->child(7);
+        ChildWindow *tenth = main->child(10);
+        main->frameOf(7)->close();
+        QTRY_VERIFY(!seventh);
+        QCOMPARE(main->windowTable().count, qint16(9));
+        QVERIFY(main->windowTable().names[7].isEmpty());
+        QCOMPARE(main->toolbar()->actions().size(), 10);
+        ChildWindow *replacement = main->newConsole();
+        QVERIFY(replacement);
+        QCOMPARE(main->child(10), replacement);
+        QVERIFY(replacement != tenth);
+        QCOMPARE(main->windowTable().names[10], QStringLiteral("Console7"));
+    }
+};
+
+QTEST_MAIN(StartupTest)
+#include "tst_startup.moc"
