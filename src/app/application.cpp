@@ -1,7 +1,9 @@
 #include "application.h"
 
 #include "app/main_window.h"
+#include "access/access_list.h"
 #include "app/splash.h"
+#include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
 #include "tftp/transfer_window.h"
 
@@ -17,7 +19,12 @@ Application::Application(const CommandLineOptions &options, QObject *parent)
     : QObject(parent)
     , m_options(options)
     , m_monitor(std::make_unique<TransferMonitor>())
+    , m_accessList(std::make_unique<AccessList>())
+    , m_tftp(std::make_unique<TftpServer>(m_monitor.get(), m_accessList.get()))
 {
+    m_accessList->setFilePath(accessListPath(m_options.aclFile));
+    m_tftp->setPort(m_options.tftpPort);
+    m_tftp->setConfine(m_options.confine);
 }
 
 Application::~Application() = default;
@@ -85,11 +92,13 @@ void Application::createChildren()
         return window;
     };
     m_main->addChild(WindowTable::filesIndex, QStringLiteral("Files"), placeholder(QStringLiteral("Files")));
+    // The access list is loaded when its window is created.
+    m_accessList->load_ACL();
     m_main->addChild(WindowTable::networkIndex, QStringLiteral("Network"), placeholder(QStringLiteral("Network")));
     m_transferWindow = new TransferWindow(m_monitor.get());
     m_main->addChild(WindowTable::transferIndex, QStringLiteral("Transfer"), m_transferWindow);
     connect(m_transferWindow, &TransferWindow::clearOldTransfersRequested, this,
-            [this] { m_monitor->clearOldTransfers(0); });
+            [this] { m_monitor->clearOldTransfers(m_tftp->highestTransferRowInUse()); });
     ChildWindow *console = placeholder(QStringLiteral("Console"));
     m_main->addChild(WindowTable::firstConsoleIndex, QStringLiteral("Console"), console);
     m_main->addChild(WindowTable::configIndex, QStringLiteral("Config"), placeholder(QStringLiteral("Config")));
@@ -97,7 +106,9 @@ void Application::createChildren()
 
 void Application::loadMainWindow()
 {
-    m_monitor->setSocketText(1, TransferMonitor::SocketStatus, QStringLiteral("Listen"));
+    if (!m_tftp->start())
+        reportBindFailure(QStringLiteral("TFTP"), m_options.tftpPort, QStringLiteral("--tftp-port"),
+                          m_tftp->errorString());
     m_main->setSharedFolder(m_options.folderGiven ? m_options.folder : m_main->readFolderPathSetting());
 }
 

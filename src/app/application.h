@@ -5,7 +5,9 @@
 #include <QObject>
 #include <memory>
 
+class AccessList;
 class MainWindow;
+class TftpServer;
 class TransferMonitor;
 class TransferWindow;
 
@@ -27,6 +29,8 @@ public:
 
     MainWindow *mainWindow() const { return m_main.get(); }
     TransferMonitor *monitor() const { return m_monitor.get(); }
+    AccessList *accessList() const { return m_accessList.get(); }
+    TftpServer *tftpServer() const { return m_tftp.get(); }
 
     // Where ACLIST.ini lives: --acl, else the program's folder, else (when that
     // folder cannot be written, as for an installed program) the per-user
@@ -41,6 +45,8 @@ private:
 
     CommandLineOptions m_options;
     std::unique_ptr<TransferMonitor> m_monitor;
+    std::unique_ptr<AccessList> m_accessList;
+    std::unique_ptr<TftpServer> m_tftp;
     std::unique_ptr<MainWindow> m_main;
     TransferWindow *m_transferWindow = nullptr;
 };
