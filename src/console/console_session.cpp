@@ -1,0 +1,383 @@
+#include "console_session.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QSerialPort>
+#include <QTcpSocket>
+#include <QTimer>
+
+#include <cstdio>
+
+quint16 ConsoleSession::s_telnetPort = 23;
+
+namespace {
+constexpr qint16 idleSeconds = 60;
+
+// The socket error numbers a network engineer knows from Winsock; anything
+// without an obvious counterpart keeps Qt's own code.
+int winsockNumber(QAbstractSocket::SocketError error)
+{
+    switch (error) {
+    case QAbstractSocket::ConnectionRefusedError:
+        return 10061;
+    case QAbstractSocket::RemoteHostClosedError:
+        return 10054;
+    case QAbstractSocket::HostNotFoundError:
+        return 11001;
+    case QAbstractSocket::SocketAccessError:
+        return 10013;
+    case QAbstractSocket::SocketResourceError:
+        return 10055;
+    case QAbstractSocket::SocketTimeoutError:
+        return 10060;
+    case QAbstractSocket::NetworkError:
+        return 10050;
+    case QAbstractSocket::AddressInUseError:
+        return 10048;
+    default:
+        return int(error);
+    }
+}
+
+bool parseStopBits(const QString &text, QSerialPort::StopBits *bits)
+{
+    if (text == QLatin1String("1"))
+        *bits = QSerialPort::OneStop;
+    else if (text == QLatin1String("1.5"))
+        *bits = QSerialPort::OneAndHalfStop;
+    else if (text == QLatin1String("2"))
+        *bits = QSerialPort::TwoStop;
+    else
+        return false;
+    return true;
+}
+
+bool parseParity(QChar letter, QSerialPort::Parity *parity)
+{
+    switch (letter.toUpper().toLatin1()) {
+    case 'N':
+        *parity = QSerialPort::NoParity;
+        return true;
+    case 'E':
+        *parity = QSerialPort::EvenParity;
+        return true;
+    case 'O':
+        *parity = QSerialPort::OddParity;
+        return true;
+    case 'M':
+        *parity = QSerialPort::MarkParity;
+        return true;
+    case 'S':
+        *parity = QSerialPort::SpaceParity;
+        return true;
+    default:
+        return false;
+    }
+}
+} // namespace
+
+ConsoleSession::ConsoleSession(QObject *parent)
+    : QObject(parent)
+    , m_serial(new QSerialPort(this))
+    , m_tcp(new QTcpSocket(this))
+    , m_timer1(new QTimer(this))
+    , m_timer2(new QTimer(this))
+{
+    m_serial->setObjectName(QStringLiteral("MSComm1"));
+    m_tcp->setObjectName(QStringLiteral("Winsock1"));
+    m_timer1->setObjectName(QStringLiteral("Timer1"));
+    m_timer2->setObjectName(QStringLiteral("Timer2"));
+    m_timer2->setInterval(1000);
+
+    connect(m_serial, &QSerialPort::readyRead, this, &ConsoleSession::onSerialReadyRead);
+    connect(m_tcp, &QTcpSocket::readyRead, this, &ConsoleSession::onTcpReadyRead);
+    connect(m_tcp, &QTcpSocket::errorOccurred, this, &ConsoleSession::onTcpError);
+    connect(m_timer1, &QTimer::timeout, this, &ConsoleSession::onTimer1);
+    connect(m_timer2, &QTimer::timeout, this, &ConsoleSession::onTimer2);
+}
+
+ConsoleSession::~ConsoleSession()
+{
+    // Unloading a console releases its serial port for other programs.
+    if (m_serial->isOpen())
+        m_serial->close();
+    m_tcp->abort();
+}
+
+void ConsoleSession::setTelnetPort(quint16 port)
+{
+    s_telnetPort = port;
+}
+
+quint16 ConsoleSession::telnetPort()
+{
+    return s_telnetPort;
+}
+
+void ConsoleSession::setTimerIntervals(int timer1Ms, int timer2Ms)
+{
+    m_timer1Interval = timer1Ms;
+    m_timer1->setInterval(timer1Ms);
+    m_timer2->setInterval(timer2Ms);
+}
+
+QString ConsoleSession::portPath(const QString &port)
+{
+    const QString text = port.trimmed();
+    if (text.isEmpty())
+        return {};
+    bool numeric = false;
+    const int number = text.toInt(&numeric);
+    if (numeric) {
+        if (number < 1)
+            return {};
+#ifdef Q_OS_WIN
+        return QStringLiteral("COM%1").arg(number);
+#else
+        return QStringLiteral("/dev/ttyS%1").arg(number - 1);
+#endif
+    }
+#ifdef Q_OS_WIN
+    return text;
+#else
+    return text.startsWith(QLatin1Char('/')) ? text : QStringLiteral("/dev/") + text;
+#endif
+}
+
+QString ConsoleSession::serialPortName() const
+{
+    return m_serial->portName();
+}
+
+bool ConsoleSession::serialOpen() const
+{
+    return m_serial->isOpen();
+}
+
+bool ConsoleSession::tcpConnected() const
+{
+    return m_tcp->state() == QAbstractSocket::ConnectedState;
+}
+
+void ConsoleSession::setKind(const QString &kind)
+{
+    if (m_kind == kind)
+        return;
+    m_kind = kind;
+    Q_EMIT connectionKindChanged(kind);
+}
+
+void ConsoleSession::failSerial(const QString &why)
+{
+    std::fprintf(stderr, "tarnwick: serial port: %s\n", qPrintable(why));
+    Q_EMIT messageBoxRequested(QStringLiteral("cant connect socket in use?"));
+}
+
+void ConsoleSession::ConnectModem(const QString &port, const QString &baud, const QString &parity,
+    const QString &dataBits, const QString &stopBits, const QString &flow)
+{
+    const QString path = portPath(port);
+    if (path.isEmpty())
+        return failSerial(QStringLiteral("\"%1\" names no serial port").arg(port));
+    if (m_serial->isOpen())
+        return failSerial(QStringLiteral("%1 is already open in this console").arg(m_serial->portName()));
+
+    const QString parityText = parity.trimmed();
+    const QChar parityLetter = parityText.isEmpty() ? QChar() : parityText.at(0);
+    m_serialSettings = QStringLiteral("%1,%2,%3,%4")
+                           .arg(baud, QString(parityLetter), dataBits.trimmed(), stopBits.trimmed());
+
+    bool baudOk = false;
+    const int baudRate = baud.trimmed().toInt(&baudOk);
+    bool dataOk = false;
+    const int bits = dataBits.trimmed().toInt(&dataOk);
+    QSerialPort::Parity parityValue;
+    QSerialPort::StopBits stopValue;
+    if (!baudOk || baudRate <= 0 || !parseParity(parityLetter, &parityValue) || !dataOk || bits < 5
+        || bits > 8 || !parseStopBits(stopBits.trimmed(), &stopValue))
+        return failSerial(QStringLiteral("invalid settings \"%1\"").arg(m_serialSettings));
+
+    m_serial->setPortName(path);
+    m_serial->setBaudRate(baudRate);
+    m_serial->setParity(parityValue);
+    m_serial->setDataBits(QSerialPort::DataBits(bits));
+    m_serial->setStopBits(stopValue);
+
+    if (flow == QLatin1String("None")) {
+        m_serial->setFlowControl(QSerialPort::NoFlowControl);
+    } else if (flow == QLatin1String("Hardware")) {
+        m_serial->setFlowControl(QSerialPort::HardwareControl);
+    } else {
+        // Only software flow control opens the port; "None" and "Hardware"
+        // leave it closed. Long-standing behaviour that users rely on.
+        m_serial->setFlowControl(QSerialPort::SoftwareControl);
+        if (!m_serial->open(QIODevice::ReadWrite)) {
+            QString why = QStringLiteral("cannot open %1: %2").arg(path, m_serial->errorString());
+            if (m_serial->error() == QSerialPort::PermissionError)
+                why += QStringLiteral(" (add your user to the dialout group, then log in again)");
+            return failSerial(why);
+        }
+        m_serial->write("\r");
+        setKind(QStringLiteral("Serial"));
+    }
+    enableTimer1();
+}
+
+void ConsoleSession::enableTimer1()
+{
+    // With no interval the timer is enabled but never fires.
+    if (m_timer1Interval > 0)
+        m_timer1->start();
+}
+
+void ConsoleSession::ConnectTCP(const QString &host)
+{
+    // A console that is already connected may connect again: the old
+    // connection is dropped for the new one.
+    m_tcp->abort();
+    m_tcp->connectToHost(host, s_telnetPort);
+    setKind(QStringLiteral("TCP/IP"));
+    if (m_deviceAddress != host) {
+        m_deviceAddress = host;
+        Q_EMIT deviceAddressChanged(host);
+    }
+    m_timer2->start();
+    m_countDown = idleSeconds;
+    m_keepAlive = 1;
+    Q_EMIT idleChanged();
+}
+
+void ConsoleSession::send(const QByteArray &bytes)
+{
+    if (bytes.isEmpty())
+        return;
+    if (m_serial->isOpen())
+        m_serial->write(bytes);
+    if (tcpConnected())
+        m_tcp->write(bytes);
+}
+
+void ConsoleSession::sendSerial(const QByteArray &bytes)
+{
+    if (m_serial->isOpen() && !bytes.isEmpty())
+        m_serial->write(bytes);
+}
+
+void ConsoleSession::disconnectSession()
+{
+    if (m_kind == QLatin1String("TCP/IP")) {
+        m_tcp->close();
+        // Let the socket finish closing, but never hang on a peer that will
+        // not answer.
+        const QDeadlineTimer deadline(2000);
+        while (m_tcp->state() != QAbstractSocket::UnconnectedState && !deadline.hasExpired())
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+        m_tcp->abort();
+    }
+    if (m_kind == QLatin1String("Serial"))
+        m_serial->close();
+    setKind(QString());
+    appendTerminal(QStringLiteral("\r\n\r\nDisconected\r\n"), disconnectColour);
+    m_timer2->stop();
+}
+
+void ConsoleSession::clearTerminal()
+{
+    m_processor.noteCleared();
+    Q_EMIT terminalCleared();
+}
+
+void ConsoleSession::appendTerminal(const QString &text, quint32 colour)
+{
+    m_processor.noteAppended(text);
+    Q_EMIT terminalAppend(text, colour);
+}
+
+void ConsoleSession::processReceived(const QByteArray &block)
+{
+    const QList<TerminalOp> ops = m_processor.feed(block);
+    for (const TerminalOp &op : ops) {
+        switch (op.kind) {
+        case TerminalOp::Append:
+            Q_EMIT terminalAppend(op.text, black);
+            break;
+        case TerminalOp::DeleteLast:
+            Q_EMIT terminalDeleteLast();
+            break;
+        case TerminalOp::LogLine:
+            Q_EMIT logAppend(op.text);
+            break;
+        case TerminalOp::Caption:
+            Q_EMIT captionChanged(op.text);
+            break;
+        }
+    }
+}
+
+void ConsoleSession::onSerialReadyRead()
+{
+    processReceived(m_serial->readAll());
+}
+
+void ConsoleSession::onTcpReadyRead()
+{
+    const QByteArray data = m_tcp->readAll();
+    if (m_listingReader)
+        Q_EMIT listingText(data);
+    else
+        processReceived(data);
+    m_countDown = idleSeconds;
+    m_keepAlive = 1;
+    Q_EMIT idleChanged();
+}
+
+void ConsoleSession::onTcpError(QAbstractSocket::SocketError error)
+{
+    // A peer that closes the line is not an error here: the next Timer2 tick
+    // finds the socket down and reports "Connection timed out".
+    if (error == QAbstractSocket::RemoteHostClosedError)
+        return;
+    appendTerminal(
+        QStringLiteral("Winsock Err: %1-%2\r\n").arg(winsockNumber(error)).arg(m_tcp->errorString()),
+        errorColour);
+    appendTerminal(QStringLiteral(">\r\n"), black);
+    m_tcp->abort();
+    setKind(QString());
+}
+
+void ConsoleSession::onTimer1()
+{
+    if (m_serial->isOpen()) {
+        m_timer2->start();
+        m_serial->write("\x11");
+    }
+    if (tcpConnected()) {
+        m_timer2->start();
+        m_tcp->write("\x11");
+    }
+}
+
+void ConsoleSession::onTimer2()
+{
+    if (tcpConnected()) {
+        --m_countDown;
+        if (m_countDown <= 0) {
+            // Every second idle minute the device gets a harmless
+            // backspace-space, so its own idle time-out never closes the line.
+            if (m_keepAlive != 1) {
+                m_keepAlive = 1;
+                m_tcp->write("\b ");
+            } else {
+                m_keepAlive = 2;
+            }
+            m_countDown = idleSeconds;
+        }
+        Q_EMIT idleChanged();
+        return;
+    }
+    appendTerminal(QStringLiteral("Connection timed out\r"), red);
+    appendTerminal(QStringLiteral(">\r"), black);
+    setKind(QString());
+    m_tcp->abort();
+    m_timer2->stop();
+}

@@ -1,0 +1,283 @@
+#include "console_window.h"
+
+#include "console/console_session.h"
+#include "console/idle_bar.h"
+#include "console/modem_options.h"
+#include "console/terminal_view.h"
+#include "util/message_box.h"
+#include "util/twips.h"
+
+#include <QAction>
+#include <QCheckBox>
+#include <QCloseEvent>
+#include <QGridLayout>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMdiSubWindow>
+#include <QMenuBar>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QSerialPort>
+#include <QTabBar>
+#include <QTextCursor>
+#include <QVBoxLayout>
+
+using tw::twips;
+
+namespace {
+QGroupBox *makeFrame(const QString &name, const QString &title, QWidget *parent)
+{
+    auto *frame = new QGroupBox(title, parent);
+    frame->setObjectName(name);
+    return frame;
+}
+
+QVBoxLayout *emptyContainer(QGroupBox *frame)
+{
+    auto *layout = new QVBoxLayout(frame);
+    layout->setContentsMargins(0, 0, 0, 0);
+    return layout;
+}
+
+// Side panels (flash backup, ROMMON) take this width at the right.
+constexpr int panelWidth = 4200;
+} // namespace
+
+ConsoleWindow::ConsoleWindow(QWidget *parent)
+    : ChildWindow(parent)
+    , m_session(new ConsoleSession(this))
+{
+    setObjectName(QStringLiteral("Console"));
+    setWindowTitle(QStringLiteral("Terminal"));
+    setHideOnClose(false);
+    setAttribute(Qt::WA_DeleteOnClose);
+    resize(twips(9600), twips(6600));
+
+    m_menuBar = new QMenuBar(this);
+    m_menuBar->setNativeMenuBar(false);
+    auto addMenuAction = [this](const char *name, const QString &text) {
+        QAction *action = m_menuBar->addAction(text);
+        action->setObjectName(QLatin1String(name));
+        return action;
+    };
+    m_newConnection = addMenuAction("MnuNewConnection", QStringLiteral("New Connection"));
+    m_disconnect = addMenuAction("MnuDisconnect", QStringLiteral("Disconnect"));
+    m_newConsole = addMenuAction("MnuNewConsole", QStringLiteral("New Console"));
+    m_removeConsole = addMenuAction("MnuRemoveConsole", QStringLiteral("Remove Console"));
+    m_backUpFlash = addMenuAction("MnuBackUpFlash", QStringLiteral("BackUpFlash"));
+    m_rommon = addMenuAction("MnuRommon", QStringLiteral("Rommon TFTP"));
+
+    m_tabStrip = new QTabBar(this);
+    m_tabStrip->setObjectName(QStringLiteral("TabStrip1"));
+    m_tabStrip->setDrawBase(true);
+    for (const char *tab : { "Console", "SNMP", "Log", "Options" })
+        m_tabStrip->addTab(QLatin1String(tab));
+
+    buildPages();
+    connectSession();
+
+    connect(m_newConnection, &QAction::triggered, this, &ConsoleWindow::openConnectionDialog);
+    connect(m_disconnect, &QAction::triggered, m_session, &ConsoleSession::disconnectSession);
+    connect(m_newConsole, &QAction::triggered, this, &ConsoleWindow::newConsoleRequested);
+    connect(m_removeConsole, &QAction::triggered, this, &ConsoleWindow::removeConsole);
+    connect(m_tabStrip, &QTabBar::currentChanged, this, &ConsoleWindow::selectTab);
+
+    selectTab(0);
+}
+
+ConsoleWindow::~ConsoleWindow() = default;
+
+void ConsoleWindow::buildPages()
+{
+    m_frames[0] = makeFrame(QStringLiteral("Frame1"), QStringLiteral("Console"), this);
+    m_consoleBox = new TerminalView(m_frames[0]);
+    m_idleBar = new IdleBar(m_session, m_frames[0]);
+    m_clearConsole = new QPushButton(QStringLiteral("Clear Console"), m_frames[0]);
+    m_clearConsole->setObjectName(QStringLiteral("Command1"));
+    m_clearConsole->setFocusPolicy(Qt::NoFocus);
+
+    m_frames[1] = makeFrame(QStringLiteral("Frame2"), QStringLiteral("SNMP"), this);
+    emptyContainer(m_frames[1]);
+
+    m_frames[2] = makeFrame(QStringLiteral("Frame3"), QString(), this);
+    m_logBox = new QPlainTextEdit(m_frames[2]);
+    m_logBox->setObjectName(QStringLiteral("logbox"));
+    m_logBox->setReadOnly(true);
+    m_logBox->setUndoRedoEnabled(false);
+    m_clearLog = new QPushButton(QStringLiteral("Clear Log"), m_frames[2]);
+    m_clearLog->setObjectName(QStringLiteral("Command2"));
+
+    m_frames[3] = makeFrame(QStringLiteral("Frame4"), QStringLiteral("Settings"), this);
+    auto *logServer = makeFrame(QStringLiteral("Frame8"), QStringLiteral("LogServer"), m_frames[3]);
+    m_logToFile = new QCheckBox(QStringLiteral("Log To File"), logServer);
+    m_logToFile->setObjectName(QStringLiteral("Check1"));
+    m_choosePath = new QPushButton(QStringLiteral("Choose Path"), logServer);
+    m_choosePath->setObjectName(QStringLiteral("Command7"));
+    m_pathLabel = new QLabel(QStringLiteral("Path to file"), logServer);
+    m_pathLabel->setObjectName(QStringLiteral("Label16"));
+    auto *logServerLayout = new QGridLayout(logServer);
+    logServerLayout->addWidget(m_logToFile, 0, 0);
+    logServerLayout->addWidget(m_choosePath, 0, 1);
+    logServerLayout->addWidget(m_pathLabel, 1, 0, 1, 2);
+
+    auto *tftpLabel = new QLabel(QStringLiteral("TFTP Server Address"), m_frames[3]);
+    tftpLabel->setObjectName(QStringLiteral("Label10"));
+    m_tftpServer = new QLineEdit(m_frames[3]);
+    m_tftpServer->setObjectName(QStringLiteral("Text1"));
+    tftpLabel->setBuddy(m_tftpServer);
+    auto *tftpRow = new QHBoxLayout;
+    tftpRow->addWidget(tftpLabel);
+    tftpRow->addWidget(m_tftpServer, 1);
+    auto *settingsLayout = new QVBoxLayout(m_frames[3]);
+    settingsLayout->addWidget(logServer);
+    settingsLayout->addLayout(tftpRow);
+    settingsLayout->addStretch(1);
+
+    m_backUpFlashFrame = makeFrame(QStringLiteral("Frame6"), QStringLiteral("BackUpFlash"), this);
+    emptyContainer(m_backUpFlashFrame);
+    m_backUpFlashFrame->hide();
+    m_rommonFrame = makeFrame(QStringLiteral("Frame7"), QStringLiteral("TFTP Rommon "), this);
+    emptyContainer(m_rommonFrame);
+    m_rommonFrame->hide();
+
+    connect(m_clearConsole, &QPushButton::clicked, m_session, &ConsoleSession::clearTerminal);
+    connect(m_clearLog, &QPushButton::clicked, m_logBox, &QPlainTextEdit::clear);
+}
+
+void ConsoleWindow::connectSession()
+{
+    connect(m_session, &ConsoleSession::terminalAppend, m_consoleBox, &TerminalView::putText);
+    connect(m_session, &ConsoleSession::terminalDeleteLast, m_consoleBox, &TerminalView::deleteLastChar);
+    connect(m_session, &ConsoleSession::terminalCleared, m_consoleBox, &QPlainTextEdit::clear);
+    connect(m_session, &ConsoleSession::logAppend, this, [this](const QString &text) {
+        QTextCursor cursor(m_logBox->document());
+        cursor.movePosition(QTextCursor::End);
+        cursor.insertText(text);
+    });
+    connect(m_session, &ConsoleSession::captionChanged, this, [this](const QString &caption) {
+        setWindowTitle(caption);
+        Q_EMIT captionChanged(caption);
+    });
+    connect(m_session, &ConsoleSession::messageBoxRequested, this,
+        [](const QString &text) { tw::messageBox(text, QMessageBox::Warning); });
+    connect(m_consoleBox, &TerminalView::keyBytes, m_session, &ConsoleSession::send);
+    connect(m_consoleBox, &TerminalView::pasteRequested, m_session,
+        [this](const QString &text) { m_session->send(text.toLatin1()); });
+}
+
+void ConsoleWindow::selectTab(int index)
+{
+    if (index < 0 || index > 3)
+        return;
+    if (m_tabStrip->currentIndex() != index)
+        m_tabStrip->setCurrentIndex(index); // comes back here through currentChanged
+    for (int i = 0; i < 4; ++i)
+        m_frames[i]->setVisible(i == index);
+    relayout();
+    if (index == 0)
+        m_consoleBox->setFocus();
+}
+
+void ConsoleWindow::relayout()
+{
+    const int top = m_menuBar->sizeHint().height();
+    m_menuBar->setGeometry(0, 0, width(), top);
+
+    int usableWidth = width();
+    const bool panel = m_backUpFlashFrame->isVisibleTo(this) || m_rommonFrame->isVisibleTo(this);
+    if (panel) {
+        const int panelLeft = qMax(0, width() - twips(panelWidth) - twips(60));
+        QRect area(panelLeft, top + twips(60), twips(panelWidth), qMax(0, height() - top - twips(120)));
+        if (m_backUpFlashFrame->isVisibleTo(this) && m_rommonFrame->isVisibleTo(this)) {
+            const int half = area.height() / 2;
+            m_backUpFlashFrame->setGeometry(area.adjusted(0, 0, 0, -half));
+            m_rommonFrame->setGeometry(area.adjusted(0, area.height() - half, 0, 0));
+        } else {
+            (m_backUpFlashFrame->isVisibleTo(this) ? m_backUpFlashFrame : m_rommonFrame)->setGeometry(area);
+        }
+        usableWidth = panelLeft;
+    }
+
+    // The tab strip is the window's width less 100 and its height less 200;
+    // a page is 600 narrower than the window, 250 above its bottom edge and
+    // 125 from its left edge (all in twips).
+    const int stripHeight = m_tabStrip->sizeHint().height();
+    m_tabStrip->setGeometry(twips(50), top + twips(50), qMax(0, usableWidth - twips(100)), stripHeight);
+    const int pageTop = top + twips(50) + stripHeight;
+    const QRect page(
+        twips(125), pageTop, qMax(0, usableWidth - twips(600)), qMax(0, height() - twips(250) - pageTop));
+    for (int i = 0; i < 4; ++i) {
+        // Hidden pages keep their size until they are shown.
+        if (m_frames[i]->isVisibleTo(this))
+            layoutPage(i, page);
+    }
+}
+
+void ConsoleWindow::layoutPage(int index, const QRect &area)
+{
+    QGroupBox *frame = m_frames[index];
+    frame->setGeometry(area);
+    const int viewLeft = twips(75);
+    const int viewTop = twips(300);
+    const int viewWidth = qMax(0, area.width() - twips(150));
+    if (index == 0) {
+        // The terminal leaves room beneath it for the idle bar and "Clear Console".
+        const int boxHeight = qMax(0, area.height() - twips(900));
+        m_consoleBox->setGeometry(viewLeft, viewTop, viewWidth, boxHeight);
+        const int below = viewTop + boxHeight + twips(60);
+        const int buttonWidth = qMax(twips(1500), m_clearConsole->sizeHint().width());
+        const int buttonHeight = twips(450);
+        m_clearConsole->setGeometry(viewLeft + viewWidth - buttonWidth, below, buttonWidth, buttonHeight);
+        m_idleBar->setGeometry(
+            viewLeft, below + twips(90), qMax(0, viewWidth - buttonWidth - twips(120)), twips(270));
+    } else if (index == 2) {
+        m_logBox->setGeometry(viewLeft, viewTop, viewWidth, qMax(0, area.height() - twips(500)));
+        // "Clear Log" sits in the frame's top edge, right-aligned, above the view.
+        const QSize hint = m_clearLog->sizeHint();
+        m_clearLog->setGeometry(
+            viewLeft + viewWidth - hint.width(), 0, hint.width(), qMin(hint.height(), viewTop));
+    }
+    // The SNMP and settings pages lay out their own contents.
+}
+
+void ConsoleWindow::openConnectionDialog()
+{
+    auto *dialog = new ModemOptions(window());
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setWhoasked(m_session);
+    dialog->setWindowModality(Qt::ApplicationModal);
+    dialog->show();
+}
+
+void ConsoleWindow::removeConsole()
+{
+    m_session->clearTerminal();
+    if (QMdiSubWindow *frame = mdiFrame())
+        frame->close();
+    else
+        close();
+}
+
+void ConsoleWindow::resizeEvent(QResizeEvent *event)
+{
+    ChildWindow::resizeEvent(event);
+    relayout();
+}
+
+void ConsoleWindow::showEvent(QShowEvent *event)
+{
+    ChildWindow::showEvent(event);
+    relayout();
+}
+
+void ConsoleWindow::closeEvent(QCloseEvent *event)
+{
+    ChildWindow::closeEvent(event);
+    if (!event->isAccepted())
+        return;
+    if (m_session->serialOpen())
+        m_session->serialPort()->close();
+    Q_EMIT consoleUnloaded(tag());
+}

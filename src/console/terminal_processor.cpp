@@ -1,0 +1,156 @@
+#include "terminal_processor.h"
+
+namespace {
+constexpr int tailKeep = 4096;
+constexpr int tailLimit = 16384;
+constexpr int hostTail = 41;
+
+void pushAppend(QList<TerminalOp> &ops, const QString &text)
+{
+    if (!ops.isEmpty() && ops.last().kind == TerminalOp::Append)
+        ops.last().text += text;
+    else
+        ops.append(TerminalOp { TerminalOp::Append, text });
+}
+} // namespace
+
+QList<TerminalOp> TerminalProcessor::feed(const QByteArray &block)
+{
+    QList<TerminalOp> ops;
+    QString pending;
+    pending.reserve(128);
+    static const QString lineEnd = QStringLiteral("\r\n");
+
+    for (const char byte : block) {
+        const uchar c = uchar(byte);
+        if (c == 8) {
+            if (!pending.isEmpty()) {
+                pending.chop(1);
+            } else {
+                // The pending text appended so far in this block is already in
+                // the terminal; the op list must stay in order with it.
+                ops.append(TerminalOp { TerminalOp::DeleteLast, QString() });
+                deleteFromTail();
+            }
+        } else if (c == 13) {
+            if (pending.startsWith(QLatin1Char('*')))
+                ops.append(TerminalOp { TerminalOp::LogLine, pending + lineEnd });
+            pending += lineEnd;
+            appendToTail(pending);
+            pushAppend(ops, pending);
+            pending.clear();
+        } else if (c >= 32 && c <= 126) {
+            pending += QLatin1Char(char(c));
+        }
+    }
+
+    if (pending.size() > 1 && (pending.endsWith(QLatin1Char('#')) || pending.endsWith(QLatin1Char('>')))) {
+        // A terminal too short for the tail leaves the text empty, and the
+        // console's caption is then emptied too.
+        const QString before = tail(hostTail);
+        QString name;
+        if (!before.isEmpty())
+            name = hostName(QString(before + QString::fromLatin1(block)));
+        ops.append(TerminalOp { TerminalOp::Caption, name });
+    }
+    if (!pending.isEmpty()) {
+        appendToTail(pending);
+        pushAppend(ops, pending);
+    }
+    return ops;
+}
+
+void TerminalProcessor::noteAppended(const QString &text)
+{
+    appendToTail(text);
+}
+
+void TerminalProcessor::noteCleared()
+{
+    m_tail.clear();
+    m_truncated = false;
+}
+
+QString TerminalProcessor::tail(int n) const
+{
+    if (m_tail.size() < n) {
+        if (!m_truncated)
+            return {};
+        return m_tail; // should not happen: we always keep far more than n
+    }
+    return m_tail.right(n);
+}
+
+QString TerminalProcessor::hostName(QStringView text)
+{
+    QString word;
+    for (const QChar ch : text) {
+        if (ch == QLatin1Char('('))
+            break;
+        if (ch.unicode() < 33)
+            word.clear();
+        else
+            word += ch;
+    }
+    return word;
+}
+
+QByteArray TerminalProcessor::keyBytes(int key, Qt::KeyboardModifiers modifiers, const QString &text)
+{
+    const bool ctrl = modifiers & Qt::ControlModifier;
+    switch (key) {
+    case Qt::Key_Tab:
+        return QByteArray("\t");
+    case Qt::Key_Pause:
+        // Ctrl+Break is the Telnet IAC BRK pair, on serial lines too.
+        return ctrl ? QByteArray("\xff\xf3", 2) : QByteArray();
+    case Qt::Key_Left:
+        return QByteArray("\x1b[D");
+    case Qt::Key_Up:
+        return QByteArray("\x1b[A");
+    case Qt::Key_Right:
+        return QByteArray("\x1b[C");
+    case Qt::Key_Down:
+        return QByteArray("\x1b[B");
+    case Qt::Key_Return:
+    case Qt::Key_Enter:
+        return QByteArray("\r");
+    case Qt::Key_Backspace:
+        return QByteArray("\b");
+    case Qt::Key_Escape:
+        return QByteArray("\x1b");
+    case Qt::Key_Delete:
+        return {}; // a terminal key with no character of its own
+    default:
+        break;
+    }
+    // Ctrl with a letter is the control character, as a terminal sends it
+    // (Ctrl+A gives 1); platforms differ in what text they attach to it.
+    if (ctrl && key >= Qt::Key_A && key <= Qt::Key_Z)
+        return QByteArray(1, char(key - Qt::Key_A + 1));
+    if (text.isEmpty())
+        return {};
+    QByteArray bytes;
+    for (const QChar ch : text)
+        bytes.append(ch.unicode() < 256 ? char(ch.unicode()) : '?');
+    return bytes;
+}
+
+void TerminalProcessor::appendToTail(QStringView text)
+{
+    m_tail.append(text);
+    if (m_tail.size() > tailLimit) {
+        m_tail.remove(0, m_tail.size() - tailKeep);
+        m_truncated = true;
+    }
+}
+
+void TerminalProcessor::deleteFromTail()
+{
+    // The view keeps a line end as one paragraph break, so deleting the last
+    // character after CR LF takes both.
+    if (m_tail.endsWith(QLatin1String("\r\n")))
+        m_tail.chop(2);
+    else
+        m_tail.chop(1);
+}
