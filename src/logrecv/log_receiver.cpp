@@ -1,0 +1,153 @@
+#include "log_receiver.h"
+
+#include "logrecv/log_options.h"
+
+#include <QDir>
+#include <QFile>
+#include <QStringDecoder>
+#include <QUdpSocket>
+
+#include <sys/socket.h>
+
+namespace {
+constexpr int wantedReceiveBuffer = 8 * 1024 * 1024;
+constexpr int maxDatagram = 65536;
+
+// Raise the kernel queue for bursts. SO_RCVBUFFORCE passes the system cap when
+// we hold the right (root, CAP_NET_ADMIN); otherwise SO_RCVBUF takes what the
+// cap allows.
+void raiseReceiveBuffer(qintptr fd)
+{
+    int size = wantedReceiveBuffer;
+#ifdef SO_RCVBUFFORCE
+    if (::setsockopt(int(fd), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) == 0)
+        return;
+#endif
+    ::setsockopt(int(fd), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+}
+
+// Devices send ASCII, sometimes UTF-8; anything else is shown byte for byte.
+QString datagramText(const QByteArray &bytes)
+{
+    QStringDecoder utf8(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString text = utf8(bytes);
+    if (utf8.hasError())
+        text = QString::fromLatin1(bytes);
+    return text;
+}
+} // namespace
+
+LogReceiver::LogReceiver(LogOptions *options, QObject *parent)
+    : QObject(parent)
+    , m_options(options)
+{
+    m_buffer.resize(maxDatagram);
+}
+
+LogReceiver::~LogReceiver() = default;
+
+bool LogReceiver::bind(quint16 port, const QHostAddress &address)
+{
+    delete m_socket;
+    m_socket = new QUdpSocket(this);
+    m_socket->setObjectName(QStringLiteral("Log"));
+    if (!m_socket->bind(address, port)) {
+        m_error = m_socket->errorString();
+        delete m_socket;
+        m_socket = nullptr;
+        return false;
+    }
+    m_error.clear();
+    raiseReceiveBuffer(m_socket->socketDescriptor());
+    connect(m_socket, &QUdpSocket::readyRead, this, &LogReceiver::readPending);
+    return true;
+}
+
+quint16 LogReceiver::localPort() const
+{
+    return m_socket ? m_socket->localPort() : 0;
+}
+
+int LogReceiver::receiveBufferSize() const
+{
+    if (!m_socket)
+        return 0;
+    int size = 0;
+    socklen_t length = sizeof size;
+    ::getsockopt(int(m_socket->socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &size, &length);
+    return size;
+}
+
+QString LogReceiver::logFileName(const QString &sender, const QDate &date, const QLocale &locale)
+{
+    QString day = locale.toString(date, QLocale::ShortFormat);
+    day.replace(QLatin1Char('/'), QLatin1Char('-'));
+    return sender + QLatin1Char(' ') + day + QStringLiteral(".log");
+}
+
+void LogReceiver::readPending()
+{
+    // A bounded batch per wake-up keeps the window responsive in a flood; what
+    // is left wakes the (level-triggered) notifier again on the next turn.
+    QHostAddress from;
+    for (int batch = 0; batch < 256 && m_socket && m_socket->hasPendingDatagrams(); ++batch) {
+        const qint64 size = m_socket->readDatagram(m_buffer.data(), m_buffer.size(), &from);
+        if (size < 0)
+            break;
+        handle(QByteArray::fromRawData(m_buffer.constData(), size), from);
+    }
+}
+
+QString LogReceiver::senderText(const QHostAddress &from)
+{
+    // Consoles carry dotted IPv4 tags; a mapped ::ffff:a.b.c.d must match them.
+    bool isV4 = false;
+    const quint32 value = from.toIPv4Address(&isV4);
+    if (!isV4)
+        return from.toString();
+    if (value != m_lastSenderValue || m_lastSenderText.isEmpty()) {
+        m_lastSenderValue = value;
+        m_lastSenderText = QHostAddress(value).toString();
+    }
+    return m_lastSenderText;
+}
+
+void LogReceiver::handle(const QByteArray &bytes, const QHostAddress &from)
+{
+    ++m_counters.received;
+    const QString sender = senderText(from);
+    const bool delivered = m_router && m_router(sender, datagramText(bytes));
+    if (!delivered) {
+        ++m_counters.dropped;
+        Q_EMIT datagramHandled(sender, false);
+        return;
+    }
+    ++m_counters.delivered;
+    if (m_options && m_options->logToFile()) {
+        if (appendRecord(sender, bytes))
+            ++m_counters.written;
+        else
+            ++m_counters.writeFailures;
+    }
+    Q_EMIT datagramHandled(sender, true);
+}
+
+bool LogReceiver::appendRecord(const QString &sender, const QByteArray &bytes)
+{
+    const QDate today = QDate::currentDate();
+    if (today.toJulianDay() != m_cachedDay || m_cachedDateText.isEmpty()) {
+        m_cachedDay = today.toJulianDay();
+        m_cachedDateText = logFileName(QString(), today).mid(1); // " dd-mm-yy.log" without the blank
+    }
+    const QString folder = m_options->effectiveFolder();
+    QFile file(folder + QLatin1Char('/') + sender + QLatin1Char(' ') + m_cachedDateText);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Append)) {
+        // A folder that is missing (never created, or removed since) is made once.
+        if (!QDir().mkpath(folder) || !file.open(QIODevice::WriteOnly | QIODevice::Append))
+            return false;
+    }
+    // The record, its own CR, then the line end: CR CR LF.
+    const bool ok = file.write(bytes) == bytes.size() && file.write("\r\r\n", 3) == 3;
+    file.close();
+    return ok && file.error() == QFileDevice::NoError;
+}
