@@ -138,8 +138,7 @@ void TftpServer::showPorts(int slot)
     if (!sl.socket)
         return;
     setSocketColumn(slot, TransferMonitor::LocalPort, QString::number(sl.socket->localPort()));
-    setSocketColumn(
-        slot, TransferMonitor::RemotePort, QString::number(sl.tag == Tag::Null ? 0 : sl.peerPort));
+    setSocketColumn(slot, TransferMonitor::RemotePort, QString::number(sl.peerPort));
 }
 
 void TftpServer::readPending(QUdpSocket *socket)
