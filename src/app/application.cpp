@@ -3,6 +3,10 @@
 #include "app/main_window.h"
 #include "access/access_list.h"
 #include "app/splash.h"
+#include "browser/browser_window.h"
+#include "console/connection_history.h"
+#include "console/console_session.h"
+#include "console/console_window.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
 #include "tftp/transfer_window.h"
@@ -25,6 +29,7 @@ Application::Application(const CommandLineOptions &options, QObject *parent)
     m_accessList->setFilePath(accessListPath(m_options.aclFile));
     m_tftp->setPort(m_options.tftpPort);
     m_tftp->setConfine(m_options.confine);
+    ConsoleSession::setTelnetPort(m_options.telnetPort);
 }
 
 Application::~Application() = default;
@@ -52,6 +57,7 @@ QString Application::accessListPath(const QString &optionValue)
 void Application::start()
 {
     m_main = std::make_unique<MainWindow>();
+    m_main->setConsoleFactory([this] { return createConsole(); });
     if (m_options.headless) {
         connect(m_monitor.get(), &TransferMonitor::transferRowChanged, this,
                 [this](int row) { printLine(m_monitor->transferLine(row)); });
@@ -77,6 +83,11 @@ void Application::start()
         m_main->mdiArea()->setActiveSubWindow(m_main->frameOf(WindowTable::filesIndex));
     }
 
+    if (!m_options.connectHost.isEmpty()) {
+        if (auto *console = qobject_cast<ConsoleWindow *>(m_main->child(WindowTable::firstConsoleIndex)))
+            connectTcpRemembered(console->session(), m_options.connectHost);
+    }
+
     if (!m_options.headless) {
         m_main->show();
         (new Splash)->show();
@@ -91,17 +102,29 @@ void Application::createChildren()
         window->setObjectName(name);
         return window;
     };
-    m_main->addChild(WindowTable::filesIndex, QStringLiteral("Files"), placeholder(QStringLiteral("Files")));
+    m_browser = new BrowserWindow;
+    m_main->addChild(WindowTable::filesIndex, QStringLiteral("Files"), m_browser, 1);
+    connect(m_browser, &BrowserWindow::sharedFolderChanged, m_main.get(), &MainWindow::setSharedFolder);
     // The access list is loaded when its window is created.
     m_accessList->load_ACL();
-    m_main->addChild(WindowTable::networkIndex, QStringLiteral("Network"), placeholder(QStringLiteral("Network")));
+    m_main->addChild(WindowTable::networkIndex, QStringLiteral("Network"), placeholder(QStringLiteral("Network")), 8);
     m_transferWindow = new TransferWindow(m_monitor.get());
-    m_main->addChild(WindowTable::transferIndex, QStringLiteral("Transfer"), m_transferWindow);
+    m_main->addChild(WindowTable::transferIndex, QStringLiteral("Transfer"), m_transferWindow, 3);
     connect(m_transferWindow, &TransferWindow::clearOldTransfersRequested, this,
             [this] { m_monitor->clearOldTransfers(m_tftp->highestTransferRowInUse()); });
-    ChildWindow *console = placeholder(QStringLiteral("Console"));
+    ConsoleWindow *console = createConsole();
     m_main->addChild(WindowTable::firstConsoleIndex, QStringLiteral("Console"), console);
-    m_main->addChild(WindowTable::configIndex, QStringLiteral("Config"), placeholder(QStringLiteral("Config")));
+    m_main->registerConsole(WindowTable::firstConsoleIndex, console);
+    m_main->addChild(WindowTable::configIndex, QStringLiteral("Config"), placeholder(QStringLiteral("Config")), 4);
+}
+
+ConsoleWindow *Application::createConsole()
+{
+    auto *console = new ConsoleWindow;
+    connect(console, &ConsoleWindow::newConsoleRequested, m_main.get(), &MainWindow::newConsole);
+    connect(console, &ConsoleWindow::captionChanged, m_main.get(),
+            [this, console](const QString &caption) { m_main->setToolbarButtonText(console, caption); });
+    return console;
 }
 
 void Application::loadMainWindow()
@@ -110,6 +133,8 @@ void Application::loadMainWindow()
         reportBindFailure(QStringLiteral("TFTP"), m_options.tftpPort, QStringLiteral("--tftp-port"),
                           m_tftp->errorString());
     m_main->setSharedFolder(m_options.folderGiven ? m_options.folder : m_main->readFolderPathSetting());
+    m_browser->setSharedFolder(m_main->sharedFolder());
+    m_browser->Show_folders();
 }
 
 void Application::reportBindFailure(const QString &what, quint16 port, const QString &option, const QString &error)

@@ -6,6 +6,8 @@
 #include <memory>
 
 class AccessList;
+class BrowserWindow;
+class ConsoleWindow;
 class MainWindow;
 class TftpServer;
 class TransferMonitor;
@@ -31,6 +33,7 @@ public:
     TransferMonitor *monitor() const { return m_monitor.get(); }
     AccessList *accessList() const { return m_accessList.get(); }
     TftpServer *tftpServer() const { return m_tftp.get(); }
+    BrowserWindow *browser() const { return m_browser; }
 
     // Where ACLIST.ini lives: --acl, else the program's folder, else (when that
     // folder cannot be written, as for an installed program) the per-user
@@ -39,6 +42,7 @@ public:
 
 private:
     void createChildren();
+    ConsoleWindow *createConsole();
     void loadMainWindow();
     void reportBindFailure(const QString &what, quint16 port, const QString &option, const QString &error);
     void printLine(const QString &line);
@@ -49,4 +53,5 @@ private:
     std::unique_ptr<TftpServer> m_tftp;
     std::unique_ptr<MainWindow> m_main;
     TransferWindow *m_transferWindow = nullptr;
+    BrowserWindow *m_browser = nullptr;
 };

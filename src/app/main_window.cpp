@@ -1,5 +1,6 @@
 #include "main_window.h"
 
+#include "util/image_list.h"
 #include "util/message_box.h"
 #include "util/twips.h"
 
@@ -66,7 +67,14 @@ MainWindow::MainWindow(QWidget *parent)
     resize(tw::twips(15360), tw::twips(10800));
 }
 
-void MainWindow::addChild(int index, const QString &name, ChildWindow *window)
+MainWindow::~MainWindow()
+{
+    // Consoles report their destruction to this window; let them go while the
+    // table and the buttons still exist.
+    delete m_mdi;
+}
+
+void MainWindow::addChild(int index, const QString &name, ChildWindow *window, int buttonImage)
 {
     if (index < 0 || index >= WindowTable::size)
         return;
@@ -75,13 +83,14 @@ void MainWindow::addChild(int index, const QString &name, ChildWindow *window)
     frame->hide();
     window->setWindowTitle(name);
     window->setTag(QString::number(index));
-    if (!windowIcon().isNull())
-        window->setWindowIcon(windowIcon());
+    window->setWindowIcon(tw::imageListIcon(1));
     m_table.instances[index] = window;
     m_table.names[index] = name;
 
     QAction *button = m_toolbar->addAction(name);
     button->setData(index);
+    if (buttonImage > 0)
+        button->setIcon(tw::imageListIcon(buttonImage));
     button->setObjectName(QStringLiteral("Button") + QString::number(index));
     connect(button, &QAction::triggered, this, [this, button] { toolbarClicked(button->data().toInt()); });
     m_buttons.insert(window, button);
@@ -130,14 +139,22 @@ ChildWindow *MainWindow::newConsole()
     const int index = m_table.count;
     ChildWindow *console = m_consoleFactory();
     addChild(index, QStringLiteral("Console") + QString::number(index - 3), console);
+    registerConsole(index, console);
+    console->mdiFrame()->show();
+    console->show();
+    return console;
+}
+
+void MainWindow::registerConsole(int index, ChildWindow *console)
+{
     m_consoleIndex.insert(console, index);
     // The tag may later be shared with an older console at the same index; the
     // button and the table slot are found through the window itself.
     connect(console, &QObject::destroyed, this, &MainWindow::consoleDestroyed);
-    console->mdiFrame()->setAttribute(Qt::WA_DeleteOnClose);
-    console->mdiFrame()->show();
-    console->show();
-    return console;
+    if (QMdiSubWindow *frame = console->mdiFrame())
+        frame->setAttribute(Qt::WA_DeleteOnClose);
+    if (QAction *button = m_buttons.value(console))
+        button->setIcon(tw::imageListIcon(2));
 }
 
 void MainWindow::consoleDestroyed(QObject *console)

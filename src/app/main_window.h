@@ -29,6 +29,7 @@ public:
     enum ChildState { Normal = 0, Minimised = 1, Maximised = 2 };
 
     explicit MainWindow(QWidget *parent = nullptr);
+    ~MainWindow() override;
 
     WindowTable &windowTable() { return m_table; }
     QMdiArea *mdiArea() const { return m_mdi; }
@@ -36,7 +37,7 @@ public:
 
     // Puts `window` into the table at `index` under `name`: MDI frame, caption,
     // icon, tag and toolbar button. The window is not shown.
-    void addChild(int index, const QString &name, ChildWindow *window);
+    void addChild(int index, const QString &name, ChildWindow *window, int buttonImage = 0);
     ChildWindow *child(int index) const;
     QMdiSubWindow *frameOf(int index) const;
     ChildState childState(int index) const;
@@ -44,6 +45,9 @@ public:
     // "New Console": refuses with "Thats enough of that!" at the limit.
     void setConsoleFactory(ConsoleFactory factory) { m_consoleFactory = std::move(factory); }
     ChildWindow *newConsole();
+    // Consoles really close: their frame goes with them, and so do their
+    // toolbar button and their name in the table.
+    void registerConsole(int index, ChildWindow *console);
 
     // The toolbar button of the window with this tag (first one when several
     // consoles share a tag).

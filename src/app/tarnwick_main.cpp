@@ -3,6 +3,7 @@
 #include "app/application.h"
 #include "app/command_line.h"
 #include "app/unix_signals.h"
+#include "util/image_list.h"
 
 #include <QApplication>
 #include <cstdio>
@@ -51,6 +52,7 @@ int tarnwickMain(int argc, char **argv)
     QApplication::setOrganizationName(QStringLiteral("Tarnwick"));
     QApplication::setApplicationName(QStringLiteral("Tarnwick"));
     QApplication::setApplicationVersion(QStringLiteral(TARNWICK_VERSION));
+    QApplication::setWindowIcon(tw::programIcon());
 
     Application tarnwick(options);
     UnixSignalWatcher signalWatcher;
