@@ -5,6 +5,7 @@
 #include "util/twips.h"
 
 #include <QGridLayout>
+#include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
@@ -28,8 +29,11 @@ SnmpPage::SnmpPage(std::function<QString()> deviceAddress, QWidget *parent)
     auto *grid = new QGridLayout;
     grid->addWidget(addLabel("Label2", tr("String")), 0, 0);
     grid->addWidget(m_community, 0, 1);
-    grid->addWidget(start, 0, 2);
-    grid->addWidget(stop, 0, 3);
+    auto *buttons = new QHBoxLayout;
+    buttons->addWidget(start);
+    buttons->addWidget(stop);
+    buttons->addStretch();
+    grid->addLayout(buttons, 0, 2, 1, 2);
     grid->addWidget(addLabel("Uptime", tr("Uptime")), 1, 0);
     grid->addWidget(addLabel("Label3", QString()), 1, 1);
     grid->addWidget(addLabel("CPU", tr("CPU %")), 1, 2);
@@ -40,8 +44,8 @@ SnmpPage::SnmpPage(std::function<QString()> deviceAddress, QWidget *parent)
     grid->addWidget(addLabel("Label7", QString()), 2, 3);
     grid->addWidget(addLabel("Label8", tr("Interfaces")), 3, 0);
     grid->addWidget(addLabel("Label9", QString()), 3, 1);
-    grid->setColumnStretch(1, 2);
-    grid->setColumnStretch(3, 3);
+    grid->setColumnStretch(1, 1);
+    grid->setColumnStretch(3, 1);
 
     // The list sits 2100 twips lower than the page and 150 narrower: the rest
     // is the block of controls above it and the margins.
@@ -58,6 +62,7 @@ SnmpPage::SnmpPage(std::function<QString()> deviceAddress, QWidget *parent)
     m_stats->setUniformRowHeights(true);
     m_stats->setAlternatingRowColors(true);
     m_stats->header()->setDefaultSectionSize(90);
+    m_stats->header()->resizeSection(4, 165); // room for a whole MAC address
 
     auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(side, side, side, side);
