@@ -1,12 +1,11 @@
-// The word splitter, the flash listing reader and the flash list's rules,
-// without any connection or window.
+// The word splitter and the flash listing reader, without any connection.
+// (The list's ticking rule and the copy commands are tested through a
+// console against a fake device.)
 
-#include "recovery/flash_backup.h"
 #include "recovery/flash_listing_reader.h"
 #include "util/word_splitter.h"
 
 #include <QRandomGenerator>
-#include <QSignalSpy>
 #include <QTest>
 
 class TestFlashListing : public QObject
@@ -19,8 +18,6 @@ private Q_SLOTS:
     void reader();
     void readerAcrossBlocks();
     void readerSurvivesJunk();
-    void tickingRules();
-    void copyCommands();
 };
 
 void TestFlashListing::splitter_data()
@@ -136,58 +133,6 @@ void TestFlashListing::readerSurvivesJunk()
     const auto entries = reader.feed("7 -rw- 10 Jan 1 2020 00:00:00 +00:00 ok.bin\r");
     QCOMPARE(entries.size(), 1);
     QCOMPARE(entries.first().at(8), QStringLiteral("ok.bin"));
-}
-
-static const QByteArray threeRowListing
-    = "    1  -rw-   8617624  Mar 01 1993 00:01:41 +00:00  c2600.bin\r\n"
-      "    2  -rw-      2048  Mar 02 1993 10:11:12 +00:00  startup.cfg\r\n"
-      "15998976 bytes total (7381248 bytes free)\r\n";
-
-void TestFlashListing::tickingRules()
-{
-    FlashBackup backup;
-    QSignalSpy added(&backup, &FlashBackup::entriesAdded);
-    backup.feed(threeRowListing);
-    QCOMPARE(backup.rowCount(), 3);
-    QCOMPARE(added.size(), 1);
-    QCOMPARE(backup.text(0, FlashBackup::NumberColumn), QStringLiteral("1"));
-    QCOMPARE(backup.text(0, FlashBackup::NameColumn), QStringLiteral("c2600.bin"));
-
-    // The last row (the summary) cannot stay ticked, however it gets ticked.
-    backup.setTicked(2, true);
-    QVERIFY(!backup.isTicked(2));
-    QVERIFY(backup.tickedFiles().isEmpty());
-    backup.model()->item(2, 0)->setData(Qt::Checked, Qt::CheckStateRole);
-    QVERIFY(!backup.isTicked(2));
-
-    backup.selectAll();
-    QCOMPARE(backup.tickedFiles(), (QStringList { "c2600.bin", "startup.cfg" }));
-
-    // Paging on: the summary now comes later, the old last row is an ordinary row.
-    backup.clear();
-    QCOMPARE(backup.rowCount(), 0);
-    backup.feed("    1  -rw-  5  Mar 01 1993 00:01:41 +00:00  a.bin\r\n --More-- ");
-    backup.setTicked(0, true);
-    QVERIFY(!backup.isTicked(0));
-    backup.feed("\b\b\b\b\b\b\b\b\b\b    2  -rw-  6  Mar 01 1993 00:01:41 +00:00  b.bin\r\n");
-    backup.setTicked(0, true);
-    QVERIFY(backup.isTicked(0));
-}
-
-void TestFlashListing::copyCommands()
-{
-    QCOMPARE(FlashBackup::listCommand(), QByteArray(" dir flash: \r"));
-    QCOMPARE(FlashBackup::moreCommand(), QByteArray(" "));
-
-    FlashBackup backup;
-    backup.feed(threeRowListing);
-    backup.setTicked(1, true);
-    backup.setTicked(0, true);
-    const QList<QByteArray> expected { "copy flash:c2600.bin tftp\r", "10.1.1.5\r", "\r",
-        "copy flash:startup.cfg tftp\r", "10.1.1.5\r", "\r" };
-    QCOMPARE(backup.copyCommandsForTicked(QStringLiteral("10.1.1.5")), expected);
-    backup.setTicked(0, false);
-    QCOMPARE(backup.copyCommandsForTicked(QStringLiteral("10.1.1.5")), expected.mid(3));
 }
 
 QTEST_GUILESS_MAIN(TestFlashListing)

@@ -27,6 +27,7 @@ private Q_SLOTS:
     void bytesAndSpacingOnTheLine_data();
     void bytesAndSpacingOnTheLine();
     void portClosedMidSequence();
+    void secondStartInterleaves();
 
 private:
     bool connectSerial();
@@ -177,6 +178,28 @@ void TestRommonConsole::portClosedMidSequence()
     QTest::qWait(4 * step);
     QVERIFY2(m_device->received().isEmpty(), m_device->received().toHex().constData());
     QVERIFY(!before.contains("DEFAULT_GATEWAY"));
+}
+
+void TestRommonConsole::secondStartInterleaves()
+{
+    QVERIFY(connectSerial());
+    m_console->rommonAction()->trigger();
+    QTest::keyClicks(box(2), QStringLiteral("1.1.1.1"));
+    auto *start = m_console->findChild<QPushButton *>(QStringLiteral("Command6"));
+    QTest::mouseClick(start, Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(m_device->received().contains("IP_SUBNET_MASK="), 2000);
+    QTest::mouseClick(start, Qt::LeftButton); // the frame is hidden, but the button still works
+    QTRY_COMPARE_WITH_TIMEOUT(m_device->received().count("tftpdnld\r"), 2, 5000);
+
+    QList<QByteArray> lines = m_device->received().replace("\r\n", "\r").split('\r');
+    QCOMPARE(lines.takeLast(), QByteArray());
+    QCOMPARE(lines.size(), 12);
+    QCOMPARE(lines.mid(0, 3),
+        (QList<QByteArray> { "IP_ADDRESS=1.1.1.1", "IP_SUBNET_MASK=255.255.255.0", "IP_ADDRESS=1.1.1.1" }));
+    // Two complete runs, the second one step behind the first.
+    for (const QByteArray &line : lines)
+        QCOMPARE(lines.count(line), 2);
+    QVERIFY(lines.indexOf("tftpdnld") < lines.lastIndexOf("TFTP_FILE="));
 }
 
 QTEST_MAIN(TestRommonConsole)
