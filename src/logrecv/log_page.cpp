@@ -2,13 +2,13 @@
 
 #include "logrecv/log_options.h"
 #include "util/cls_resolve.h"
+#include "util/mc_popup_menu.h"
 #include "util/message_box.h"
 
 #include <QCheckBox>
 #include <QFileDialog>
 #include <QInputDialog>
 #include <QLabel>
-#include <QMenu>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTextCursor>
@@ -64,12 +64,11 @@ QStringList LogPage::popupCaptions()
 
 void LogPage::showPopup(const QPoint &globalPos)
 {
-    QMenu menu(m_logbox);
+    mcPopupMenu menu;
     const QStringList captions = popupCaptions();
     for (int i = 0; i < captions.size(); ++i)
-        menu.addAction(captions.at(i))->setData(PopupCopy + i);
-    if (QAction *chosen = menu.exec(globalPos))
-        runPopupItem(chosen->data().toInt());
+        menu.Add(quint32(PopupCopy + i), captions.at(i));
+    runPopupItem(menu.Show(m_logbox, globalPos.x(), globalPos.y()));
 }
 
 void LogPage::runPopupItem(int id)

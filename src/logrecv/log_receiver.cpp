@@ -4,10 +4,15 @@
 
 #include <QDir>
 #include <QFile>
+#include <QHash>
 #include <QStringDecoder>
 #include <QUdpSocket>
 
+#include <cerrno>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
 namespace {
 constexpr int wantedReceiveBuffer = 8 * 1024 * 1024;
@@ -135,19 +140,32 @@ void LogReceiver::handle(const QByteArray &bytes, const QHostAddress &from)
 bool LogReceiver::appendRecord(const QString &sender, const QByteArray &bytes)
 {
     const QDate today = QDate::currentDate();
-    if (today.toJulianDay() != m_cachedDay || m_cachedDateText.isEmpty()) {
-        m_cachedDay = today.toJulianDay();
-        m_cachedDateText = logFileName(QString(), today).mid(1); // " dd-mm-yy.log" without the blank
-    }
     const QString folder = m_options->effectiveFolder();
-    QFile file(folder + QLatin1Char('/') + sender + QLatin1Char(' ') + m_cachedDateText);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Append)) {
-        // A folder that is missing (never created, or removed since) is made once.
-        if (!QDir().mkpath(folder) || !file.open(QIODevice::WriteOnly | QIODevice::Append))
-            return false;
+    if (today.toJulianDay() != m_cachedDay || folder != m_cachedFolder) {
+        m_cachedDay = today.toJulianDay();
+        m_cachedFolder = folder;
+        m_paths.clear();
     }
-    // The record, its own CR, then the line end: CR CR LF.
-    const bool ok = file.write(bytes) == bytes.size() && file.write("\r\r\n", 3) == 3;
-    file.close();
-    return ok && file.error() == QFileDevice::NoError;
+    auto path = m_paths.constFind(sender);
+    if (path == m_paths.constEnd()) {
+        if (m_paths.size() > 1024) // senders come and go; keep the cache small
+            m_paths.clear();
+        path = m_paths.insert(
+            sender, QFile::encodeName(folder + QLatin1Char('/') + logFileName(sender, today)));
+    }
+
+    // Plain POSIX calls: a flood makes this the hottest path, and open, one
+    // write of the record with its CR CR LF, and close is all it needs.
+    int fd = ::open(path->constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0 && errno == ENOENT && QDir().mkpath(folder)) // a folder never made, or removed since
+        fd = ::open(path->constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return false;
+    static const char ending[] = "\r\r\n";
+    iovec parts[2] = { { const_cast<char *>(bytes.constData()), size_t(bytes.size()) },
+        { const_cast<char *>(ending), 3 } };
+    const ssize_t wanted = bytes.size() + 3;
+    const ssize_t done = ::writev(fd, parts, 2);
+    const bool closed = ::close(fd) == 0;
+    return done == wanted && closed;
 }

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QDate>
+#include <QHash>
 #include <QHostAddress>
 #include <QLocale>
 #include <QObject>
@@ -75,11 +76,12 @@ private:
     QString m_error;
     Counters m_counters;
     QByteArray m_buffer;
-    // Small caches so a flood does not format the same address and date anew
-    // for every datagram; the date is still checked per datagram, so files
-    // roll over at midnight.
+    // Small caches so a flood does not format the same address and file name
+    // anew for every datagram; the date is still checked per datagram, so
+    // files roll over at midnight.
     quint32 m_lastSenderValue = 0;
     QString m_lastSenderText;
     qint64 m_cachedDay = 0;
-    QString m_cachedDateText;
+    QString m_cachedFolder;
+    QHash<QString, QByteArray> m_paths; // sender -> encoded file path
 };

@@ -12,12 +12,23 @@ void appendToLogbox(QPlainTextEdit *logbox, const QString &text)
     if (!logbox)
         return;
     QScrollBar *bar = logbox->verticalScrollBar();
-    const bool atEnd = bar->value() >= bar->maximum();
+    const bool follow = bar->value() >= bar->maximum();
     QTextCursor cursor(logbox->document());
     cursor.movePosition(QTextCursor::End);
     cursor.insertText(text + QStringLiteral("\r\n"));
-    if (atEnd)
-        bar->setValue(bar->maximum());
+    // Scrolling lays out the lines it brings into view; in a flood, do it
+    // once per turn of the event loop rather than once per line.
+    static const char pending[] = "_tw_followPending";
+    if (follow && !logbox->property(pending).toBool()) {
+        logbox->setProperty(pending, true);
+        QMetaObject::invokeMethod(
+            logbox,
+            [logbox] {
+                logbox->setProperty(pending, false);
+                logbox->verticalScrollBar()->setValue(logbox->verticalScrollBar()->maximum());
+            },
+            Qt::QueuedConnection);
+    }
 }
 
 } // namespace tw
