@@ -27,8 +27,9 @@
 //  - pendingFolders(): lstdirs, the breadth-first work queue (empty after a
 //    scan); files(): lstfiles, the full paths of the files found.
 //
-// The scan runs on the caller's thread. Between two directory entries it calls
-// the event hook, which by default lets Qt process pending events when
+// The scan runs on the caller's thread. Between two directory entries (and
+// between two folders of the old tree as it is dropped) it calls the event
+// hook, which by default lets Qt process pending events when
 // yieldInterval() milliseconds have passed since it last did, so a window stays
 // responsive during a long scan without paying for an event round per entry.
 // A Show_folders() started from inside that hook (the user chose another
@@ -80,6 +81,7 @@ Q_SIGNALS:
     void foldersShown();
 
 private:
+    bool dropTree(quint64 generation);
     bool scanFolder(const QString &folder, const QString &canonical, QStandardItem *node, quint64 generation);
     void betweenEntries();
 

@@ -290,9 +290,11 @@ void TestFolderScanner::pendingEventsRunDuringScan()
     QVERIFY2(filesWhenTimerRan > 0 && filesWhenTimerRan < 20, qPrintable(QString::number(filesWhenTimerRan)));
 
     // A replaced hook is called between every two entries of a folder.
+    FolderScanner fresh;
+    fresh.setSharedFolder(tmp.path());
     int calls = 0;
-    scanner.setEventHook([&] { ++calls; });
-    scanner.Show_folders();
+    fresh.setEventHook([&] { ++calls; });
+    fresh.Show_folders();
     QCOMPARE(calls, 19);
 }
 
@@ -303,23 +305,30 @@ void TestFolderScanner::newScanFromInsideScanTakesOver()
         QVERIFY(QDir(big.path()).mkpath(QStringLiteral("d%1").arg(i)));
     touch(small.path() + "/only.bin");
 
-    FolderScanner scanner;
-    QSignalSpy shown(&scanner, &FolderScanner::foldersShown);
-    scanner.setSharedFolder(big.path());
-    bool switched = false;
-    scanner.setEventHook([&] {
-        if (!switched) {
-            switched = true;
-            scanner.setSharedFolder(small.path());
+    // The user may choose another folder while the old tree is being dropped
+    // or while the new one is being read.
+    for (const bool whileDropping : { false, true }) {
+        FolderScanner scanner;
+        scanner.setSharedFolder(big.path());
+        if (whileDropping)
             scanner.Show_folders();
-        }
-    });
-    scanner.Show_folders();
-    QCOMPARE(shown.count(), 1);
-    QVERIFY(!scanner.isScanning());
-    const ScanResult r = ScanResult::of(scanner);
-    QCOMPARE(r.folders, QStringList({ small.path() }));
-    QCOMPARE(r.nodes, QStringList({ small.path() + "||only.bin" }));
+        QSignalSpy shown(&scanner, &FolderScanner::foldersShown);
+        bool switched = false;
+        scanner.setEventHook([&] {
+            if (!switched) {
+                switched = true;
+                scanner.setSharedFolder(small.path());
+                scanner.Show_folders();
+            }
+        });
+        scanner.Show_folders();
+        QVERIFY(switched);
+        QCOMPARE(shown.count(), 1);
+        QVERIFY(!scanner.isScanning());
+        const ScanResult r = ScanResult::of(scanner);
+        QCOMPARE(r.folders, QStringList({ small.path() }));
+        QCOMPARE(r.nodes, QStringList({ small.path() + "||only.bin" }));
+    }
 }
 
 int main(int argc, char **argv)
