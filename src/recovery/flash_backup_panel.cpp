@@ -1,6 +1,6 @@
 #include "flash_backup_panel.h"
 
-#include <QHBoxLayout>
+#include <QGridLayout>
 #include <QHeaderView>
 #include <QPushButton>
 #include <QTreeView>
@@ -23,9 +23,12 @@ FlashBackupPanel::FlashBackupPanel(QWidget *parent)
     m_list->setSelectionBehavior(QAbstractItemView::SelectRows);
     m_list->header()->setStretchLastSection(true);
     m_list->header()->setSectionResizeMode(QHeaderView::ResizeToContents);
+    // The panel is narrow: show the file name beside the entry number rather
+    // than past the scroll edge. Only the view's order changes, not the model's.
+    m_list->header()->moveSection(FlashBackup::NameColumn, FlashBackup::NumberColumn + 1);
     layout->addWidget(m_list, 1);
 
-    m_buttons = new QHBoxLayout;
+    m_buttons = new QGridLayout;
     layout->addLayout(m_buttons);
     connect(addButton(QStringLiteral("Command3"), tr("select all")), &QPushButton::clicked, &m_backup,
         &FlashBackup::selectAll);
@@ -33,7 +36,6 @@ FlashBackupPanel::FlashBackupPanel(QWidget *parent)
         &FlashBackupPanel::moreClicked);
     connect(addButton(QStringLiteral("Command5"), tr("Copy")), &QPushButton::clicked, this,
         &FlashBackupPanel::copyClicked);
-    m_buttons->addStretch(1);
     connect(addButton(QStringLiteral("CloseBackUpFlash"), tr("Close")), &QPushButton::clicked, this,
         &FlashBackupPanel::closeClicked);
 }
@@ -42,6 +44,7 @@ QPushButton *FlashBackupPanel::addButton(const QString &name, const QString &cap
 {
     auto *button = new QPushButton(caption, this);
     button->setObjectName(name);
-    m_buttons->addWidget(button);
+    const int index = m_buttons->count();
+    m_buttons->addWidget(button, index / 2, index % 2);
     return button;
 }

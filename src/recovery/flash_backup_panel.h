@@ -4,7 +4,7 @@
 
 #include <QWidget>
 
-class QHBoxLayout;
+class QGridLayout;
 class QPushButton;
 class QTreeView;
 
@@ -33,5 +33,5 @@ private:
 
     FlashBackup m_backup;
     QTreeView *m_list;
-    QHBoxLayout *m_buttons;
+    QGridLayout *m_buttons;
 };

@@ -39,6 +39,7 @@ RommonPanel::RommonPanel(QWidget *parent)
     m_start = new QPushButton(tr("Start"), this);
     m_start->setObjectName(QStringLiteral("Command6"));
     grid->addWidget(m_start, RommonSequence::fieldCount, 1, Qt::AlignRight);
+    grid->setRowStretch(RommonSequence::fieldCount + 1, 1);
     connect(m_start, &QPushButton::clicked, this, [this] {
         m_sequence.start();
         Q_EMIT startClicked();

@@ -2,7 +2,6 @@
 // listing and records what the console types into it.
 
 #include "fake_flash_device.h"
-#include "pty_device.h"
 
 #include "console/console_session.h"
 #include "console/console_window.h"
@@ -26,7 +25,6 @@ private Q_SLOTS:
     void cleanup();
     void listingPagingAndTicking();
     void copyCommandGroups();
-    void serialConsoleShowsNothing();
 
 private:
     void connectAndList();
@@ -163,21 +161,6 @@ void TestFlashBackupConsole::copyCommandGroups()
     m_device->sendToConsole("\r\n!!!!!!!!\r\n8617624 bytes copied in 9.1 secs\r\nR1#");
     QTRY_VERIFY(m_console->consoleBox()->toPlainText().contains(QLatin1String("bytes copied")));
     QCOMPARE(backup()->rowCount(), 5);
-}
-
-void TestFlashBackupConsole::serialConsoleShowsNothing()
-{
-    PtyDevice line;
-    QVERIFY2(line.isOpen(), "openpty failed: no pseudo-terminal for the serial device");
-    m_console->session()->ConnectModem(line.slavePath(), QStringLiteral("9600"), QStringLiteral("None"),
-        QStringLiteral("8"), QStringLiteral("1"), QStringLiteral("Xon/Xoff"));
-    QCOMPARE(m_console->session()->connectionKind(), QStringLiteral("Serial"));
-    QTRY_COMPARE(line.received(), QByteArray("\r"));
-    m_console->backUpFlashAction()->trigger();
-    QVERIFY(m_console->backUpFlashFrame()->isHidden());
-    QVERIFY(!m_console->session()->listingReaderActive());
-    QTest::qWait(50);
-    QCOMPARE(line.received(), QByteArray("\r"));
 }
 
 QTEST_MAIN(TestFlashBackupConsole)

@@ -23,7 +23,7 @@ class TestRommonConsole : public QObject
 private Q_SLOTS:
     void init();
     void cleanup();
-    void menuTogglesOnSerialOnly();
+    void menusOnSerialOnly();
     void bytesAndSpacingOnTheLine_data();
     void bytesAndSpacingOnTheLine();
     void portClosedMidSequence();
@@ -73,7 +73,7 @@ bool TestRommonConsole::connectSerial()
     return true;
 }
 
-void TestRommonConsole::menuTogglesOnSerialOnly()
+void TestRommonConsole::menusOnSerialOnly()
 {
     QGroupBox *frame = m_console->rommonFrame();
     QAction *menu = m_console->rommonAction();
@@ -109,6 +109,12 @@ void TestRommonConsole::menuTogglesOnSerialOnly()
     QTest::keyClicks(box(5), QStringLiteral("192.0.2.1"));
     menu->trigger();
     QCOMPARE(box(5)->text(), QStringLiteral("192.0.2.1"));
+
+    // The flash backup is for TCP consoles: on this serial one it shows nothing.
+    m_console->backUpFlashAction()->trigger();
+    QVERIFY(m_console->backUpFlashFrame()->isHidden());
+    QVERIFY(!m_console->session()->listingReaderActive());
+    QTest::qWait(50);
     QVERIFY(m_device->received().isEmpty());
 }
 
