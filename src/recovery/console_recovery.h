@@ -27,7 +27,7 @@ class RommonPanel;
 // asks for " dir flash: ". "Show More" pages on (and reads again), "Copy"
 // sends the copy commands of the ticked rows to the address of the Options
 // page's "TFTP Server Address" box, or says "Please enter an IP address"
-// when that is empty. After "Copy" the reader stops, so the device's answers
+// when that is empty or only spaces. After "Copy" the reader stops, so the device's answers
 // to the copies (progress marks, errors) reach the terminal instead of being
 // read as rows; "Close" puts the panel away and stops the reader, as does
 // losing the TCP connection.

@@ -102,6 +102,10 @@ void TestRommonConsole::menusOnSerialOnly()
     // The server box is offered one of this workstation's addresses...
     QVERIFY2(
         QHostAddress(box(5)->text()).protocol() == QAbstractSocket::IPv4Protocol, qPrintable(box(5)->text()));
+    // ...and follows the device's address to the local network it is on...
+    QTest::keyClicks(box(2), QStringLiteral("127.0.0.5"));
+    QTest::keyClick(box(2), Qt::Key_Return);
+    QCOMPARE(box(5)->text(), QStringLiteral("127.0.0.1"));
     menu->trigger();
     QVERIFY(frame->isHidden());
     // ...but what the user typed there is never replaced.
