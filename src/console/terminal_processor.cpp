@@ -5,46 +5,64 @@ constexpr int tailKeep = 4096;
 constexpr int tailLimit = 16384;
 constexpr int hostTail = 41;
 
-void pushAppend(QList<TerminalOp> &ops, const QString &text)
+bool printable(uchar c)
 {
+    return c >= 32 && c <= 126;
+}
+} // namespace
+
+void TerminalProcessor::flush(QByteArray &shown, QList<TerminalOp> &ops)
+{
+    if (shown.isEmpty())
+        return;
+    const QString text = QString::fromLatin1(shown);
+    appendToTail(QStringView(text).right(qMin<qsizetype>(text.size(), tailLimit)));
     if (!ops.isEmpty() && ops.last().kind == TerminalOp::Append)
         ops.last().text += text;
     else
         ops.append(TerminalOp { TerminalOp::Append, text });
+    shown.clear();
 }
-} // namespace
 
 QList<TerminalOp> TerminalProcessor::feed(const QByteArray &block)
 {
     QList<TerminalOp> ops;
-    QString pending;
-    pending.reserve(128);
-    static const QString lineEnd = QStringLiteral("\r\n");
+    // Everything is ASCII by the time it is kept, so the pending line and the
+    // text shown so far in this block are collected as bytes and turned into
+    // text once per append.
+    QByteArray pending;
+    QByteArray shown;
+    const char *data = block.constData();
+    const qsizetype size = block.size();
 
-    for (const char byte : block) {
-        const uchar c = uchar(byte);
-        if (c == 8) {
+    for (qsizetype i = 0; i < size; ++i) {
+        const uchar c = uchar(data[i]);
+        if (printable(c)) {
+            qsizetype run = i + 1;
+            while (run < size && printable(uchar(data[run])))
+                ++run;
+            pending.append(data + i, run - i);
+            i = run - 1;
+        } else if (c == 13) {
+            if (pending.startsWith('*'))
+                ops.append(TerminalOp { TerminalOp::LogLine, QString::fromLatin1(pending + "\r\n") });
+            shown += pending;
+            shown += "\r\n";
+            pending.clear();
+        } else if (c == 8) {
             if (!pending.isEmpty()) {
                 pending.chop(1);
             } else {
-                // The pending text appended so far in this block is already in
-                // the terminal; the op list must stay in order with it.
+                flush(shown, ops);
                 ops.append(TerminalOp { TerminalOp::DeleteLast, QString() });
                 deleteFromTail();
             }
-        } else if (c == 13) {
-            if (pending.startsWith(QLatin1Char('*')))
-                ops.append(TerminalOp { TerminalOp::LogLine, pending + lineEnd });
-            pending += lineEnd;
-            appendToTail(pending);
-            pushAppend(ops, pending);
-            pending.clear();
-        } else if (c >= 32 && c <= 126) {
-            pending += QLatin1Char(char(c));
         }
+        // Every other byte (line feed, bell, escape, NUL, 127 and above) is dropped.
     }
 
-    if (pending.size() > 1 && (pending.endsWith(QLatin1Char('#')) || pending.endsWith(QLatin1Char('>')))) {
+    if (pending.size() > 1 && (pending.endsWith('#') || pending.endsWith('>'))) {
+        flush(shown, ops);
         // A terminal too short for the tail leaves the text empty, and the
         // console's caption is then emptied too.
         const QString before = tail(hostTail);
@@ -53,10 +71,8 @@ QList<TerminalOp> TerminalProcessor::feed(const QByteArray &block)
             name = hostName(QString(before + QString::fromLatin1(block)));
         ops.append(TerminalOp { TerminalOp::Caption, name });
     }
-    if (!pending.isEmpty()) {
-        appendToTail(pending);
-        pushAppend(ops, pending);
-    }
+    shown += pending;
+    flush(shown, ops);
     return ops;
 }
 

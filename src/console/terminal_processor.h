@@ -63,6 +63,7 @@ public:
     static QByteArray keyBytes(int key, Qt::KeyboardModifiers modifiers, const QString &text);
 
 private:
+    void flush(QByteArray &shown, QList<TerminalOp> &ops);
     void appendToTail(QStringView text);
     void deleteFromTail();
 

@@ -7,10 +7,12 @@
 #include <QClipboard>
 #include <QKeyEvent>
 #include <QScrollBar>
+#include <QTextBlock>
 #include <QTextCursor>
 
 namespace {
 enum PopupId { CopyId = 1, PasteId = 2 };
+constexpr qsizetype paragraphChars = 2048;
 
 QColor fromBgr(quint32 value)
 {
@@ -35,13 +37,42 @@ TerminalView::TerminalView(QWidget *parent)
 
 void TerminalView::putText(const QString &text, quint32 bgrColour)
 {
+    // A paragraph per device line makes the document's block bookkeeping the
+    // cost of a flood, so lines are joined with line separators into
+    // paragraphs of a few kilobytes. Plain text, selection and deletion treat
+    // both kinds of break alike.
+    QString converted;
+    converted.reserve(text.size());
+    qsizetype blockLength = document()->lastBlock().length() - 1;
+    const qsizetype size = text.size();
+    qsizetype from = 0;
+    while (from < size) {
+        qsizetype end = from;
+        while (end < size && text.at(end) != QLatin1Char('\r') && text.at(end) != QLatin1Char('\n'))
+            ++end;
+        converted.append(QStringView(text).sliced(from, end - from));
+        blockLength += end - from;
+        if (end == size)
+            break;
+        if (text.at(end) == QLatin1Char('\r') && end + 1 < size && text.at(end + 1) == QLatin1Char('\n'))
+            ++end;
+        if (blockLength >= paragraphChars) {
+            converted += QChar::ParagraphSeparator;
+            blockLength = 0;
+        } else {
+            converted += QChar::LineSeparator;
+            ++blockLength;
+        }
+        from = end + 1;
+    }
+
     QScrollBar *bar = verticalScrollBar();
     const bool atBottom = bar->value() >= bar->maximum() - 1;
     QTextCursor cursor(document());
     cursor.movePosition(QTextCursor::End);
     QTextCharFormat format;
     format.setForeground(fromBgr(bgrColour));
-    cursor.insertText(text, format);
+    cursor.insertText(converted, format);
     if (atBottom)
         bar->setValue(bar->maximum());
 }
@@ -101,8 +132,10 @@ void TerminalView::mouseReleaseEvent(QMouseEvent *event)
     if (chosen == CopyId) {
         QClipboard *clipboard = QApplication::clipboard();
         clipboard->clear();
-        clipboard->setText(
-            textCursor().selectedText().replace(QChar::ParagraphSeparator, QStringLiteral("\r\n")));
+        QString text = textCursor().selectedText();
+        text.replace(QChar::ParagraphSeparator, QStringLiteral("\r\n"));
+        text.replace(QChar::LineSeparator, QStringLiteral("\r\n"));
+        clipboard->setText(text);
     } else if (chosen == PasteId) {
         const QString text = QApplication::clipboard()->text();
         if (!text.isEmpty())
