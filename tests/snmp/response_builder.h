@@ -39,7 +39,9 @@ struct Response
     quint8 valueTag = 0x05;
     QByteArray value;
     int errorStatus = 0;
-    bool longForm = false; // outer length as 0x81 LL even when short would do
+    // Outer length as 0x82 HH LL even when short would do. (A 0x81 LL length
+    // happens to decode the same on either path, so it proves nothing.)
+    bool longForm = false;
 };
 
 inline QByteArray response(const Response &r)
@@ -50,7 +52,7 @@ inline QByteArray response(const Response &r)
             + tlv(0x02, QByteArray(1, char(r.errorStatus ? 1 : 0))) + tlv(0x30, binding));
     const QByteArray body = tlv(0x02, QByteArray(1, '\0')) + tlv(0x04, "public") + pdu;
     if (r.longForm && body.size() < 256)
-        return QByteArray("\x30\x81", 2) + char(body.size()) + body;
+        return QByteArray("\x30\x82\x00", 3) + char(body.size()) + body;
     return tlv(0x30, body);
 }
 

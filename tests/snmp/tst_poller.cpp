@@ -69,6 +69,7 @@ void TestPoller::silentDevice()
             QCOMPARE((d.mid(13, 1) + d.mid(13 + 17, quint8(d.at(13 + 16)))).toHex(' '), cycle.at(i));
         }
     }
+    QCOMPARE(m_received.first().senderPort(), m_received.last().senderPort()); // bound once
 }
 
 // With no address the first request stops polling and asks for the message;
