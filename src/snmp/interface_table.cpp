@@ -15,22 +15,22 @@ QString hexText(const QByteArray &value, bool physicalAddress)
     return text;
 }
 
+// The value's hex text read as one number, most significant byte first.
 // Counters are read into a floating value so that those above 2^31 show whole.
-double hexToDouble(const QString &hex)
+double bytesToDouble(const QByteArray &value)
 {
     double v = 0;
-    for (QChar ch : hex) {
-        const int digit = QString(ch).toInt(nullptr, 16);
-        v = v * 16.0 + digit;
-    }
+    for (char c : value)
+        v = v * 256.0 + quint8(c);
     return v;
 }
 
-qint32 hexToInt32(const QString &hex)
+// The MTU goes into a 32-bit integer: longer values keep their low 32 bits.
+qint32 bytesToInt32(const QByteArray &value)
 {
     quint32 v = 0;
-    for (QChar ch : hex)
-        v = v * 16u + quint32(QString(ch).toInt(nullptr, 16));
+    for (char c : value)
+        v = (v << 8) | quint8(c);
     return qint32(v);
 }
 
@@ -89,10 +89,10 @@ Cell converttolist(const QString &key, const QByteArray &value, bool physicalAdd
         break;
     case 3:
     case 21:
-        cell.text = numberText(hexToDouble(text));
+        cell.text = numberText(bytesToDouble(value));
         break;
     case 4:
-        cell.text = QString::number(hexToInt32(text));
+        cell.text = QString::number(bytesToInt32(value));
         break;
     case 6:
         cell.text = text.size() > 2 ? text.chopped(1) : text;
@@ -105,7 +105,7 @@ Cell converttolist(const QString &key, const QByteArray &value, bool physicalAdd
         break;
     default:
         if (cell.column == 5 || (cell.column >= 9 && cell.column <= 20))
-            cell.text = numberText(hexToDouble(text));
+            cell.text = numberText(bytesToDouble(value));
         else
             cell.text = text;
         break;
