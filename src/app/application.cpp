@@ -4,6 +4,14 @@
 #include "access/access_list.h"
 #include "app/splash.h"
 #include "browser/browser_window.h"
+#include "capture/config_window.h"
+#include "logrecv/log_options.h"
+#include "logrecv/log_page.h"
+#include "logrecv/log_receiver.h"
+#include "logrecv/log_routes.h"
+#include "recovery/console_recovery.h"
+#include "snmp/snmp_page.h"
+#include "snmp/snmp_poller.h"
 #include "console/connection_history.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
@@ -14,6 +22,8 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QGroupBox>
+#include <QLayout>
 #include <QMdiArea>
 #include <QMdiSubWindow>
 #include <QStandardPaths>
@@ -25,11 +35,19 @@ Application::Application(const CommandLineOptions &options, QObject *parent)
     , m_monitor(std::make_unique<TransferMonitor>())
     , m_accessList(std::make_unique<AccessList>())
     , m_tftp(std::make_unique<TftpServer>(m_monitor.get(), m_accessList.get()))
+    , m_logOptions(std::make_unique<LogOptions>())
+    , m_logRoutes(std::make_unique<LogRoutes>())
+    , m_logReceiver(std::make_unique<LogReceiver>(m_logOptions.get()))
 {
     m_accessList->setFilePath(accessListPath(m_options.aclFile));
     m_tftp->setPort(m_options.tftpPort);
     m_tftp->setConfine(m_options.confine);
     ConsoleSession::setTelnetPort(m_options.telnetPort);
+    SnmpPoller::setAgentPort(m_options.snmpPort);
+    if (!m_options.logDir.isEmpty())
+        m_logOptions->useLogDir(m_options.logDir);
+    m_logReceiver->setRouter(
+        [this](const QString &sender, const QString &text) { return m_logRoutes->deliver(sender, text); });
 }
 
 Application::~Application() = default;
@@ -58,6 +76,7 @@ void Application::start()
 {
     m_main = std::make_unique<MainWindow>();
     m_main->setConsoleFactory([this] { return createConsole(); });
+    connect(m_main.get(), &MainWindow::consoleRegistered, this, &Application::consoleRegistered);
     if (m_options.headless) {
         connect(m_monitor.get(), &TransferMonitor::transferRowChanged, this,
                 [this](int row) { printLine(m_monitor->transferLine(row)); });
@@ -115,7 +134,9 @@ void Application::createChildren()
     ConsoleWindow *console = createConsole();
     m_main->addChild(WindowTable::firstConsoleIndex, QStringLiteral("Console"), console);
     m_main->registerConsole(WindowTable::firstConsoleIndex, console);
-    m_main->addChild(WindowTable::configIndex, QStringLiteral("Config"), placeholder(QStringLiteral("Config")), 4);
+    m_config = new ConfigWindow;
+    m_main->addChild(WindowTable::configIndex, QStringLiteral("Config"), m_config, 4);
+    m_tftp->setCaptureSink(m_config);
 }
 
 ConsoleWindow *Application::createConsole()
@@ -124,7 +145,26 @@ ConsoleWindow *Application::createConsole()
     connect(console, &ConsoleWindow::newConsoleRequested, m_main.get(), &MainWindow::newConsole);
     connect(console, &ConsoleWindow::captionChanged, m_main.get(),
             [this, console](const QString &caption) { m_main->setToolbarButtonText(console, caption); });
+
+    // The console's device is its TCP host: SNMP polls it and its logs land here.
+    auto *snmp = new SnmpPage([console] { return console->session()->deviceAddress(); });
+    console->snmpFrame()->layout()->addWidget(snmp);
+    connect(snmp, &SnmpPage::startClicked, console, [console] {
+        console->selectTab(1);
+        console->relayout();
+    });
+    new LogPage(console->logBox(), console->logToFileCheck(), console->choosePathButton(), console->pathLabel(),
+                m_logOptions.get());
+    attachRecovery(console);
     return console;
+}
+
+void Application::consoleRegistered(int index, ChildWindow *window)
+{
+    auto *console = qobject_cast<ConsoleWindow *>(window);
+    if (!console)
+        return;
+    m_logRoutes->setConsole(index, console->logBox(), [console] { return console->session()->deviceAddress(); });
 }
 
 void Application::loadMainWindow()
@@ -133,6 +173,9 @@ void Application::loadMainWindow()
         reportBindFailure(QStringLiteral("TFTP"), m_options.tftpPort, QStringLiteral("--tftp-port"),
                           m_tftp->errorString());
     m_main->setSharedFolder(m_options.folderGiven ? m_options.folder : m_main->readFolderPathSetting());
+    if (!m_logReceiver->bind(m_options.logPort))
+        reportBindFailure(QStringLiteral("Log"), m_options.logPort, QStringLiteral("--log-port"),
+                          m_logReceiver->errorString());
     m_browser->setSharedFolder(m_main->sharedFolder());
     m_browser->Show_folders();
 }

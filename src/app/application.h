@@ -6,7 +6,12 @@
 #include <memory>
 
 class AccessList;
+class ConfigWindow;
+class LogOptions;
+class LogReceiver;
+class LogRoutes;
 class BrowserWindow;
+class ChildWindow;
 class ConsoleWindow;
 class MainWindow;
 class TftpServer;
@@ -34,6 +39,9 @@ public:
     AccessList *accessList() const { return m_accessList.get(); }
     TftpServer *tftpServer() const { return m_tftp.get(); }
     BrowserWindow *browser() const { return m_browser; }
+    ConfigWindow *configWindow() const { return m_config; }
+    LogReceiver *logReceiver() const { return m_logReceiver.get(); }
+    LogOptions *logOptions() const { return m_logOptions.get(); }
 
     // Where ACLIST.ini lives: --acl, else the program's folder, else (when that
     // folder cannot be written, as for an installed program) the per-user
@@ -43,6 +51,7 @@ public:
 private:
     void createChildren();
     ConsoleWindow *createConsole();
+    void consoleRegistered(int index, ChildWindow *window);
     void loadMainWindow();
     void reportBindFailure(const QString &what, quint16 port, const QString &option, const QString &error);
     void printLine(const QString &line);
@@ -51,7 +60,11 @@ private:
     std::unique_ptr<TransferMonitor> m_monitor;
     std::unique_ptr<AccessList> m_accessList;
     std::unique_ptr<TftpServer> m_tftp;
+    std::unique_ptr<LogOptions> m_logOptions;
+    std::unique_ptr<LogRoutes> m_logRoutes;
+    std::unique_ptr<LogReceiver> m_logReceiver;
     std::unique_ptr<MainWindow> m_main;
     TransferWindow *m_transferWindow = nullptr;
     BrowserWindow *m_browser = nullptr;
+    ConfigWindow *m_config = nullptr;
 };

@@ -155,6 +155,7 @@ void MainWindow::registerConsole(int index, ChildWindow *console)
         frame->setAttribute(Qt::WA_DeleteOnClose);
     if (QAction *button = m_buttons.value(console))
         button->setIcon(tw::imageListIcon(2));
+    Q_EMIT consoleRegistered(index, console);
 }
 
 void MainWindow::consoleDestroyed(QObject *console)

@@ -71,6 +71,8 @@ public:
 
 Q_SIGNALS:
     void unloading();
+    // A console took the table entry `index` (start-up or "New Console").
+    void consoleRegistered(int index, ChildWindow *console);
 
 protected:
     void closeEvent(QCloseEvent *event) override;
