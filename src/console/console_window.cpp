@@ -141,6 +141,9 @@ void ConsoleWindow::buildPages()
     m_rommonFrame = makeFrame(QStringLiteral("Frame7"), QStringLiteral("TFTP Rommon "), this);
     emptyContainer(m_rommonFrame);
     m_rommonFrame->hide();
+    // Whoever shows or hides a side panel gets the page resized to match.
+    m_backUpFlashFrame->installEventFilter(this);
+    m_rommonFrame->installEventFilter(this);
 
     connect(m_clearConsole, &QPushButton::clicked, m_session, &ConsoleSession::clearTerminal);
     connect(m_clearLog, &QPushButton::clicked, m_logBox, &QPlainTextEdit::clear);
@@ -258,6 +261,14 @@ void ConsoleWindow::removeConsole()
         frame->close();
     else
         close();
+}
+
+bool ConsoleWindow::eventFilter(QObject *watched, QEvent *event)
+{
+    if ((watched == m_backUpFlashFrame || watched == m_rommonFrame)
+        && (event->type() == QEvent::ShowToParent || event->type() == QEvent::HideToParent))
+        relayout();
+    return ChildWindow::eventFilter(watched, event);
 }
 
 void ConsoleWindow::resizeEvent(QResizeEvent *event)

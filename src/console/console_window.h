@@ -23,8 +23,8 @@ class TerminalView;
 // `Frame1` to `Frame4`. `Frame2` (SNMP), `Frame6` (flash backup) and `Frame7`
 // (ROMMON) are empty containers with a zero-margin QVBoxLayout that other
 // parts of the program fill; the window itself does nothing on the menu
-// entries `MnuBackUpFlash` and `MnuRommon` but lay itself out again when a
-// panel is shown or hidden (call relayout()).
+// entries `MnuBackUpFlash` and `MnuRommon`; it lays itself out again
+// whenever one of those panels is shown or hidden.
 //
 // Signals for the main window:
 //  - newConsoleRequested(): menu "New Console" (the window table checks the
@@ -84,6 +84,7 @@ Q_SIGNALS:
     void consoleUnloaded(const QString &tag);
 
 protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
     void showEvent(QShowEvent *event) override;
     void closeEvent(QCloseEvent *event) override;

@@ -17,6 +17,7 @@ IdleBar::IdleBar(ConsoleSession *session, QWidget *parent)
         m_hue = int(QRandomGenerator::global()->bounded(40));
         update();
     });
+    connect(session, &ConsoleSession::connectionKindChanged, this, qOverload<>(&QWidget::update));
 }
 
 void IdleBar::paintEvent(QPaintEvent *)

@@ -195,22 +195,15 @@ void TestTerminalProcessor::keyBytes_data()
     QTest::addColumn<QByteArray>("bytes");
 
     QTest::newRow("letter") << int(Qt::Key_S) << 0 << "s" << QByteArray("s");
-    QTest::newRow("question mark") << int(Qt::Key_Question) << int(Qt::ShiftModifier) << "?"
-                                   << QByteArray("?");
     QTest::newRow("Return") << int(Qt::Key_Return) << 0 << "\r" << QByteArray("\r");
     QTest::newRow("Tab") << int(Qt::Key_Tab) << 0 << "\t" << QByteArray("\t");
     QTest::newRow("Left") << int(Qt::Key_Left) << 0 << "" << QByteArray("\x1b[D");
-    QTest::newRow("Up") << int(Qt::Key_Up) << 0 << "" << QByteArray("\x1b[A");
-    QTest::newRow("Right") << int(Qt::Key_Right) << 0 << "" << QByteArray("\x1b[C");
     QTest::newRow("Down") << int(Qt::Key_Down) << 0 << "" << QByteArray("\x1b[B");
     QTest::newRow("Ctrl+Break") << int(Qt::Key_Pause) << int(Qt::ControlModifier) << ""
                                 << QByteArray("\xff\xf3");
     QTest::newRow("Break alone") << int(Qt::Key_Pause) << 0 << "" << QByteArray();
     QTest::newRow("Ctrl+A") << int(Qt::Key_A) << int(Qt::ControlModifier) << "" << QByteArray("\x01");
-    QTest::newRow("Ctrl+Z") << int(Qt::Key_Z) << int(Qt::ControlModifier) << "\x1a" << QByteArray("\x1a");
-    QTest::newRow("Backspace") << int(Qt::Key_Backspace) << 0 << "\b" << QByteArray("\b");
     QTest::newRow("Delete sends nothing") << int(Qt::Key_Delete) << 0 << "\x7f" << QByteArray();
-    QTest::newRow("F1 sends nothing") << int(Qt::Key_F1) << 0 << "" << QByteArray();
     QTest::newRow("Latin-1 letter") << int(Qt::Key_Eacute) << 0 << "\u00e9" << QByteArray("\xe9");
 }
 
