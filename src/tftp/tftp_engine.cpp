@@ -50,6 +50,18 @@ private:
     int m_fd;
 };
 
+qint64 readAt(int fd, char *into, qint64 length, qint64 offset)
+{
+    qint64 got = 0;
+    while (got < length) {
+        const ssize_t n = ::pread(fd, into + got, size_t(length - got), off_t(offset + got));
+        if (n <= 0)
+            break;
+        got += n;
+    }
+    return got;
+}
+
 QString joinPath(const QString &folder, const QString &name)
 {
     return folder + QLatin1Char('/') + name;
@@ -153,7 +165,7 @@ void TftpServer::handleRequest(int s, int opcode, const QByteArray &datagram, co
         const TftpPacket::BlockPlan plan = TftpPacket::firstBlock(file.size());
         slot.tag = plan.final ? Tag::CheckEnd : Tag::Send;
         sendBlock(s, file.get(), plan.offset, plan.length, 0, 1);
-        // file closes here, before the listener moves on
+        // the file closes here, before the listener moves on
     } else {
         takeRequest(s, sender, senderPort);
         slot.tag = Tag::Receive;
@@ -215,10 +227,16 @@ void TftpServer::handleAck(int s, const QByteArray &datagram)
     Fd file(slot.nativePath, O_RDONLY);
     if (!file.ok())
         return;
-    const TftpPacket::BlockPlan plan = TftpPacket::laterBlock(file.size(), next.number());
+    // Reading one byte past the block tells whether at least 513 bytes remain
+    // (the full-block rule) without asking for the file's length.
+    const qint64 offset = TftpPacket::writeOffset(next.number());
+    TftpPacket::dataHeader(m_sendBuffer, next.high, next.low, TftpPacket::blockSize + 1);
+    const qint64 got = readAt(file.get(), m_sendBuffer.data() + 4, TftpPacket::blockSize + 1, offset);
+    const TftpPacket::BlockPlan plan = TftpPacket::laterBlock(offset + got, next.number());
     if (plan.final)
         slot.tag = Tag::CheckEnd;
-    sendBlock(s, file.get(), plan.offset, plan.length, next.high, next.low);
+    m_sendBuffer.resize(4 + plan.length);
+    slot.socket->writeDatagram(m_sendBuffer, slot.peer, slot.peerPort);
 }
 
 void TftpServer::handleData(int s, const QByteArray &datagram)

@@ -143,31 +143,28 @@ void TftpServer::showPorts(int slot)
 
 void TftpServer::readPending(QUdpSocket *socket)
 {
-    // The owner is looked up per datagram: handling a request moves the
-    // listening socket to another slot, and later datagrams queued on it
-    // belong to that slot.
-    for (;;) {
-        const int s = slotOf(socket);
-        if (s == 0 || socket->state() != QAbstractSocket::BoundState || !socket->hasPendingDatagrams())
+    // One datagram per notification: Qt re-arms the notifier after a read and
+    // signals again while more are queued, so no peeking is needed on the
+    // per-block path. The owner is looked up each time because handling a
+    // request moves the listening socket to another slot.
+    const int s = slotOf(socket);
+    if (s == 0 || socket->state() != QAbstractSocket::BoundState)
+        return;
+    if (m_slots[s].tag == Tag::Null) {
+        if (!socket->hasPendingDatagrams())
             return;
-        Slot &slot = m_slots[s];
-        if (slot.tag == Tag::Null) {
-            const QNetworkDatagram datagram = socket->receiveDatagram();
-            handleDatagram(s, datagram.data(), datagram.senderAddress(), quint16(datagram.senderPort()),
-                datagram.destinationAddress());
-            continue;
-        }
-        const qint64 size = socket->pendingDatagramSize();
-        if (size > m_readBuffer.size())
-            m_readBuffer.resize(size);
-        QHostAddress sender;
-        quint16 senderPort = 0;
-        const qint64 got
-            = socket->readDatagram(m_readBuffer.data(), m_readBuffer.size(), &sender, &senderPort);
-        if (got < 0)
-            return;
-        handleDatagram(s, QByteArray::fromRawData(m_readBuffer.constData(), got), sender, senderPort, {});
+        // Requests are rare; this form also tells which local address was asked.
+        const QNetworkDatagram datagram = socket->receiveDatagram();
+        handleDatagram(s, datagram.data(), datagram.senderAddress(), quint16(datagram.senderPort()),
+            datagram.destinationAddress());
+        return;
     }
+    QHostAddress sender;
+    quint16 senderPort = 0;
+    const qint64 got = socket->readDatagram(m_readBuffer.data(), m_readBuffer.size(), &sender, &senderPort);
+    if (got < 0)
+        return;
+    handleDatagram(s, QByteArray::fromRawData(m_readBuffer.constData(), got), sender, senderPort, {});
 }
 
 void TftpServer::socketError(QUdpSocket *socket, int error)
