@@ -90,6 +90,7 @@ ConsoleSession::ConsoleSession(QObject *parent)
     m_timer2->setInterval(1000);
 
     connect(m_serial, &QSerialPort::readyRead, this, &ConsoleSession::onSerialReadyRead);
+    connect(m_serial, &QSerialPort::errorOccurred, this, &ConsoleSession::onSerialError);
     connect(m_tcp, &QTcpSocket::readyRead, this, &ConsoleSession::onTcpReadyRead);
     connect(m_tcp, &QTcpSocket::errorOccurred, this, &ConsoleSession::onTcpError);
     connect(m_timer1, &QTimer::timeout, this, &ConsoleSession::onTimer1);
@@ -179,9 +180,6 @@ void ConsoleSession::ConnectModem(const QString &port, const QString &baud, cons
     const QString path = portPath(port);
     if (path.isEmpty())
         return failSerial(QStringLiteral("\"%1\" names no serial port").arg(port));
-    if (m_serial->isOpen())
-        return failSerial(QStringLiteral("%1 is already open in this console").arg(m_serial->portName()));
-
     const QString parityText = parity.trimmed();
     const QChar parityLetter = parityText.isEmpty() ? QChar() : parityText.at(0);
     m_serialSettings = QStringLiteral("%1,%2,%3,%4")
@@ -197,7 +195,8 @@ void ConsoleSession::ConnectModem(const QString &port, const QString &baud, cons
         || bits > 8 || !parseStopBits(stopBits.trimmed(), &stopValue))
         return failSerial(QStringLiteral("invalid settings \"%1\"").arg(m_serialSettings));
 
-    m_serial->setPortName(path);
+    if (!m_serial->isOpen())
+        m_serial->setPortName(path);
     m_serial->setBaudRate(baudRate);
     m_serial->setParity(parityValue);
     m_serial->setDataBits(QSerialPort::DataBits(bits));
@@ -211,6 +210,8 @@ void ConsoleSession::ConnectModem(const QString &port, const QString &baud, cons
         // Only software flow control opens the port; "None" and "Hardware"
         // leave it closed. Long-standing behaviour that users rely on.
         m_serial->setFlowControl(QSerialPort::SoftwareControl);
+        if (m_serial->isOpen())
+            return failSerial(QStringLiteral("%1 is already open in this console").arg(m_serial->portName()));
         if (!m_serial->open(QIODevice::ReadWrite)) {
             QString why = QStringLiteral("cannot open %1: %2").arg(path, m_serial->errorString());
             if (m_serial->error() == QSerialPort::PermissionError)
@@ -265,6 +266,8 @@ void ConsoleSession::sendSerial(const QByteArray &bytes)
 
 void ConsoleSession::disconnectSession()
 {
+    // No connect check may report a time-out while the socket is closing.
+    m_timer2->stop();
     if (m_kind == QLatin1String("TCP/IP")) {
         m_tcp->close();
         // Let the socket finish closing, but never hang on a peer that will
@@ -317,6 +320,19 @@ void ConsoleSession::processReceived(const QByteArray &block)
 void ConsoleSession::onSerialReadyRead()
 {
     processReceived(m_serial->readAll());
+}
+
+void ConsoleSession::onSerialError(QSerialPort::SerialPortError error)
+{
+    // An adapter pulled out while open: release the line, or the port would
+    // keep signalling an error it can never recover from.
+    if (error != QSerialPort::ResourceError || !m_serial->isOpen())
+        return;
+    std::fprintf(stderr, "tarnwick: serial port %s: %s\n", qPrintable(m_serial->portName()),
+        qPrintable(m_serial->errorString()));
+    m_serial->close();
+    if (m_kind == QLatin1String("Serial"))
+        setKind(QString());
 }
 
 void ConsoleSession::onTcpReadyRead()

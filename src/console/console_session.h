@@ -5,9 +5,9 @@
 #include <QAbstractSocket>
 #include <QByteArray>
 #include <QObject>
+#include <QSerialPort>
 #include <QString>
 
-class QSerialPort;
 class QTcpSocket;
 class QTimer;
 
@@ -117,6 +117,7 @@ private:
     void setKind(const QString &kind);
     void failSerial(const QString &why);
     void onSerialReadyRead();
+    void onSerialError(QSerialPort::SerialPortError error);
     void onTcpReadyRead();
     void onTcpError(QAbstractSocket::SocketError error);
     void onTimer1();

@@ -118,6 +118,7 @@ QByteArray TerminalProcessor::keyBytes(int key, Qt::KeyboardModifiers modifiers,
     case Qt::Key_Tab:
         return QByteArray("\t");
     case Qt::Key_Pause:
+    case Qt::Key_Cancel: // what some keyboards report for Ctrl+Break
         // Ctrl+Break is the Telnet IAC BRK pair, on serial lines too.
         return ctrl ? QByteArray("\xff\xf3", 2) : QByteArray();
     case Qt::Key_Left:
