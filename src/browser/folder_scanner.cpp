@@ -93,10 +93,20 @@ std::vector<DirEntry> listFolder(const QString &path)
         const char *name = entry->d_name;
         if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)))
             continue;
+        struct stat info;
         unsigned char type = entry->d_type;
+        // Some file systems leave the type out of the listing: ask, without
+        // following a link, so links are still known as links.
+        if (type == DT_UNKNOWN) {
+            if (::lstat((encoded + name).constData(), &info) != 0)
+                continue;
+            type = S_ISLNK(info.st_mode) ? DT_LNK
+                : S_ISDIR(info.st_mode)  ? DT_DIR
+                : S_ISREG(info.st_mode)  ? DT_REG
+                                         : DT_UNKNOWN;
+        }
         const bool link = type == DT_LNK;
-        if (type == DT_UNKNOWN || link) {
-            struct stat info;
+        if (link) {
             if (::stat((encoded + name).constData(), &info) != 0)
                 continue;
             type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISREG(info.st_mode) ? DT_REG : DT_UNKNOWN;
