@@ -15,7 +15,9 @@
 #include <unistd.h>
 
 namespace {
-constexpr int wantedReceiveBuffer = 8 * 1024 * 1024;
+// About 25,000 queued syslog datagrams: a few seconds of a flood at the
+// rates devices reach, held while the window catches up.
+constexpr int wantedReceiveBuffer = 32 * 1024 * 1024;
 constexpr int maxDatagram = 65536;
 
 // Raise the kernel queue for bursts. SO_RCVBUFFORCE passes the system cap when
@@ -94,13 +96,39 @@ void LogReceiver::readPending()
 {
     // A bounded batch per wake-up keeps the window responsive in a flood; what
     // is left wakes the (level-triggered) notifier again on the next turn.
+    const bool toFile = m_options && m_options->logToFile();
+    m_records.clear();
     QHostAddress from;
     for (int batch = 0; batch < 256 && m_socket && m_socket->hasPendingDatagrams(); ++batch) {
         const qint64 size = m_socket->readDatagram(m_buffer.data(), m_buffer.size(), &from);
         if (size < 0)
             break;
-        handle(QByteArray::fromRawData(m_buffer.constData(), size), from);
+        const QByteArray bytes = QByteArray::fromRawData(m_buffer.constData(), size);
+        ++m_counters.received;
+        const QString sender = senderText(from);
+        if (!m_router || !m_router(sender, datagramText(bytes))) {
+            ++m_counters.dropped;
+            Q_EMIT datagramHandled(sender, false);
+            continue;
+        }
+        ++m_counters.delivered;
+        m_records.append(Record { sender, toFile ? QByteArray(bytes.constData(), size) : QByteArray() });
     }
+    if (m_records.isEmpty())
+        return;
+    // The views first: a file that cannot be written never costs a view its line.
+    if (m_flush)
+        m_flush();
+    for (const Record &record : std::as_const(m_records)) {
+        if (toFile) {
+            if (appendRecord(record.sender, record.bytes))
+                ++m_counters.written;
+            else
+                ++m_counters.writeFailures;
+        }
+        Q_EMIT datagramHandled(record.sender, true);
+    }
+    m_records.clear();
 }
 
 QString LogReceiver::senderText(const QHostAddress &from)
@@ -115,26 +143,6 @@ QString LogReceiver::senderText(const QHostAddress &from)
         m_lastSenderText = QHostAddress(value).toString();
     }
     return m_lastSenderText;
-}
-
-void LogReceiver::handle(const QByteArray &bytes, const QHostAddress &from)
-{
-    ++m_counters.received;
-    const QString sender = senderText(from);
-    const bool delivered = m_router && m_router(sender, datagramText(bytes));
-    if (!delivered) {
-        ++m_counters.dropped;
-        Q_EMIT datagramHandled(sender, false);
-        return;
-    }
-    ++m_counters.delivered;
-    if (m_options && m_options->logToFile()) {
-        if (appendRecord(sender, bytes))
-            ++m_counters.written;
-        else
-            ++m_counters.writeFailures;
-    }
-    Q_EMIT datagramHandled(sender, true);
 }
 
 bool LogReceiver::appendRecord(const QString &sender, const QByteArray &bytes)

@@ -4,6 +4,7 @@
 #include <QDate>
 #include <QHash>
 #include <QHostAddress>
+#include <QList>
 #include <QLocale>
 #include <QObject>
 #include <QString>
@@ -22,9 +23,11 @@ class QUdpSocket;
 // record, each record ending CR CR LF. The view always comes first, so a file
 // that cannot be written never costs the view its line.
 //
-// Floods: the socket's receive buffer is raised as far as the system allows
-// and the per-datagram work is one read, one lookup and at most one append, so
-// a burst waits in the kernel instead of being dropped there.
+// Floods: the socket's receive buffer is raised as far as the system allows,
+// datagrams are taken in bounded batches (routed, then the views flushed, then
+// the files written) and the per-datagram work is one read, one lookup and at
+// most one append, so a burst waits in the kernel instead of being dropped
+// there and the window keeps answering.
 class LogReceiver : public QObject
 {
     Q_OBJECT
@@ -37,6 +40,9 @@ public:
     ~LogReceiver() override;
 
     void setRouter(Router deliver) { m_router = std::move(deliver); }
+    // Called after each batch of datagrams has been routed and before their
+    // records are written, for views that gather their appends.
+    void setFlush(std::function<void()> flush) { m_flush = std::move(flush); }
 
     // Binds the endpoint (port 0 picks a free one). False, with errorString(),
     // when the port is taken or needs privileges.
@@ -66,13 +72,19 @@ Q_SIGNALS:
 
 private:
     void readPending();
-    void handle(const QByteArray &bytes, const QHostAddress &from);
+    struct Record
+    {
+        QString sender;
+        QByteArray bytes;
+    };
     bool appendRecord(const QString &sender, const QByteArray &bytes);
     QString senderText(const QHostAddress &from);
 
     LogOptions *m_options;
     QUdpSocket *m_socket = nullptr;
     Router m_router;
+    std::function<void()> m_flush;
+    QList<Record> m_records; // the current batch's delivered datagrams
     QString m_error;
     Counters m_counters;
     QByteArray m_buffer;

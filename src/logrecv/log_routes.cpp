@@ -1,41 +1,53 @@
 #include "log_routes.h"
 
+#include "logrecv/log_receiver.h"
+
 #include <QPlainTextEdit>
 #include <QScrollBar>
 #include <QTextCursor>
 #include <QTextDocument>
 
-namespace tw {
+namespace {
 
-void appendToLogbox(QPlainTextEdit *logbox, const QString &text)
+void insertAtEnd(QPlainTextEdit *logbox, const QString &chunk)
 {
-    if (!logbox)
-        return;
+    // A log view has nothing to undo, and an undo stack growing by one entry
+    // per datagram would slow every later insert.
+    QTextDocument *document = logbox->document();
+    if (document->isUndoRedoEnabled())
+        document->setUndoRedoEnabled(false);
     QScrollBar *bar = logbox->verticalScrollBar();
     const bool follow = bar->value() >= bar->maximum();
-    QTextCursor cursor(logbox->document());
+    QTextCursor cursor(document);
     cursor.movePosition(QTextCursor::End);
-    cursor.insertText(text + QStringLiteral("\r\n"));
-    // Scrolling lays out the lines it brings into view; in a flood, do it
-    // once per turn of the event loop rather than once per line.
-    static const char pending[] = "_tw_followPending";
-    if (follow && !logbox->property(pending).toBool()) {
-        logbox->setProperty(pending, true);
-        QMetaObject::invokeMethod(
-            logbox,
-            [logbox] {
-                logbox->setProperty(pending, false);
-                logbox->verticalScrollBar()->setValue(logbox->verticalScrollBar()->maximum());
-            },
-            Qt::QueuedConnection);
-    }
+    cursor.insertText(chunk);
+    if (follow)
+        bar->setValue(bar->maximum());
 }
 
+} // namespace
+
+namespace tw {
+void appendToLogbox(QPlainTextEdit *logbox, const QString &text)
+{
+    if (logbox)
+        insertAtEnd(logbox, text + QStringLiteral("\r\n"));
+}
 } // namespace tw
+
+LogRoutes::LogRoutes(QObject *parent)
+    : QObject(parent)
+{ }
+
+void LogRoutes::attach(LogReceiver &receiver)
+{
+    receiver.setRouter([this](const QString &sender, const QString &text) { return deliver(sender, text); });
+    receiver.setFlush([this] { flush(); });
+}
 
 void LogRoutes::setConsole(int slot, QPlainTextEdit *logbox, TagOf tagOf)
 {
-    m_consoles.insert(slot, Entry { logbox, std::move(tagOf) });
+    m_consoles.insert(slot, Entry { logbox, std::move(tagOf), QString() });
 }
 
 void LogRoutes::removeConsole(int slot)
@@ -43,20 +55,43 @@ void LogRoutes::removeConsole(int slot)
     m_consoles.remove(slot);
 }
 
-QPlainTextEdit *LogRoutes::logboxFor(const QString &sender) const
+LogRoutes::Entry *LogRoutes::entryFor(const QString &sender)
 {
-    for (const Entry &entry : m_consoles) {
+    for (Entry &entry : m_consoles) {
         if (entry.logbox && entry.tagOf && entry.tagOf() == sender)
-            return entry.logbox;
+            return &entry;
     }
     return nullptr;
 }
 
-bool LogRoutes::deliver(const QString &sender, const QString &text) const
+QPlainTextEdit *LogRoutes::logboxFor(const QString &sender) const
 {
-    QPlainTextEdit *logbox = logboxFor(sender);
-    if (!logbox)
+    Entry *entry = const_cast<LogRoutes *>(this)->entryFor(sender);
+    return entry ? entry->logbox.data() : nullptr;
+}
+
+bool LogRoutes::deliver(const QString &sender, const QString &text)
+{
+    Entry *entry = entryFor(sender);
+    if (!entry)
         return false;
-    tw::appendToLogbox(logbox, text);
+    entry->pending += text;
+    entry->pending += QStringLiteral("\r\n");
+    if (!m_flushQueued) {
+        m_flushQueued = true;
+        QMetaObject::invokeMethod(this, &LogRoutes::flush, Qt::QueuedConnection);
+    }
     return true;
+}
+
+void LogRoutes::flush()
+{
+    m_flushQueued = false;
+    for (Entry &entry : m_consoles) {
+        if (entry.pending.isEmpty())
+            continue;
+        if (entry.logbox)
+            insertAtEnd(entry.logbox, entry.pending);
+        entry.pending.clear();
+    }
 }

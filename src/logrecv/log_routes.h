@@ -1,11 +1,14 @@
 #pragma once
 
+#include <QList>
 #include <QMap>
+#include <QObject>
 #include <QPointer>
 #include <QString>
 
 #include <functional>
 
+class LogReceiver;
 class QPlainTextEdit;
 
 namespace tw {
@@ -16,23 +19,34 @@ namespace tw {
 void appendToLogbox(QPlainTextEdit *logbox, const QString &text);
 } // namespace tw
 
-// The consoles' log views in slot order, for the log receiver's router. The app
+// The consoles' log views in slot order, the log receiver's router. The app
 // registers each console when it opens (slot 3 upwards) and removes it when it
 // closes; the tag getter returns the address the console's log view carries
 // (its device), read at delivery time so a reconnect needs no update here.
 //
-//     receiver.setRouter([&routes](const QString &s, const QString &t) { return routes.deliver(s, t); });
-class LogRoutes
+// deliver() queues the text for the first console in slot order whose tag
+// equals the sender; flush() shows everything queued, one insert per view.
+// attach() wires both into a receiver, which flushes after routing each batch
+// of datagrams and before writing their records, so every line is in its view
+// before it is in a file, while a flood costs one view insert per batch
+// instead of one per datagram. Text never waits beyond the current turn of the
+// event loop: a flush is also queued whenever something is pending.
+class LogRoutes : public QObject
 {
+    Q_OBJECT
 public:
     using TagOf = std::function<QString()>;
+
+    explicit LogRoutes(QObject *parent = nullptr);
+
+    void attach(LogReceiver &receiver);
 
     void setConsole(int slot, QPlainTextEdit *logbox, TagOf tagOf);
     void removeConsole(int slot);
 
-    // Appends the text to the first console in slot order whose tag equals the
-    // sender; false when none does.
-    bool deliver(const QString &sender, const QString &text) const;
+    // False when no console carries the sender's address.
+    bool deliver(const QString &sender, const QString &text);
+    void flush();
     QPlainTextEdit *logboxFor(const QString &sender) const;
 
 private:
@@ -40,6 +54,10 @@ private:
     {
         QPointer<QPlainTextEdit> logbox;
         TagOf tagOf;
+        QString pending;
     };
+    Entry *entryFor(const QString &sender);
+
     QMap<int, Entry> m_consoles; // ordered by slot
+    bool m_flushQueued = false;
 };
