@@ -107,8 +107,11 @@ double consoleRun(const QString &file, qint64 bytes, int lines)
     QObject::connect(window.session(), &ConsoleSession::terminalAppend, &window, [&] {
         // The view's own slot ran first. Each CR LF is one character there,
         // and the document counts one more for its end.
-        if (seconds < 0 && document->characterCount() >= shownChars)
+        if (seconds < 0 && document->characterCount() >= shownChars) {
+            // Shown means painted: the last line is on screen before the clock stops.
+            window.consoleBox()->viewport()->repaint();
             seconds = clock.nsecsElapsed() / 1e9;
+        }
     });
     clock.start();
     window.session()->ConnectTCP(QStringLiteral("127.0.0.1"));
