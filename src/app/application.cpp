@@ -2,6 +2,7 @@
 
 #include "app/main_window.h"
 #include "access/access_list.h"
+#include "access/network_window.h"
 #include "app/splash.h"
 #include "browser/browser_window.h"
 #include "capture/config_window.h"
@@ -116,17 +117,17 @@ void Application::start()
 
 void Application::createChildren()
 {
-    auto placeholder = [](const QString &name) {
-        auto *window = new ChildWindow;
-        window->setObjectName(name);
-        return window;
-    };
     m_browser = new BrowserWindow;
     m_main->addChild(WindowTable::filesIndex, QStringLiteral("Files"), m_browser, 1);
     connect(m_browser, &BrowserWindow::sharedFolderChanged, m_main.get(), &MainWindow::setSharedFolder);
     // The access list is loaded when its window is created.
     m_accessList->load_ACL();
-    m_main->addChild(WindowTable::networkIndex, QStringLiteral("Network"), placeholder(QStringLiteral("Network")), 8);
+    auto *network = new NetworkWindow(m_accessList.get());
+    // The Add Network dialog offers the folder browser's folders.
+    network->setFolderSource([this] {
+        return NetworkWindow::FolderChoice { m_browser->folderList(), m_browser->currentFolder() };
+    });
+    m_main->addChild(WindowTable::networkIndex, QStringLiteral("Network"), network, 8);
     m_transferWindow = new TransferWindow(m_monitor.get());
     m_main->addChild(WindowTable::transferIndex, QStringLiteral("Transfer"), m_transferWindow, 3);
     connect(m_transferWindow, &TransferWindow::clearOldTransfersRequested, this,
