@@ -83,11 +83,19 @@ void TftpServer::trace(int slot)
 void TftpServer::handleDatagram(int s, const QByteArray &datagram, const QHostAddress &sender,
     quint16 senderPort, const QHostAddress &destination)
 {
-    Slot &slot = m_slots[s];
-    if (slot.tag == Tag::Blocking)
+    if (m_slots[s].tag == Tag::Blocking)
         return;
+    dispatch(s, datagram, sender, senderPort, destination);
+    // The trace line is written after the reply has gone out, so the client
+    // can already work on it: it is never read, only its one line per
+    // datagram counts.
     trace(s);
+}
 
+void TftpServer::dispatch(int s, const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort,
+    const QHostAddress &destination)
+{
+    const Slot &slot = m_slots[s];
     const int opcode = TftpPacket::opcode(datagram);
     if (opcode < TftpPacket::Rrq || opcode > TftpPacket::Error)
         return;
@@ -249,6 +257,12 @@ void TftpServer::handleData(int s, const QByteArray &datagram)
     const char *data = datagram.constData() + 4;
     const qsizetype size = datagram.size() - 4;
 
+    // The ACK echoes the block bytes. It goes out before the block is written
+    // so the client can send the next one meanwhile; that one is handled only
+    // after this write, so nothing is reordered.
+    slot.socket->writeDatagram(
+        TftpPacket::ack(static_cast<unsigned char>(datagram[2]), static_cast<unsigned char>(datagram[3])),
+        slot.peer, slot.peerPort);
     if (m_capture && m_capture->capturing()) {
         m_capture->CaptureData(QByteArray(data, size));
     } else if (block >= 1) {
@@ -267,9 +281,6 @@ void TftpServer::handleData(int s, const QByteArray &datagram)
             }
         }
     }
-    slot.socket->writeDatagram(
-        TftpPacket::ack(static_cast<unsigned char>(datagram[2]), static_cast<unsigned char>(datagram[3])),
-        slot.peer, slot.peerPort);
     if (size >= TftpPacket::blockSize)
         return;
     slot.tag = Tag::Waiting;

@@ -117,6 +117,8 @@ private:
     // tftp_engine.cpp: the data-arrival handler
     void handleDatagram(int slot, const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort,
         const QHostAddress &destination);
+    void dispatch(int slot, const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort,
+        const QHostAddress &destination);
     void handleRequest(int slot, int opcode, const QByteArray &datagram, const QHostAddress &sender,
         quint16 senderPort, const QHostAddress &destination);
     void handleAck(int slot, const QByteArray &datagram);
