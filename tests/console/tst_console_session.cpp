@@ -70,7 +70,6 @@ private Q_SLOTS:
     void tcpPeerCloseReportsTimedOut();
     void tcpRefusedGivesWinsockError();
     void disconnectTcpAndIdle();
-    void listingReaderTakesTcpText();
     void sendingRuleUsesBothChannels();
 
 private:
@@ -312,25 +311,6 @@ void TestConsoleSession::disconnectTcpAndIdle()
     QCOMPARE(recorder.terminal, QStringLiteral("\r\n\r\nDisconected\r\n"));
     // Sending afterwards reaches nobody and does no harm.
     session.send("show run\r");
-}
-
-void TestConsoleSession::listingReaderTakesTcpText()
-{
-    ConsoleSession session;
-    TerminalRecorder recorder(&session);
-    QSignalSpy listing(&session, &ConsoleSession::listingText);
-    QTcpSocket *device = acceptDevice(session);
-    QVERIFY(device);
-    session.setListingReaderActive(true);
-    device->write("1  -rw-  8617624  c2600.bin\r\n");
-    QTRY_COMPARE(listing.count(), 1);
-    QCOMPARE(listing.at(0).at(0).toByteArray(), QByteArray("1  -rw-  8617624  c2600.bin\r\n"));
-    QCOMPARE(recorder.terminal, QString());
-
-    session.setListingReaderActive(false);
-    device->write("R1#");
-    QTRY_COMPARE(recorder.terminal, QStringLiteral("R1#"));
-    QCOMPARE(listing.count(), 1);
 }
 
 void TestConsoleSession::sendingRuleUsesBothChannels()
