@@ -214,9 +214,15 @@ int main(int argc, char **argv)
         { QStringLiteral("text"), text },
         { QStringLiteral("program"), program },
     };
-    for (int size : { 16, 32 }) {
+    // "--hicolor": only the program icon, in the desktop theme's sizes, named
+    // as the desktop entry refers to it (packaging/icons/<size>/tarnwick.png).
+    const bool hicolor = argc > 2 && QString::fromLocal8Bit(argv[2]) == QLatin1String("--hicolor");
+    const QList<int> sizes = hicolor ? QList<int> { 16, 32, 48, 64, 128, 256 } : QList<int> { 16, 32 };
+    for (int size : sizes) {
         QDir().mkpath(QStringLiteral("%1/%2").arg(out).arg(size));
         for (const auto &[name, draw] : pictures) {
+            if (hicolor && name != QLatin1String("program"))
+                continue;
             QImage image(size, size, QImage::Format_ARGB32_Premultiplied);
             image.fill(Qt::transparent);
             QPainter painter(&image);
@@ -224,7 +230,8 @@ int main(int argc, char **argv)
             painter.scale(size / 32.0, size / 32.0);
             draw(painter);
             painter.end();
-            if (!image.save(QStringLiteral("%1/%2/%3.png").arg(out).arg(size).arg(name)))
+            const QString file = hicolor ? QStringLiteral("tarnwick") : name;
+            if (!image.save(QStringLiteral("%1/%2/%3.png").arg(out).arg(size).arg(file)))
                 return 1;
         }
     }
