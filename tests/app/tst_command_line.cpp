@@ -81,17 +81,6 @@ private Q_SLOTS:
         QVERIFY(options.confine);
     }
 
-    void defaultsAreTheWellKnownPorts()
-    {
-        CommandLineOptions options;
-        QCOMPARE(parseCommandLine({ "tarnwick" }, options).action, CommandLineResult::Run);
-        QCOMPARE(options.tftpPort, quint16(69));
-        QCOMPARE(options.logPort, quint16(514));
-        QCOMPARE(options.telnetPort, quint16(23));
-        QCOMPARE(options.snmpPort, quint16(161));
-        QVERIFY(!options.headless && !options.folderGiven && !options.confine);
-    }
-
     void refusesMistakes_data()
     {
         QTest::addColumn<QStringList>("arguments");

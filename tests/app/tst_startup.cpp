@@ -112,18 +112,17 @@ private Q_SLOTS:
         QVERIFY(main->findChild<QObject *>(QStringLiteral("StatusBar1")));
     }
 
-    void firstStartShowsFolderBrowser()
+    // Without a stored folder the folder browser stays in front; with one it is
+    // minimised and the first console comes forward.
+    void storedFolderDecidesWhatComesForward()
     {
         MainWindow *main = startApp();
         QVERIFY(main->sharedFolder().isEmpty());
         QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Normal);
-        QVERIFY(main->frameOf(WindowTable::filesIndex)->isVisible());
         QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::filesIndex));
-    }
+        m_app.reset();
 
-    void storedFolderMinimisesFilesAndBringsConsoleForward()
-    {
-        MainWindow *main = startApp(m_temp.path());
+        main = startApp(m_temp.path());
         QCOMPARE(main->sharedFolder(), m_temp.path());
         QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Minimised);
         QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::firstConsoleIndex));
@@ -166,6 +165,8 @@ private Q_SLOTS:
     void toolbarClicksMaximiseRestoreAndTile()
     {
         MainWindow *main = startApp();
+        QCOMPARE(tiledFrames(main).size(), 5);
+        verifySideBySide(main);
         QAction *network = main->toolbar()->actions().at(WindowTable::networkIndex);
 
         network->trigger(); // not active: brought forward
@@ -194,15 +195,6 @@ private Q_SLOTS:
         config->trigger();
         QCOMPARE(main->childState(WindowTable::configIndex), MainWindow::Normal);
         QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::configIndex));
-        verifySideBySide(main);
-    }
-
-    void resizeTilesSideBySide()
-    {
-        MainWindow *main = startApp();
-        main->resize(1100, 700);
-        QTest::qWait(50);
-        QCOMPARE(tiledFrames(main).size(), 5);
         verifySideBySide(main);
     }
 
