@@ -5,29 +5,26 @@ TransferMonitor::TransferMonitor(QObject *parent)
     , m_transfers(0, 5)
     , m_sockets(0, 5)
 {
-    m_transfers.setHorizontalHeaderLabels(
-        { QStringLiteral("Filename"), QStringLiteral("From"), QStringLiteral("To"), QStringLiteral("Status"),
-          QStringLiteral("Data sent/Received") });
+    m_transfers.setHorizontalHeaderLabels({ QStringLiteral("Filename"), QStringLiteral("From"),
+        QStringLiteral("To"), QStringLiteral("Status"), QStringLiteral("Data sent/Received") });
     m_sockets.setHorizontalHeaderLabels({ QStringLiteral("socket"), QStringLiteral("LocalPort"),
-                                          QStringLiteral("RemotePort"), QStringLiteral("Status"),
-                                          QStringLiteral("errror") });
+        QStringLiteral("RemotePort"), QStringLiteral("Status"), QStringLiteral("errror") });
     for (int slot = 1; slot <= slotCount; ++slot) {
         QList<QStandardItem *> items { new QStandardItem(QString::number(slot)), new QStandardItem,
-                                       new QStandardItem, new QStandardItem(QStringLiteral("ready")),
-                                       new QStandardItem };
+            new QStandardItem, new QStandardItem(QStringLiteral("ready")), new QStandardItem };
         m_sockets.appendRow(items);
     }
     connect(&m_transfers, &QStandardItemModel::dataChanged, this,
-            [this](const QModelIndex &topLeft) { Q_EMIT transferRowChanged(topLeft.row() + 1); });
+        [this](const QModelIndex &topLeft) { Q_EMIT transferRowChanged(topLeft.row() + 1); });
     connect(&m_sockets, &QStandardItemModel::dataChanged, this,
-            [this](const QModelIndex &topLeft) { Q_EMIT socketRowChanged(topLeft.row() + 1); });
+        [this](const QModelIndex &topLeft) { Q_EMIT socketRowChanged(topLeft.row() + 1); });
 }
 
-int TransferMonitor::addTransfer(const QString &fileName, const QString &from, const QString &to,
-                                 const QString &status)
+int TransferMonitor::addTransfer(
+    const QString &fileName, const QString &from, const QString &to, const QString &status)
 {
-    QList<QStandardItem *> items { new QStandardItem(fileName), new QStandardItem(from), new QStandardItem(to),
-                                   new QStandardItem(status), new QStandardItem };
+    QList<QStandardItem *> items { new QStandardItem(fileName), new QStandardItem(from),
+        new QStandardItem(to), new QStandardItem(status), new QStandardItem };
     m_transfers.appendRow(items);
     const int row = m_transfers.rowCount();
     Q_EMIT transferRowChanged(row);
