@@ -30,10 +30,14 @@ QString LogOptions::effectiveFolder() const
 
 QString LogOptions::defaultFolder()
 {
-    QString base = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
-    if (base.isEmpty())
-        base = QDir::homePath();
-    return QDir::cleanPath(base + QStringLiteral("/Tarnwick/logs"));
+    // Looked up once: the receiver asks for it with every record.
+    static const QString folder = [] {
+        QString base = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+        if (base.isEmpty())
+            base = QDir::homePath();
+        return QDir::cleanPath(base + QStringLiteral("/Tarnwick/logs"));
+    }();
+    return folder;
 }
 
 void LogOptions::useLogDir(const QString &folder)

@@ -15,9 +15,11 @@
 #include <unistd.h>
 
 namespace {
-// About 25,000 queued syslog datagrams: a few seconds of a flood at the
-// rates devices reach, held while the window catches up.
-constexpr int wantedReceiveBuffer = 32 * 1024 * 1024;
+// Each file record is opened, written and closed on the window's thread, so a
+// burst faster than that is held in the kernel queue: 64 MiB (the kernel
+// doubles it) holds well over 100,000 syslog datagrams. Memory is only taken
+// while datagrams actually wait.
+constexpr int wantedReceiveBuffer = 64 * 1024 * 1024;
 constexpr int maxDatagram = 65536;
 
 // Raise the kernel queue for bursts. SO_RCVBUFFORCE passes the system cap when
