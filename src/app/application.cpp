@@ -47,8 +47,7 @@ Application::Application(const CommandLineOptions &options, QObject *parent)
     SnmpPoller::setAgentPort(m_options.snmpPort);
     if (!m_options.logDir.isEmpty())
         m_logOptions->useLogDir(m_options.logDir);
-    m_logReceiver->setRouter(
-        [this](const QString &sender, const QString &text) { return m_logRoutes->deliver(sender, text); });
+    m_logRoutes->attach(*m_logReceiver);
 }
 
 Application::~Application() = default;
@@ -154,8 +153,8 @@ ConsoleWindow *Application::createConsole()
         console->selectTab(1);
         console->relayout();
     });
-    new LogPage(console->logBox(), console->logToFileCheck(), console->choosePathButton(), console->pathLabel(),
-                m_logOptions.get());
+    tw::attachLogPage(console->logBox(), console->logToFileCheck(), console->choosePathButton(), console->pathLabel(),
+                      m_logOptions.get());
     attachRecovery(console);
     return console;
 }
