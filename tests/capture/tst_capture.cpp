@@ -1,0 +1,308 @@
+#include "access/access_list.h"
+#include "access/mask_display.h"
+#include "capture/config_window.h"
+#include "capture/rich_text_document.h"
+#include "capture/rtf_reader.h"
+#include "capture/rtf_writer.h"
+#include "tftp/tftp_server.h"
+#include "tftp/transfer_monitor.h"
+#include "util/message_box.h"
+
+#include <QtNetwork>
+#include <QtTest>
+#include <QtWidgets>
+
+namespace {
+constexpr quint32 red = 0xFF0000;
+constexpr quint32 blue = 0x0000FF;
+
+QByteArray fixture(const char *name)
+{
+    QFile file(QStringLiteral(TW_SOURCE_DIR "/tests/capture/data/") + QLatin1String(name));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("missing fixture");
+}
+
+RichText rich(std::initializer_list<RichRun> runs)
+{
+    RichText text;
+    for (const RichRun &run : runs)
+        text.append(run.text, run.colour);
+    return text;
+}
+} // namespace
+
+// Configuration capture: the RTF behind "Load Config" and "Save Config", the
+// "Config" window, and uploads from real TFTP clients while capture is on.
+class TestCapture : public QObject
+{
+    Q_OBJECT
+    QTemporaryDir m_dir;
+    QStringList m_messages;
+    QString m_folder;
+    TransferMonitor m_monitor;
+    AccessList m_acl;
+    quint16 m_port = 0;
+
+    RichText contents(const ConfigWindow &w) { return tw::richTextFromDocument(*w.configBox()->document()); }
+
+    // A server on a free loopback port sharing a fresh folder, capturing into `window`.
+    std::unique_ptr<TftpServer> startServer(ConfigWindow &window)
+    {
+        m_folder = m_dir.filePath(QStringLiteral("share-") + QTest::currentTestFunction());
+        QDir().mkpath(m_folder);
+        m_acl.clear();
+        m_acl.appendEntry({ "0.0.0.0", maskDisplayForm(0), "yes", "yes", m_folder, 0 });
+        auto server = std::make_unique<TftpServer>(&m_monitor, &m_acl);
+        server->setPort(0);
+        server->setBindAddress(QHostAddress::LocalHost);
+        server->setIntervals(60000, 60000, 60000);
+        server->setCaptureSink(&window);
+        if (!server->start())
+            qWarning() << server->errorString();
+        m_port = server->slotLocalPort(server->listenerSlot());
+        return server;
+    }
+
+    // tftp-hpa's or atftp's put of `bytes`, run while the event loop keeps serving.
+    void put(const QString &program, const QByteArray &bytes, const QString &remote)
+    {
+        QFile local(m_dir.filePath(remote + QStringLiteral(".local")));
+        QVERIFY(local.open(QIODevice::WriteOnly) && local.write(bytes) == bytes.size());
+        local.close();
+        const QString path = QStandardPaths::findExecutable(program);
+        QVERIFY2(!path.isEmpty(),
+            qPrintable(program + " is missing: install the Debian package tftp-hpa and atftp"));
+        const QString port = QString::number(m_port);
+        QProcess client;
+        QSignalSpy finished(&client, &QProcess::finished);
+        client.setProcessChannelMode(QProcess::MergedChannels);
+        client.start(path,
+            program == QLatin1String("atftp")
+                ? QStringList { "-p", "-r", remote, "-l", local.fileName(), "127.0.0.1", port }
+                : QStringList { "-m", "binary", "127.0.0.1", port, "-c", "put", local.fileName(), remote });
+        QVERIFY2(finished.wait(30000), "client did not finish");
+        QVERIFY2(client.exitCode() == 0, client.readAll().constData());
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QDir::setCurrent(m_dir.path()); // where a cancelled dialog's "config.rtf" lands
+        tw::setMessageBoxHook([this](const QString &text, QMessageBox::Icon) { m_messages << text; });
+    }
+
+    // Save then load gives back the text and its colours; the file is 7-bit clean.
+    void rtfRoundTrip()
+    {
+        QString latin1;
+        for (int byte = 1; byte < 256; ++byte)
+            latin1 += byte == '\r' ? QString() : QString(QChar(byte)); // CR is a line end, see below
+        for (const RichText &text : { RichText {},
+                 rich({ { "notes\n\n\tx\t\n", {} }, { "/srv/tftp/r1-confg", red },
+                     { "version 15.2\nend", blue }, { " typed", {} }, { "y", 0x123456 } }),
+                 rich({ { "banner motd {\\} \\par {\\rtf1 }}{", blue } }), rich({ { latin1, blue } }),
+                 rich({ { QStringLiteral("caf\u00e9 \u20ac \u4e2d\u6587 \U0001F600"), red } }) }) {
+            const QByteArray rtf = RtfWriter::write(text);
+            QVERIFY2(rtf.startsWith("{\\rtf1")
+                    && std::all_of(rtf.begin(), rtf.end(), [](char c) { return uchar(c) < 0x80; }),
+                rtf.constData());
+            QVERIFY2(RtfReader::read(rtf) == text, rtf.constData());
+        }
+    }
+
+    // CR LF, LF and lone CR are each one paragraph; a colour beyond the table is the default.
+    void rtfParagraphsAndColours()
+    {
+        const QByteArray rtf = RtfWriter::write(rich({ { "a\r\nb\rc\nd", blue } }));
+        QCOMPARE(rtf.count("\\par\r\n"), 3);
+        QCOMPARE(RtfReader::read(rtf).plainText(), QStringLiteral("a\nb\nc\nd"));
+        QCOMPARE(RtfReader::read("{\\rtf1{\\colortbl;\\red255\\green0\\blue0;}\\cf999 a\\cf1 b}"),
+            rich({ { "a", {} }, { "b", red } }));
+    }
+
+    // Files from other writers read as a person sees them, colours on the right words.
+    void rtfThirdPartyFiles()
+    {
+        QCOMPARE(RtfReader::read(fixture("libreoffice_colours.rtf")),
+            rich({ { "hostname core-sw1\n", {} }, { "interface GigabitEthernet0/1", red }, { "\n", {} },
+                { "description uplink {core} \\ backslash", blue },
+                { QStringLiteral("\ncaf\u00e9 na\u00efve \u20ac5 \u2014 \u4e2d\u6587\n"), {} },
+                { "end", 0x008000 }, { "\n", {} } }));
+        QCOMPARE(RtfReader::read(fixture("wordpad_style.rtf")),
+            rich({ { "/tftpboot/router1-confg", red },
+                { QStringLiteral(
+                      "!\nversion 15.2\nhostname router1\nbanner motd ^C caf\u00e9 \u20ac\u20ac {x}\ty^C\n"),
+                    blue },
+                { "end\n", {} } }));
+        // One of ours, re-saved by LibreOffice.
+        QCOMPARE(RtfReader::read(fixture("libreoffice_resaved.rtf")),
+            rich({ { "/srv/tftp/r1-confg", red }, { "\n", {} }, { "hostname r1", blue }, { "\n", {} },
+                { QStringLiteral("{braces} \\ caf\u00e9"), blue }, { "\n", {} }, { "end", blue },
+                { "\n", {} } }));
+    }
+
+    // Broken files load what they can, quickly.
+    void rtfMalformed_data()
+    {
+        QTest::addColumn<QByteArray>("rtf");
+        QTest::addColumn<QString>("plain");
+        const auto row = [](const char *name, const QByteArray &rtf, const QString &plain) {
+            QTest::newRow(name) << rtf << plain;
+        };
+        row("never closed", "{\\rtf1\\ansi hello", "hello");
+        row("stray closing braces", "{\\rtf1 a}}}b}", "ab");
+        row("truncated escape", "{\\rtf1 a\\'", "a");
+        row("bad hex", "{\\rtf1 a\\'zzb}", "azzb");
+        row("u minus one", "{\\rtf1 a\\u-1?b}", QStringLiteral("a\uffffb"));
+        row("uc skips two", "{\\rtf1 {\\uc2\\u233 xy}z}", QStringLiteral("\u00e9z"));
+        row("uc ends with group", "{\\rtf1 {\\uc3\\u233 x}yz}", QStringLiteral("\u00e9yz"));
+        row("huge bin", "{\\rtf1 a\\bin99999999999 bcd}", "a");
+        row("bin skips braces", "{\\rtf1 a\\bin3 {}\\b}", "ab");
+        row("overflowing parameter", "{\\rtf1\\cf99999999999999999999 x\\fs-99999999999999 y}", "xy");
+        row("huge control word", "{\\rtf1 a\\" + QByteArray(100000, 'q') + " b}", "ab");
+        row("unknown star destination", "{\\rtf1 a{\\*\\whatever secret}b}", "ab");
+        row("hidden text", "{\\rtf1 a{\\v hidden}\\v0 b}", "ab");
+        row("nul bytes", QByteArray("{\\rtf1 a\0b}", 11), QStringLiteral("a") + QChar(0) + "b");
+        row("deep nesting", QByteArray(100000, '{') + "\\rtf1 deep" + QByteArray(100000, '}') + "after",
+            "deepafter");
+        QByteArray colours = "{\\rtf1{\\colortbl;";
+        for (int i = 0; i < 20000; ++i)
+            colours += "\\red1\\green2\\blue3;";
+        row("20000 colours", colours + "}\\cf19999 x\\cf2 y}", "xy");
+    }
+    void rtfMalformed()
+    {
+        QFETCH(QByteArray, rtf);
+        QFETCH(QString, plain);
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(RtfReader::read(rtf).plainText(), plain);
+        QVERIFY(clock.elapsed() < 2000);
+    }
+
+    // Every truncation and thousands of corruptions: no crash, never more text than bytes.
+    void rtfFuzz()
+    {
+        const QByteArray base = RtfWriter::write(rich({ { "/srv/tftp/r1-confg", red },
+                                    { QStringLiteral("hostname r1\n{x}\\y caf\u00e9 \u20ac\n"), blue } }))
+            + fixture("libreoffice_colours.rtf");
+        for (qsizetype cut = 0; cut <= base.size(); ++cut)
+            QVERIFY(RtfReader::read(base.left(cut)).plainText().size() <= cut);
+        QRandomGenerator random(1350);
+        static const char alphabet[] = "{}\\'*uc0123456789-abinrtf ;\x80\xff";
+        for (int round = 0; round < 3000; ++round) {
+            QByteArray mutated = base;
+            for (int edits = 1 + int(random.bounded(20)); edits > 0; --edits)
+                mutated[random.bounded(int(mutated.size()))]
+                    = alphabet[random.bounded(int(sizeof alphabet - 1))];
+            QVERIFY(RtfReader::read(mutated).plainText().size() <= mutated.size());
+        }
+    }
+
+    // Save and load through the dialogs: the preset name, a cancelled dialog
+    // falling back to "config.rtf" in the working folder, a missing file
+    // loading nothing without a word, a failed save reported.
+    void windowSaveAndLoad()
+    {
+        ConfigWindow source, target;
+        source.configBox()->setPlainText(QStringLiteral("typed "));
+        source.CaptureFileName(QStringLiteral("/srv/tftp/{x}\\confg"));
+        source.CaptureData("interface Gi0/1\n description caf\xe9\n");
+        QStringList presets;
+        QString chosen = m_dir.filePath(QStringLiteral("saved.rtf"));
+        const auto dialog = [&](QWidget *, const QString &preset) { return (presets << preset, chosen); };
+        source.setSaveDialog(dialog);
+        target.setOpenDialog(dialog);
+        target.configBox()->setPlainText(QStringLiteral("replaced"));
+        source.findChild<QAction *>(QStringLiteral("MnuSaveConfig"))->trigger();
+        target.findChild<QAction *>(QStringLiteral("MnuLoadConfig"))->trigger();
+        QCOMPARE(contents(target), contents(source));
+        QCOMPARE(presets, (QStringList { "config.rtf", "config.rtf" }));
+
+        chosen.clear();
+        target.configBox()->clear();
+        source.saveConfigClicked();
+        QVERIFY(QFile::exists(m_dir.filePath(QStringLiteral("config.rtf"))));
+        target.loadConfigClicked();
+        QCOMPARE(contents(target), contents(source));
+        QFile::remove(m_dir.filePath(QStringLiteral("config.rtf")));
+        target.loadConfigClicked();
+        QCOMPARE(contents(target), contents(source));
+        QVERIFY(m_messages.isEmpty());
+
+        chosen = m_dir.filePath(QStringLiteral("no/such/dir/x.rtf"));
+        source.saveConfigClicked();
+        QCOMPARE(m_messages.size(), 1);
+    }
+
+    // Two uploads, one per client: name, contents, name, contents, nothing else, nothing on disk.
+    void tftpTwoUploadsInOrder()
+    {
+        ConfigWindow window;
+        window.configBox()->setPlainText(QStringLiteral("notes typed by hand\n"));
+        window.configBox()->moveCursor(QTextCursor::Start); // captures still go to the end
+        const std::unique_ptr<TftpServer> server = startServer(window);
+        window.captureConfig();
+        const QByteArray first
+            = QByteArray("interface Gi0/1\n description {uplink} \\ caf\xe9\n").repeated(60);
+        const QByteArray second = QByteArrayLiteral("hostname r2\0\xff\x80\nend\n"); // one block, any byte
+        put(QStringLiteral("tftp"), first, QStringLiteral("r1-confg"));
+        put(QStringLiteral("atftp"), second, QStringLiteral("r2-confg"));
+        QCOMPARE(contents(window),
+            rich({ { "notes typed by hand\n", {} }, { m_folder + QStringLiteral("/r1-confg"), red },
+                { QString::fromLatin1(first), blue }, { m_folder + QStringLiteral("/r2-confg"), red },
+                { QString::fromLatin1(second), blue } }));
+        QCOMPARE(QDir(m_folder).entryList(QDir::Files), QStringList());
+    }
+
+    // Only "Capture Config" and "Stop Capture" switch capture, and hiding the
+    // window leaves it on. Stopped after two blocks of an upload, the rest
+    // goes to the file at its own offsets; the view keeps the first two.
+    void tftpStopInTheMiddle()
+    {
+        ConfigWindow window;
+        const std::unique_ptr<TftpServer> server = startServer(window);
+        auto *capture = window.findChild<QAction *>(QStringLiteral("MnuCaptureConfig"));
+        auto *stop = window.findChild<QAction *>(QStringLiteral("MnuStopCapture"));
+        QVERIFY(capture && stop && capture->isEnabled() && !stop->isEnabled() && !window.capturing());
+        QSignalSpy changed(&window, &ConfigWindow::capturingChanged);
+        window.show();
+        capture->trigger();
+        window.close();
+        QVERIFY(window.isHidden() && window.capturing() && !capture->isEnabled() && stop->isEnabled());
+
+        const QByteArray data
+            = QByteArray(512, 'A') + QByteArray(512, 'B') + QByteArray(512, 'C') + QByteArray(412, 'D');
+        const auto packet = [](int opcode, int number) {
+            const char bytes[] = { 0, char(opcode), char(number >> 8), char(number & 0xff) };
+            return QByteArray(bytes, 4);
+        };
+        QUdpSocket client;
+        QVERIFY(client.bind(QHostAddress::LocalHost, 0));
+        client.writeDatagram(QByteArray("\0\2mid-confg\0octet\0", 18), QHostAddress::LocalHost, m_port);
+        quint16 transferPort = 0;
+        for (int number = 0; number <= 4; ++number) {
+            if (number > 0) {
+                if (number == 3)
+                    stop->trigger();
+                client.writeDatagram(packet(3, number) + data.mid((number - 1) * 512, 512),
+                    QHostAddress::LocalHost, transferPort);
+            }
+            QTRY_VERIFY_WITH_TIMEOUT(client.hasPendingDatagrams(), 5000);
+            const QNetworkDatagram ack = client.receiveDatagram();
+            QCOMPARE(ack.data(), packet(4, number));
+            transferPort = quint16(ack.senderPort());
+        }
+        QVERIFY(capture->isEnabled() && !stop->isEnabled() && !window.capturing());
+        QCOMPARE(changed.size(), 2);
+        QCOMPARE(contents(window).runs.value(1).text, QString::fromLatin1(data.left(1024)));
+        QCOMPARE(contents(window).runs.size(), 2);
+        QFile file(m_folder + QStringLiteral("/mid-confg"));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), QByteArray(1024, '\0') + data.mid(1024));
+    }
+};
+
+QTEST_MAIN(TestCapture)
+#include "tst_capture.moc"
