@@ -11,7 +11,6 @@
 #include <QFileInfo>
 #include <QUdpSocket>
 
-#include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -74,9 +73,18 @@ void TftpServer::trace(int slot)
     const int fd = ::open(m_tracePath.constData(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     if (fd < 0)
         return;
+    // Formatted by hand: this runs for every datagram and printf costs more than the line.
     char line[16];
-    const int n = std::snprintf(line, sizeof line, "%d\r\n", slot);
-    [[maybe_unused]] const ssize_t written = ::write(fd, line, size_t(n));
+    char *end = line + sizeof line;
+    char *at = end;
+    *--at = '\n';
+    *--at = '\r';
+    unsigned value = unsigned(slot);
+    do {
+        *--at = char('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    [[maybe_unused]] const ssize_t written = ::write(fd, at, size_t(end - at));
     ::close(fd);
 }
 
@@ -173,6 +181,8 @@ void TftpServer::handleRequest(int s, int opcode, const QByteArray &datagram, co
         const TftpPacket::BlockPlan plan = TftpPacket::firstBlock(file.size());
         slot.tag = plan.final ? Tag::CheckEnd : Tag::Send;
         sendBlock(s, file.get(), plan.offset, plan.length, 0, 1);
+        if (!plan.final)
+            readAhead(s, file.get(), 2);
         // the file closes here, before the listener moves on
     } else {
         takeRequest(s, sender, senderPort);
@@ -196,6 +206,7 @@ void TftpServer::takeRequest(int s, const QHostAddress &sender, quint16 senderPo
     slot.socket->bind(m_bindAddress, 0);
     slot.peer = sender;
     slot.peerPort = senderPort;
+    slot.aheadBlock = 0;
     showPorts(s);
 }
 
@@ -232,6 +243,20 @@ void TftpServer::handleAck(int s, const QByteArray &datagram)
         static_cast<unsigned char>(datagram[2]), static_cast<unsigned char>(datagram[3]));
     if (next.high > 255)
         return; // past block 65535 there is no number to send it under
+    if (slot.aheadBlock == next.number()) {
+        // The usual case: the block is ready, the client gets it at once and
+        // the file is opened afterwards, while the client works on it.
+        slot.aheadBlock = 0;
+        if (slot.aheadFinal)
+            slot.tag = Tag::CheckEnd;
+        slot.socket->writeDatagram(slot.ahead, slot.peer, slot.peerPort);
+        if (slot.tag != Tag::Send)
+            return;
+        Fd file(slot.nativePath, O_RDONLY);
+        if (file.ok())
+            readAhead(s, file.get(), next.number() + 1);
+        return;
+    }
     Fd file(slot.nativePath, O_RDONLY);
     if (!file.ok())
         return;
@@ -245,6 +270,24 @@ void TftpServer::handleAck(int s, const QByteArray &datagram)
         slot.tag = Tag::CheckEnd;
     m_sendBuffer.resize(4 + plan.length);
     slot.socket->writeDatagram(m_sendBuffer, slot.peer, slot.peerPort);
+    if (!plan.final)
+        readAhead(s, file.get(), next.number() + 1);
+}
+
+void TftpServer::readAhead(int s, int fd, int block)
+{
+    Slot &slot = m_slots[s];
+    slot.aheadBlock = 0;
+    if (block > 65535)
+        return;
+    // Same full-block rule as above: one byte past the block is read too.
+    const qint64 offset = TftpPacket::writeOffset(block);
+    TftpPacket::dataHeader(slot.ahead, block >> 8, block & 0xff, TftpPacket::blockSize + 1);
+    const qint64 got = readAt(fd, slot.ahead.data() + 4, TftpPacket::blockSize + 1, offset);
+    const TftpPacket::BlockPlan plan = TftpPacket::laterBlock(offset + got, block);
+    slot.ahead.resize(4 + plan.length);
+    slot.aheadFinal = plan.final;
+    slot.aheadBlock = block;
 }
 
 void TftpServer::handleData(int s, const QByteArray &datagram)

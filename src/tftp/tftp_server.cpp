@@ -159,12 +159,12 @@ void TftpServer::readPending(QUdpSocket *socket)
             datagram.destinationAddress());
         return;
     }
-    QHostAddress sender;
     quint16 senderPort = 0;
-    const qint64 got = socket->readDatagram(m_readBuffer.data(), m_readBuffer.size(), &sender, &senderPort);
+    const qint64 got = socket->readDatagram(m_readBuffer.data(), m_readBuffer.size(), &m_sender, &senderPort);
     if (got < 0)
         return;
-    handleDatagram(s, QByteArray::fromRawData(m_readBuffer.constData(), got), sender, senderPort, {});
+    handleDatagram(
+        s, QByteArray::fromRawData(m_readBuffer.constData(), got), m_sender, senderPort, m_noAddress);
 }
 
 void TftpServer::socketError(QUdpSocket *socket, int error)

@@ -99,6 +99,12 @@ private:
         qint32 receivedBlocks = 0;
         QHostAddress peer;
         quint16 peerPort = 0;
+        // The DATA datagram of the block after the one last sent, read (in
+        // the same handling, file opened and closed there) once that block is
+        // out, so the next ACK is answered before any file is touched.
+        QByteArray ahead;
+        int aheadBlock = 0; // 0: nothing read ahead
+        bool aheadFinal = false;
     };
 
     // tftp_server.cpp: sockets and slot lifecycle
@@ -126,6 +132,7 @@ private:
     void handleError(int slot, const QByteArray &datagram);
     void takeRequest(int slot, const QHostAddress &sender, quint16 senderPort);
     void sendBlock(int slot, int fd, qint64 offset, qint64 length, int high, int low);
+    void readAhead(int slot, int fd, int block);
     bool pathStaysInside(const QString &folder, const QString &name) const;
     void trace(int slot);
 
@@ -144,4 +151,6 @@ private:
     QString m_errorString;
     QByteArray m_sendBuffer;
     QByteArray m_readBuffer;
+    QHostAddress m_sender; // reused by every read: no address allocated per block
+    const QHostAddress m_noAddress; // transfer sockets do not report the local address
 };
