@@ -1,4 +1,8 @@
+// The access list: its ACLIST.ini file read and written back, and the
+// decisions made from it with the transfer rows they leave.
+
 #include "access/access_list.h"
+#include "access/check_access.h"
 #include "access/mask_display.h"
 
 #include <QFile>
@@ -6,160 +10,167 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+namespace {
+void writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+}
+
+AccessList *loaded(AccessList &list, const QString &path)
+{
+    list.setFilePath(path);
+    list.load_ACL();
+    return &list;
+}
+} // namespace
+
 class TestAccessList : public QObject
 {
     Q_OBJECT
 
-private:
-    static void writeFile(const QString &path, const QByteArray &bytes)
+    QTemporaryDir m_dir;
+    QStringList m_rows; // file, from, to, status of each recorded transfer row
+    // Rows in the file's own line format, separated by '|'; requester 10.1.2.3 unless given.
+    int decide(
+        const QString &rows, int kind, const QString &address = "10.1.2.3", const AccessVeto &veto = {})
     {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(bytes);
-    }
-    static QByteArray readFile(const QString &path)
-    {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+        AccessList list;
+        for (const QString &line : rows.isEmpty() ? QStringList() : rows.split('|'))
+            list.appendEntry(AccessList::entryFromLine(line));
+        m_rows.clear();
+        return CheckAccess(
+            list, { address, "10.9.9.9", kind, "image.bin" },
+            [this](const QString &f, const QString &from, const QString &to, const QString &s) {
+                m_rows << QStringList { f, from, to, s }.join(',');
+            },
+            veto);
     }
 
 private Q_SLOTS:
-    void maskDisplay_data()
+    void maskTexts()
     {
-        QTest::addColumn<int>("prefix");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("0") << 0 << " 0 . 0 . 0 . 0 ";
-        QTest::newRow("8") << 8 << " 255. 0 . 0 . 0 ";
-        QTest::newRow("16") << 16 << " 255. 255. 0 . 0 ";
-        QTest::newRow("20") << 20 << " 255. 255. 240. 0 ";
-        QTest::newRow("24") << 24 << " 255. 255. 255. 0 ";
-        QTest::newRow("25") << 25 << " 255. 255. 255. 128";
-        QTest::newRow("30") << 30 << " 255. 255. 255. 252";
-        QTest::newRow("32") << 32 << " 255. 255. 255. 255";
-        QTest::newRow("clamped") << 40 << " 255. 255. 255. 255";
-    }
-    void maskDisplay()
-    {
-        QFETCH(int, prefix);
-        QFETCH(QString, text);
-        QCOMPARE(maskDisplayForm(prefix), text);
+        const QList<QPair<int, QString>> masks { { 0, " 0 . 0 . 0 . 0 " }, { 8, " 255. 0 . 0 . 0 " },
+            { 20, " 255. 255. 240. 0 " }, { 25, " 255. 255. 255. 128" }, { 32, " 255. 255. 255. 255" },
+            { 40, " 255. 255. 255. 255" } };
+        for (const auto &[prefix, text] : masks)
+            QCOMPARE(maskDisplayForm(prefix), text);
     }
 
-    void field_data()
+    // Loading appends the file's lines in order, blank ones included, whatever the
+    // line ends; fields missing at the end read empty, extra ones are ignored.
+    void loadAppendsEveryLine()
     {
-        QTest::addColumn<QString>("line");
-        QTest::addColumn<QStringList>("fields");
-        QTest::newRow("full") << "10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16;"
-                              << QStringList { "10.1.0.0", " 255. 255. 0 . 0 ", "yes", "no", "/srv/lab",
-                                     "16" };
-        QTest::newRow("no final ;") << "10.1.0.0;m;yes;no;/srv/lab;16"
-                                    << QStringList { "10.1.0.0", "m", "yes", "no", "/srv/lab", "16" };
-        QTest::newRow("missing trailing fields")
-            << "1.2.3.4;m" << QStringList { "1.2.3.4", "m", "", "", "", "" };
-        QTest::newRow("empty") << "" << QStringList { "", "", "", "", "", "" };
-        QTest::newRow("extra fields ignored")
-            << "a;b;c;d;e;7;x;y;" << QStringList { "a", "b", "c", "d", "e", "7" };
-    }
-    void field()
-    {
-        QFETCH(QString, line);
-        QFETCH(QStringList, fields);
-        for (int k = 1; k <= 6; ++k)
-            QCOMPARE(AccessList::field(line, k), fields[k - 1]);
-    }
-
-    void loadKeepsOrderBlankRowsAndLineEnds()
-    {
-        QTemporaryDir dir;
-        const QString path = dir.filePath("ACLIST.ini");
-        // CR LF, a blank line, a lone LF, a lone CR, and a last line without an end.
+        const QString path = m_dir.filePath("load.ini");
         writeFile(path,
             "10.0.0.0; 255. 0 . 0 . 0 ;yes;yes;/a;8;\r\n\r\n192.168.1.0;m;no;yes;/b;24\n"
-            "172.16.0.0;m;yes;no;/c;12;\r1.1.1.1;m;;;/d;32;");
+            "172.16.0.0;m;yes;no;/c;12;x;y;\r1.1.1.1;m");
         AccessList list;
         list.appendEntry({ "existing", "m", "yes", "yes", "/z", 1 });
-        list.setFilePath(path);
-        list.load_ACL();
-        QCOMPARE(list.count(), 6); // appended, not replaced
-        QCOMPARE(list.entry(1).network, QString("existing"));
-        QCOMPARE(list.entry(2).network, QString("10.0.0.0"));
-        QCOMPARE(list.entry(2).mask, QString(" 255. 0 . 0 . 0 "));
-        QCOMPARE(list.entry(2).prefix, 8);
-        QCOMPARE(list.entry(3).network, QString()); // the blank line
-        QCOMPARE(list.entry(4).read, QString("no"));
-        QCOMPARE(list.entry(4).prefix, 24);
-        QCOMPARE(list.entry(5).folder, QString("/c"));
-        QCOMPARE(list.entry(6).read, QString());
-        QCOMPARE(list.entry(6).prefix, 32);
+        QCOMPARE(loaded(list, path)->count(), 6);
+        QStringList lines;
+        for (int row = 1; row <= 7; ++row) // the last one out of range
+            lines << AccessList::lineFor(list.entry(row));
+        QCOMPARE(lines,
+            QStringList({ "existing;m;yes;yes;/z;1;", "10.0.0.0; 255. 0 . 0 . 0 ;yes;yes;/a;8;", ";;;;;0;",
+                "192.168.1.0;m;no;yes;/b;24;", "172.16.0.0;m;yes;no;/c;12;", "1.1.1.1;m;;;;0;", ";;;;;0;" }));
         // The model shows the columns the window lists, the prefix as the row's tag.
         QCOMPARE(list.headerData(1, Qt::Horizontal).toString(), QString("Subnet Mask"));
         QCOMPARE(list.index(1, 0).data(Qt::UserRole).toInt(), 8);
-        QCOMPARE(list.entry(7).network, QString()); // out of range reads empty
-    }
-
-    void missingFileLoadsNothing()
-    {
-        QTemporaryDir dir;
-        AccessList list;
-        list.setFilePath(dir.filePath("nothing-here.ini"));
-        list.load_ACL();
-        QCOMPARE(list.count(), 0);
+        // Random bytes load as some rows more and are written back without a crash.
+        QByteArray junk(200000, '\0');
+        QRandomGenerator(1234).fillRange(reinterpret_cast<quint32 *>(junk.data()), junk.size() / 4);
+        writeFile(path, junk);
+        QVERIFY(loaded(list, path)->count() > 6);
+        list.save_ACL();
+        QVERIFY(QFile::exists(path));
     }
 
     void saveDropsEmptyNetworksAndRoundTrips()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath("ACLIST.ini");
-        writeFile(path, "10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16\r\n\r\n;m;yes;yes;/x;3;\r\n");
+        const QString path = m_dir.filePath("save.ini");
         AccessList list;
-        list.setFilePath(path);
-        list.load_ACL();
-        QCOMPARE(list.count(), 3);
+        QCOMPARE(loaded(list, path)->count(), 0); // no file yet: nothing
+        writeFile(path, "10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16\r\n\r\n;m;yes;yes;/x;3;\r\n");
+        QCOMPARE(loaded(list, path)->count(), 3);
         list.appendEntry({ "192.168.7.0", maskDisplayForm(24), "no", "yes", "/srv/dev/", 24 });
         list.save_ACL();
-        const QByteArray expected = "10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16;\r\n"
-                                    "192.168.7.0; 255. 255. 255. 0 ;no;yes;/srv/dev/;24;\r\n";
-        QCOMPARE(readFile(path), expected);
-
+        QFile saved(path);
+        QVERIFY(saved.open(QIODevice::ReadOnly));
+        QCOMPARE(saved.readAll(),
+            QByteArray("10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16;\r\n"
+                       "192.168.7.0; 255. 255. 255. 0 ;no;yes;/srv/dev/;24;\r\n"));
+        list.removeRow(0); // reaches the file only with the next save
         AccessList again;
-        again.setFilePath(path);
-        again.load_ACL();
-        QCOMPARE(again.count(), 2);
-        QCOMPARE(again.entry(2).folder, QString("/srv/dev/"));
-        QCOMPARE(again.entry(2).prefix, 24);
+        QCOMPARE(loaded(again, path)->count(), 2);
+        QCOMPARE(AccessList::lineFor(again.entry(2)),
+            QString("192.168.7.0; 255. 255. 255. 0 ;no;yes;/srv/dev/;24;"));
     }
 
-    void removalReachesFileOnlyWithNextSave()
+    void decisions()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath("ACLIST.ini");
-        AccessList list;
-        list.setFilePath(path);
-        list.appendEntry({ "10.0.0.0", maskDisplayForm(8), "yes", "yes", "/a", 8 });
-        list.appendEntry({ "10.1.0.0", maskDisplayForm(16), "yes", "yes", "/b", 16 });
-        list.save_ACL();
-        list.removeRow(0);
-        AccessList restarted;
-        restarted.setFilePath(path);
-        restarted.load_ACL();
-        QCOMPARE(restarted.count(), 2);
+        const int failed = AccessDecision::Failed;
+        const std::tuple<const char *, const char *, const char *, int, int> cases[] = {
+            // name, rows, requester, read or write, result
+            { "empty list blocks", "", "10.1.2.3", 1, -1 },
+            { "/0 matches all", "0.0.0.0;0.0.0.0;yes;yes;;0", "203.0.113.9", 1, 1 },
+            { "/32 exact", "10.1.2.3;255.255.255.255;yes;yes;;32", "10.1.2.3", 2, 1 },
+            { "/32 other host", "10.1.2.3;255.255.255.255;yes;yes;;32", "10.1.2.4", 1, -1 },
+            { "outside network", "192.168.1.0;255.255.255.0;yes;yes;;24", "192.168.2.1", 1, -1 },
+            { "odd prefix /20", "172.16.16.0;255.255.240.0;yes;yes;;20", "172.16.31.200", 1, 1 },
+            { "host bits set", "192.168.1.77; 255. 255. 255. 0 ;yes;yes;;24", "192.168.1.5", 1, 1 },
+            { "last refuses", "10.1.0.0;255.255.0.0;;;;16|10.0.0.0;255.0.0.0;no;;;8", "10.1.2.3", 1, -1 },
+            { "last allows", "10.0.0.0;255.0.0.0;no;;;8|10.1.0.0;255.255.0.0;;;;16", "10.1.2.3", 1, 2 },
+            { "later no match", "10.0.0.0;255.0.0.0;;;;8|11.0.0.0;255.0.0.0;no;no;;8", "10.1.2.3", 1, 1 },
+            { "write refused", "10.0.0.0;255.0.0.0;yes;no;;8", "10.1.2.3", 2, -1 },
+            { "read refused, write allowed", "10.0.0.0;255.0.0.0;no;yes;;8", "10.1.2.3", 2, 1 },
+            { "capital No allows", "10.0.0.0;255.0.0.0;No;No;;8", "10.1.2.3", 1, 1 },
+            { "empty rights allow", "10.0.0.0;255.0.0.0;;;;8", "10.1.2.3", 2, 1 },
+            { "octet 1e2 reads 100", "1e2.0.0.0;255.0.0.0;;;;8", "100.1.1.1", 1, 1 },
+            { "trailing junk ignored", "10x.0.0.0;255abc.0.0.0;;;;8", "10.1.1.1", 1, 1 },
+            { "empty octets read 0", "...;...;;;;0", "10.1.1.1", 1, 1 },
+            { "short row fails", "10.0.0;255.0.0.0;;;;8", "10.1.1.1", 1, failed },
+            { "blank row fails", "0.0.0.0;0.0.0.0;;;;0|", "10.1.1.1", 1, failed },
+            { "short address fails", "0.0.0.0;0.0.0.0;;;;0", "10.1", 1, failed },
+            { "overflowing octet fails", "40000.0.0.0;255.0.0.0;;;;8", "10.1.1.1", 1, failed },
+        };
+        // A decision is always recorded exactly once, as allowed or blocked, unless it failed.
+        for (const auto &[name, rows, address, kind, want] : cases) {
+            const int result = decide(rows, kind, address);
+            const QString row
+                = m_rows.size() == 1 ? m_rows[0].section(',', 3) : QString::number(m_rows.size());
+            const QString wantRow = want == failed ? "0" : want > 0 ? "Allowed" : "Blocked";
+            QCOMPARE(QString("%1: %2, %3").arg(name).arg(result).arg(row),
+                QString("%1: %2, %3").arg(name).arg(want).arg(wantRow));
+        }
     }
 
-    void junkFilesNeverCrash()
+    // Requester 10.1.2.3, server 10.9.9.9: blocked rows show the pair the other way round.
+    void transferRows()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath("ACLIST.ini");
-        QRandomGenerator rng(1234);
-        QByteArray junk(200000, '\0');
-        for (char &c : junk)
-            c = char(rng.bounded(256));
-        writeFile(path, junk);
-        AccessList list;
-        list.setFilePath(path);
-        list.load_ACL();
-        QVERIFY(list.count() > 0);
-        list.save_ACL(); // whatever survives is written back without a crash
-        QVERIFY(QFile::exists(path));
+        const QString server = "image.bin,10.9.9.9,10.1.2.3,", requester = "image.bin,10.1.2.3,10.9.9.9,";
+        const QStringList want { server + "Allowed", requester + "Allowed", requester + "Blocked",
+            server + "Blocked" };
+        for (int i = 0; i < 4; ++i) {
+            QCOMPARE(
+                decide(i < 2 ? "10.0.0.0;255.0.0.0;yes;yes;;8" : "10.0.0.0;255.0.0.0;no;no;;8", 1 + i % 2),
+                i < 2 ? 1 : -1);
+            QCOMPARE(m_rows, QStringList { want[i] });
+        }
+        // A veto on the deciding row refuses like the list would.
+        int askedRow = 0;
+        const auto veto = [&askedRow](int row) { return (askedRow = row) == 0; };
+        QCOMPARE(decide("0.0.0.0;0.0.0.0;;;;0|10.1.0.0;255.255.0.0;;;;16", 1, "10.1.2.3", veto), -1);
+        QCOMPARE(askedRow, 2);
+        QCOMPARE(m_rows, QStringList { requester + "Blocked" });
+    }
+
+    void octetValues()
+    {
+        const QList<QPair<QString, int>> cases { { " 255", 255 }, { " 0 ", 0 }, { "", 0 }, { "1e2", 100 },
+            { "2.5", 2 }, { "7.6", 8 }, { "-1", -1 }, { "abc", 0 }, { "12ab", 12 } };
+        for (const auto &[text, value] : cases)
+            QCOMPARE(octetValue(text), std::optional<int>(value)); // halves round to even
     }
 };
 
