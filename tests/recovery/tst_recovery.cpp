@@ -177,6 +177,7 @@ private Q_SLOTS:
         QAction *menu = m_console->rommonAction();
         // Not connected, then on a TCP console: nothing happens.
         menu->trigger();
+        QVERIFY(frame->isHidden());
         m_console->session()->ConnectTCP(QStringLiteral("127.0.0.1"));
         QCOMPARE(m_console->session()->connectionKind(), QStringLiteral("TCP/IP"));
         menu->trigger();
