@@ -305,6 +305,26 @@ private Q_SLOTS:
         QCOMPARE(session.countDown(), qint16(60));
     }
 
+    void tcpTimesOutWhenDeviceDoesNotAnswer()
+    {
+        // A full accept queue leaves a further connection attempt hanging in SYN retries.
+        QTcpServer silent;
+        silent.setListenBacklogSize(0);
+        silent.setMaxPendingConnections(0); // never take the fillers off the kernel's queue
+        QVERIFY(silent.listen(QHostAddress::LocalHost, 0));
+        QTcpSocket fillers[3];
+        for (QTcpSocket &filler : fillers)
+            filler.connectToHost(QHostAddress::LocalHost, silent.serverPort());
+        QTest::qWait(100);
+        ConsoleSession::setTelnetPort(silent.serverPort());
+        ConsoleSession session;
+        session.setTimerIntervals(0, 200);
+        Recorder out(&session);
+        session.ConnectTCP(QStringLiteral("127.0.0.1"));
+        QTRY_COMPARE_WITH_TIMEOUT(session.connectionKind(), QString(), 3000);
+        QCOMPARE(out.appends, (Appends { { "Connection timed out\r", 255u }, { ">\r", 0u } }));
+    }
+
     void tcpPeerCloseAndSocketError()
     {
         ConsoleSession session;
