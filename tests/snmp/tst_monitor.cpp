@@ -4,35 +4,19 @@
 #include "snmp/translate_snmp.h"
 #include "util/message_box.h"
 
-#include <QDir>
-#include <QElapsedTimer>
-#include <QLabel>
-#include <QLineEdit>
-#include <QNetworkDatagram>
-#include <QProcess>
-#include <QPushButton>
-#include <QRandomGenerator>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTreeView>
+#include <QtNetwork>
 #include <QtTest>
+#include <QtWidgets>
 
 using namespace TranslateSNMP;
 
-namespace {
+const auto tlv
+    = [](quint8 tag, const QByteArray &content) { return char(tag) + (char(content.size()) + content); };
 
-QByteArray tlv(quint8 tag, const QByteArray &content)
-{
-    return QByteArray(1, char(tag)) + char(content.size()) + content;
-}
-
-// An SNMP version 1 GetResponse binding 1.3.<ids> to a value, built the way an
-// agent builds it, with proper BER sub-identifiers (172 becomes 0x81 0x2C), so
-// the decoder is fed what real devices send rather than what our own encoder
-// writes. longForm: the outer length as 0x82 HH LL even when short would do
-// (0x81 LL decodes the same on either path, so it proves nothing).
-QByteArray response(std::initializer_list<quint32> ids, quint8 tag, const QByteArray &value, int error = 0,
-    bool longForm = false)
+// A version 1 GetResponse binding 1.3.<ids> to a value with BER sub-identifiers, as agents send it. longForm:
+// outer length 0x82 HH LL even where short would do (0x81 LL decodes alike on either path, proving nothing).
+static QByteArray response(std::initializer_list<quint32> ids, quint8 tag, const QByteArray &value,
+    int error = 0, bool longForm = false)
 {
     QByteArray oid(1, '\x2B');
     for (quint32 v : ids) {
@@ -49,38 +33,27 @@ QByteArray response(std::initializer_list<quint32> ids, quint8 tag, const QByteA
     return longForm ? QByteArray("\x30\x82\x00", 3) + char(body.size()) + body : tlv(0x30, body);
 }
 
-} // namespace
-
 class TestMonitor : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void encoder();
-    void decoder();
-    void damagedDatagrams();
+    void encoderAndDecoder();
     void pollCycleAndFigures();
     void realAgent();
 };
 
-void TestMonitor::encoder()
+void TestMonitor::encoderAndDecoder()
 {
-    // Every identifier is taken to start with 1.3; pieces up to 255 take one
-    // byte, larger ones two, rounded half to even; 16384 and above cannot be held.
-    const char *const rows[][2] = {
-        { "1.3.6.1.2.1.1.3.0.", "2b 06 01 02 01 01 03 00" },
+    // Every identifier is taken to start with 1.3; pieces up to 255 take one byte, larger ones two,
+    // rounded half to even; 16384 and above cannot be held.
+    const char *const rows[][2] = { { "1.3.6.1.2.1.1.3.0.", "2b 06 01 02 01 01 03 00" },
         { "1.3.6.1.4.1.9.9.109.1.1.1.1.5.1", "2b 06 01 04 01 09 09 6d 01 01 01 01 05 01" },
-        { "2.7.6", "2b 06" },
-        { "1.3.200.172", "2b c8 ac" },
-        { "1.3.256", "2b 82 00" },
-        { "1.3.383", "2b 83 7f" },
-        { "1.3.320.448", "2b 82 40 84 40" },
-        { "1.3.16384.5", "2b 00 00 05" },
-    };
+        { "2.7.6", "2b 06" }, { "1.3.200.172", "2b c8 ac" }, { "1.3.256", "2b 82 00" },
+        { "1.3.383", "2b 83 7f" }, { "1.3.320.448", "2b 82 40 84 40" }, { "1.3.16384.5", "2b 00 00 05" } };
     for (const auto &[dotted, hex] : rows)
         QCOMPARE(dotted + (" = " + encodeIdentifier(dotted).toHex(' ')), dotted + (" = " + QByteArray(hex)));
 
-    // The whole shared buffer is the datagram: zeros at first, then the tail
-    // of whatever longer message went before.
+    // The whole shared buffer is the datagram: zeros at first, then the tail of a longer one before.
     QCOMPARE(snmpPacket(), QByteArray(packetSize, '\0'));
     QVERIFY(serialise(buildMessage(QString(100, QLatin1Char('x')), QStringLiteral("1.3.6.1"), 0xA1)));
     const QByteArray afterLong = snmpPacket();
@@ -95,19 +68,16 @@ void TestMonitor::encoder()
         !serialise(buildMessage(QString(300, QLatin1Char('y')), QStringLiteral("1.3.6.1.2.1.1.3.0"), 0xA0)));
     QVERIFY(snmpPacket().size() == packetSize && snmpPacket().startsWith(QByteArray("\x30\x00", 2))
         && snmpPacket().endsWith("yyyy"));
-}
 
-void TestMonitor::decoder()
-{
     // Kind, key and figure of one answer, in the short and the long outer form.
     const auto check = [](std::initializer_list<quint32> ids, quint8 tag, const QByteArray &value,
                            const char *shown, int error = 0) {
         for (const char *form : { "short", "long" }) {
             const SnmpReply r = convertSnmp(response(ids, tag, value, error, *form == 'l'));
-            const double figure = r.kind == SnmpReply::Uptime ? r.ticks : r.number;
             QCOMPARE(QStringLiteral("%1 %2:%3 = %4 %5 %6")
                          .arg(QLatin1String(form), QString::number(r.kind), r.key,
-                             QString::number(figure, 'f', 0), QString::fromLatin1(r.value), r.walkPosition),
+                             QString::number(r.kind == SnmpReply::Uptime ? r.ticks : r.number, 'f', 0),
+                             QString::fromLatin1(r.value), r.walkPosition),
                 QString(form + QLatin1String(" ") + shown));
         }
     };
@@ -122,42 +92,33 @@ void TestMonitor::decoder()
     check({ 6, 1, 2, 1, 2, 2, 1, 2, 172 }, 0x04, "eth0",
         "6: 6 1 2 1 2 2 1 2 129 44 = 0 eth0 1.3.6.1.2.1.2.2.1.2.129.44");
 
-    QCOMPARE(SnmpPoller::formatUptime(27432000.0), QStringLiteral("3 days 4 hours 12 minutes"));
-    QCOMPARE(SnmpPoller::formatUptime(25800000.0), QStringLiteral("3 days 0 hours 40 minutes"));
+    QCOMPARE(SnmpPoller::formatUptime(27432000.0) + ", " + SnmpPoller::formatUptime(25800000.0),
+        QStringLiteral("3 days 4 hours 12 minutes, 3 days 0 hours 40 minutes"));
 
-    // Where interface-table values land: the index bytes make the row; from
-    // "discards in" on each header stands over the column before its own.
-    const char *const cells[][3] = {
-        { "2 129 44", "4769302f31", "172 Interface Gi0/1" },
-        { "6 4", "02FC00000001", "4 Mac 02#FC#00#00#00#01" },
-        { "7 1", "02", "1 admin status Ad Down" },
-        { "10 3", "00FFFFFFFF", "3 octets in 4294967295" },
-        { "12 1", "2A", "1 discards in 42" },
-    };
+    // Where interface-table values land: the index bytes make the row; from "discards in" on each
+    // header stands over the column before its own.
+    const char *const cells[][3] = { { "2 129 44", "4769302f31", "172 Interface Gi0/1" },
+        { "6 4", "02FC00000001", "4 Mac 02#FC#00#00#00#01" }, { "7 1", "02", "1 admin status Ad Down" },
+        { "10 3", "00FFFFFFFF", "3 octets in 4294967295" }, { "12 1", "2A", "1 discards in 42" } };
     for (const auto &[key, hex, shown] : cells) {
         const auto cell = InterfaceTable::converttolist(
             QLatin1String(" 6 1 2 1 2 2 1 ") + key, QByteArray::fromHex(hex), key[0] == '6');
-        QCOMPARE(QStringLiteral("%1 %2 %3")
-                     .arg(cell.row)
-                     .arg(InterfaceTable::headers().value(cell.subItem), cell.text),
+        QCOMPARE(
+            QString::number(cell.row) + ' ' + InterfaceTable::headers().value(cell.subItem) + ' ' + cell.text,
             QLatin1String(shown));
     }
-}
 
-// Every truncation of an answer that is acted on is dropped whole; random
-// bytes and random damage never crash (run under ASan to see stray reads),
-// and whatever still decodes is consistent with the bytes it came from.
-void TestMonitor::damagedDatagrams()
-{
-    QList<QByteArray> seeds = { response({ 6, 1, 2, 1, 1, 3, 0 }, 0x43, QByteArray::fromHex("009A7EC0")),
-        response({ 6, 1, 2, 1, 2, 1, 0 }, 0x02, "\x04"),
-        response({ 6, 1, 2, 1, 2, 2, 1, 6, 4 }, 0x04, QByteArray::fromHex("02FC00000001"), 0, true) };
+    // Every truncation of an answer is dropped whole; random bytes and damage (also to a four-byte and an
+    // indefinite length and a bare trap header) never crash, and what still decodes matches its bytes.
+    const QList<QByteArray> seeds
+        = { response({ 6, 1, 2, 1, 1, 3, 0 }, 0x43, QByteArray::fromHex("009A7EC0")),
+              response({ 6, 1, 2, 1, 2, 1, 0 }, 0x02, "\x04"),
+              response({ 6, 1, 2, 1, 2, 2, 1, 6, 4 }, 0x04, QByteArray::fromHex("02FC00000001"), 0, true),
+              QByteArray::fromHex("3084FFFFFFFF020100"), QByteArray::fromHex("3080020100"),
+              QByteArray::fromHex("A41C") };
     for (const QByteArray &d : seeds)
         for (qsizetype cut = 0; cut < d.size(); ++cut)
             QVERIFY2(convertSnmp(d.left(cut)).kind == SnmpReply::Malformed, qPrintable(QString::number(cut)));
-    // Damage grows from those, and from a four-byte length, an indefinite length and a bare trap header.
-    for (const char *hex : { "3084FFFFFFFF020100", "3080020100", "A41C" })
-        seeds << QByteArray::fromHex(hex);
 
     QRandomGenerator rng(20261122);
     int recognised = 0;
@@ -165,8 +126,7 @@ void TestMonitor::damagedDatagrams()
         QByteArray d = seeds.at(rng.bounded(int(seeds.size())));
         if (i % 2) {
             d.resize(rng.bounded(300));
-            for (char &c : d)
-                c = char(rng.bounded(256));
+            std::generate(d.begin(), d.end(), [&rng] { return char(rng.bounded(256)); });
         } else {
             d[rng.bounded(int(d.size()))] = char(rng.bounded(256));
             d.truncate(rng.bounded(int(d.size()) + 1) + (rng.bounded(2) ? int(d.size()) : 0));
@@ -182,11 +142,9 @@ void TestMonitor::damagedDatagrams()
     QVERIFY(recognised > 1000);
 }
 
-// Start before the console has a device: "No connection" once and polling
-// stops; Stop does nothing of its own. With a device: four scalar requests, the
-// walk's first identifier twice, then nothing, 256 bytes each with the typed
-// community, all from the socket bound at the very first request; Start again
-// restarts the cycle.
+// Start before the console has a device: "No connection" once and polling stops; Stop does nothing of its
+// own. With one: four scalar requests, the walk's first identifier twice, then nothing, 256 bytes each
+// with the typed community, all from the socket bound at the very first request; Start restarts the cycle.
 void TestMonitor::pollCycleAndFigures()
 {
     QUdpSocket device; // never answers
@@ -199,13 +157,10 @@ void TestMonitor::pollCycleAndFigures()
     SnmpPage page([&address] { return address; });
     SnmpPoller *poller = page.poller();
     poller->setStepInterval(5);
-    page.resize(800, 500);
     page.show();
-    // The list gets the page less 2100 twips of height.
-    auto *view = page.findChild<QTreeView *>(QStringLiteral("snmpstats"));
-    QVERIFY(qAbs(page.height() - view->height() - 140) <= 10);
-    page.findChild<QLineEdit *>(QStringLiteral("ComString"))->clear();
-    QTest::keyClicks(page.findChild<QLineEdit *>(QStringLiteral("ComString")), QStringLiteral("secret"));
+    auto *community = page.findChild<QLineEdit *>(QStringLiteral("ComString"));
+    community->clear();
+    QTest::keyClicks(community, QStringLiteral("secret"));
     QSignalSpy started(&page, &SnmpPage::startClicked);
     const auto click = [&page](const char *name) {
         QTest::mouseClick(page.findChild<QPushButton *>(QLatin1String(name)), Qt::LeftButton);
@@ -228,25 +183,22 @@ void TestMonitor::pollCycleAndFigures()
     };
     for (int round = 1; round <= 2; ++round) {
         click("SNMPStart");
-        QCOMPARE(page.findChild<QLabel *>("Label7")->text(), QStringLiteral("Start"));
         QTRY_COMPARE(received(), 6 * round);
         QTest::qWait(150); // thirty more ticks: nothing more may go out
         QCOMPARE(received(), 6 * round);
-        QCOMPARE(poller->state(), QStringLiteral("Waiting"));
-        QCOMPARE(poller->bindTag(), QStringLiteral("Bind"));
+        QCOMPARE(poller->state() + ' ' + poller->bindTag(), QStringLiteral("Waiting Bind"));
         for (int i = 0; i < 6; ++i) {
             const QByteArray d = got.at((round - 1) * 6 + i).data();
-            QCOMPARE(d.size(), 256);
-            QCOMPARE(got.at((round - 1) * 6 + i).senderPort(), int(port));
-            QCOMPARE(d.mid(7, 6) + ' ' + (d.mid(13, 1) + d.mid(13 + 17, quint8(d.at(13 + 16)))).toHex(' '),
-                "secret " + cycle.at(i));
+            QCOMPARE(QByteArray::number(d.size()) + ' '
+                    + QByteArray::number(got.at((round - 1) * 6 + i).senderPort()) + ' ' + d.mid(7, 6) + ' '
+                    + (d.mid(13, 1) + d.mid(13 + 17, quint8(d.at(13 + 16)))).toHex(' '),
+                "256 " + QByteArray::number(port) + " secret " + cycle.at(i));
         }
     }
-    QCOMPARE(started.size(), 3);
-    QCOMPARE(boxes.size(), 1);
+    QVERIFY(started.size() == 3 && boxes.size() == 1);
 
-    // Figures reach their labels; the list has interfaces + 5 numbered rows and
-    // never shrinks; values beyond it are not shown but still move the walk on.
+    // Figures reach their labels; the list has interfaces + 5 numbered rows and never shrinks;
+    // values beyond it are not shown but still move the walk on.
     const auto answer = [poller](std::initializer_list<quint32> ids, quint8 tag, const QByteArray &value) {
         poller->convertSnmp(response(ids, tag, value));
         return poller->state();
@@ -254,13 +206,12 @@ void TestMonitor::pollCycleAndFigures()
     answer({ 6, 1, 2, 1, 1, 3, 0 }, 0x43, "\x23\x27"); // 89.99 s
     answer({ 6, 1, 4, 1, 9, 9, 109, 1, 1, 1, 1, 5, 1 }, 0x42, "\x07");
     answer({ 6, 1, 2, 1, 2, 1, 0 }, 0x02, "\x03");
-    QStringList labels;
-    for (const char *name : { "Label3", "Label4", "Label5", "Label9" })
-        labels << page.findChild<QLabel *>(QLatin1String(name))->text();
-    QCOMPARE(labels, QStringList({ "0 days 0 hours 2 minutes", "1 %", "", "3" }));
-    const QAbstractItemModel *m = view->model();
-    QCOMPARE(m->rowCount(), 8);
-    QCOMPARE(m->index(7, 0).data().toString(), QStringLiteral("8"));
+    const auto label
+        = [&page](const char *name) { return page.findChild<QLabel *>(QLatin1String(name))->text(); };
+    QCOMPARE(QStringList({ label("Label3"), label("Label4"), label("Label5"), label("Label9") }),
+        QStringList({ "0 days 0 hours 2 minutes", "1 %", "", "3" }));
+    const QAbstractItemModel *m = page.findChild<QTreeView *>(QStringLiteral("snmpstats"))->model();
+    QCOMPARE(m->index(m->rowCount() - 1, 0).data().toString(), QStringLiteral("8"));
     answer({ 6, 1, 2, 1, 2, 2, 1, 2, 2 }, 0x04, "eth0");
     QCOMPARE(m->index(1, 0).data().toString(), QStringLiteral("eth0"));
     QCOMPARE(answer({ 6, 1, 2, 1, 2, 2, 1, 2, 9 }, 0x04, "far"), QStringLiteral("1.3.6.1.2.1.2.2.1.2.9"));
@@ -270,12 +221,10 @@ void TestMonitor::pollCycleAndFigures()
     QCOMPARE(m->rowCount(), 8);
 }
 
-// Polls a real net-snmp agent on a loopback port and compares what the SNMP
-// tab would show with what the agent's own tool and the kernel report.
+// Polls a real net-snmp agent on loopback; what the tab would show against the agent's tool and the kernel.
 void TestMonitor::realAgent()
 {
-    const QString snmpd
-        = QStandardPaths::findExecutable(QStringLiteral("snmpd"), { "/usr/sbin", "/usr/bin" });
+    const QString snmpd = QStandardPaths::findExecutable(QStringLiteral("snmpd"), { "/usr/sbin" });
     const QString snmpget = QStandardPaths::findExecutable(QStringLiteral("snmpget"));
     QVERIFY2(!snmpd.isEmpty() && !snmpget.isEmpty(), "install the Debian packages snmpd and snmp");
     QTemporaryDir dir;
@@ -286,19 +235,16 @@ void TestMonitor::realAgent()
     const QString address = QStringLiteral("127.0.0.1:%1").arg(port);
 
     // No MIB files: numeric identifiers only and no screens of MIB warnings.
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     for (const char *name : { "MIBDIRS", "SNMP_PERSISTENT_DIR", "SNMPCONFPATH" })
-        env.insert(QLatin1String(name), dir.path());
-    env.insert(QStringLiteral("MIBS"), QString());
+        qputenv(name, QFile::encodeName(dir.path()));
+    qputenv("MIBS", "");
     const auto get = [&](const QString &oid) {
         QProcess p;
-        p.setProcessEnvironment(env);
         p.start(snmpget, { "-v1", "-c", "tarnwick", "-Oqv", "-t", "1", "-r", "1", address, oid });
         p.waitForFinished(5000);
         return p.exitCode() == 0 ? QString::fromLatin1(p.readAllStandardOutput()).trimmed() : QString();
     };
     QProcess agent; // ended when the test leaves, before its folder goes
-    agent.setProcessEnvironment(env);
     agent.setProcessChannelMode(QProcess::MergedChannels);
     agent.start(
         snmpd, { "-f", "-Lo", "-C", "-u", "root", "--rocommunity=tarnwick 127.0.0.1", "udp:" + address });
@@ -309,14 +255,12 @@ void TestMonitor::realAgent()
     poller.setCommunity(QStringLiteral("tarnwick"));
     poller.setStepInterval(5);
 
-    // Random datagrams arriving between the agent's answers are dropped.
-    QUdpSocket junk;
-    QTimer junkTimer;
-    connect(&junkTimer, &QTimer::timeout, &junk, [&] {
+    QTimer junkTimer; // random datagrams arriving between the agent's answers are dropped
+    connect(&junkTimer, &QTimer::timeout, this, [&] {
         QByteArray bytes(QRandomGenerator::global()->bounded(200), '\0');
-        for (char &c : bytes)
-            c = char(QRandomGenerator::global()->bounded(256));
-        junk.writeDatagram(bytes, QHostAddress::LocalHost, poller.localPort());
+        std::generate(
+            bytes.begin(), bytes.end(), [] { return char(QRandomGenerator::global()->bounded(256)); });
+        QUdpSocket().writeDatagram(bytes, QHostAddress::LocalHost, poller.localPort());
     });
     junkTimer.start(2);
 
@@ -328,11 +272,10 @@ void TestMonitor::realAgent()
     QTRY_VERIFY_WITH_TIMEOUT(
         poller.state() == QLatin1String("Waiting") && sinceChange.elapsed() > 300, 20000);
 
-    // Everything below came back for our 256-byte datagrams.
+    // All came back for our 256-byte datagrams; the agent's noSuchName for CPU load is shown as a value.
     const int count = get(QStringLiteral("1.3.6.1.2.1.2.1.0")).toInt();
-    QCOMPARE(poller.interfacesText(), QString::number(count));
+    QCOMPARE(poller.interfacesText() + " | " + poller.cpuText(), QString::number(count) + " | 0 %");
     QVERIFY2(poller.uptimeText().endsWith(QLatin1String(" minutes")), qPrintable(poller.uptimeText()));
-    QCOMPARE(poller.cpuText(), QStringLiteral("0 %")); // the agent's noSuchName, shown as a value
 
     const auto sysNet = [](const QString &name, const char *file) {
         QFile f(QStringLiteral("/sys/class/net/%1/%2").arg(name, QLatin1String(file)));
@@ -352,11 +295,8 @@ void TestMonitor::realAgent()
         QCOMPARE(cell(3), get(QStringLiteral("1.3.6.1.2.1.2.2.1.5.%1").arg(index)));
         const QString mac = sysNet(name, "address").toUpper().replace(QLatin1Char(':'), QLatin1Char('#'));
         QCOMPARE(cell(4), mac == QLatin1String("00#00#00#00#00#00") ? QString() : mac); // none for loopback
-        const bool up = get(QStringLiteral("1.3.6.1.2.1.2.2.1.7.%1").arg(index)) == QLatin1String("1");
-        QCOMPARE(cell(5), up ? QStringLiteral("Ad up") : QStringLiteral("Ad Down"));
         ++compared;
     }
-    qInfo("compared %d interfaces with the agent and the kernel", compared);
     QVERIFY(compared >= 1);
 }
 
