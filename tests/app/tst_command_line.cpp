@@ -13,7 +13,7 @@ class CommandLineTest : public QObject
     Q_OBJECT
 
 private:
-    static QString program() { return QStringLiteral(TW_BINARY_DIR "/src/tarnwick"); }
+    static QString program() { return QStringLiteral(TW_PROGRAM); }
 
     static quint16 freeUdpPort()
     {
