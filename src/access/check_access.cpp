@@ -48,18 +48,22 @@ namespace {
 
 enum class Match { No, Yes, Failed };
 
-Match rowMatches(const QStringList &address, const AccessEntry &entry)
+Match rowMatches(const QStringList &address, const AccessEntry &entry, QString *why)
 {
     const QStringList network = entry.network.split(QLatin1Char('.'));
     const QStringList mask = entry.mask.split(QLatin1Char('.'));
-    if (network.size() < 4 || mask.size() < 4)
+    if (network.size() < 4 || mask.size() < 4) {
+        *why = QStringLiteral("fewer than four dot-separated parts");
         return Match::Failed;
+    }
     for (int j = 0; j < 4; ++j) {
         const auto a = octetValue(address[j]);
         const auto m = octetValue(mask[j]);
         const auto n = octetValue(network[j]);
-        if (!a || !m || !n)
+        if (!a || !m || !n) {
+            *why = QStringLiteral("an octet overflows");
             return Match::Failed;
+        }
         if ((*a & *m) != (*n & *m))
             return Match::No;
     }
@@ -69,16 +73,25 @@ Match rowMatches(const QStringList &address, const AccessEntry &entry)
 } // namespace
 
 int CheckAccess(const AccessList &list, const AccessRequest &request, const TransferRecorder &record,
-    const AccessVeto &veto)
+    const AccessVeto &veto, QString *failure)
 {
     const QStringList address = request.remoteAddress.split(QLatin1Char('.'));
-    if (address.size() < 4)
+    if (address.size() < 4) {
+        if (failure)
+            *failure = QStringLiteral("requesting address \"%1\": fewer than four dot-separated parts")
+                           .arg(request.remoteAddress);
         return AccessDecision::Failed;
+    }
 
     int result = AccessDecision::Refused;
+    QString why;
     for (int row = 1; row <= list.count(); ++row) {
-        switch (rowMatches(address, list.entry(row))) {
+        switch (rowMatches(address, list.entry(row), &why)) {
         case Match::Failed:
+            if (failure)
+                *failure = QStringLiteral("access-list row %1 (\"%2\" / \"%3\"): %4")
+                               .arg(row)
+                               .arg(list.entry(row).network, list.entry(row).mask, why);
             return AccessDecision::Failed;
         case Match::Yes:
             result = row; // keep looking: the last match decides

@@ -51,8 +51,9 @@ using TransferRecorder = std::function<void(
 using AccessVeto = std::function<bool(int row)>;
 
 // Returns the deciding row (from 1), AccessDecision::Refused or AccessDecision::Failed.
+// On Failed, `failure` (when given) names the row or address and the reason.
 int CheckAccess(const AccessList &list, const AccessRequest &request, const TransferRecorder &record,
-    const AccessVeto &veto = {});
+    const AccessVeto &veto = {}, QString *failure = nullptr);
 
 // The leading-number reading of one octet text, rounded to an integer;
 // nullopt when the value does not fit a 16-bit signed integer.

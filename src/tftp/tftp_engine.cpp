@@ -91,8 +91,15 @@ void TftpServer::trace(int slot)
 void TftpServer::handleDatagram(int s, const QByteArray &datagram, const QHostAddress &sender,
     quint16 senderPort, const QHostAddress &destination)
 {
-    if (m_slots[s].tag == Tag::Blocking)
+    // The profile is chosen per request: a running standard transfer keeps
+    // its profile even if the switch changes meanwhile.
+    const Slot &slot = m_slots[s];
+    if (slot.standard)
+        return handleStandardDatagram(s, datagram, sender, senderPort);
+    if (slot.tag == Tag::Blocking)
         return;
+    if (slot.tag == Tag::Null && m_standard)
+        return handleStandardRequest(s, datagram, sender, senderPort, destination);
     dispatch(s, datagram, sender, senderPort, destination);
     // The trace line is written after the reply has gone out, so the client
     // can already work on it: it is never read, only its one line per
@@ -145,20 +152,7 @@ void TftpServer::handleRequest(int s, int opcode, const QByteArray &datagram, co
         return;
     const QString fileName = QString::fromLatin1(*name);
     slot.filePath = fileName;
-
-    AccessRequest request;
-    request.remoteAddress = sender.toString();
-    const bool specific = !destination.isNull() && destination != QHostAddress(QHostAddress::AnyIPv4);
-    request.localAddress = (specific ? destination : m_bindAddress).toString();
-    request.kind = read ? AccessDecision::Read : AccessDecision::Write;
-    request.fileName = fileName;
-    const auto record = [this](const QString &file, const QString &from, const QString &to,
-                            const QString &status) { m_monitor->addTransfer(file, from, to, status); };
-    AccessVeto veto;
-    if (m_confine) {
-        veto = [this, &fileName](int row) { return pathStaysInside(m_acl->entry(row).folder, fileName); };
-    }
-    const int row = CheckAccess(*m_acl, request, record, veto);
+    const int row = decideAccess(s, read, fileName, sender, destination);
     if (row == AccessDecision::Failed)
         return;
     slot.accessRow = row;
@@ -178,7 +172,8 @@ void TftpServer::handleRequest(int s, int opcode, const QByteArray &datagram, co
             return;
         }
         takeRequest(s, sender, senderPort);
-        const TftpPacket::BlockPlan plan = TftpPacket::firstBlock(file.size());
+        slot.fileSize = file.size();
+        const TftpPacket::BlockPlan plan = TftpPacket::firstBlock(slot.fileSize);
         slot.tag = plan.final ? Tag::CheckEnd : Tag::Send;
         sendBlock(s, file.get(), plan.offset, plan.length, 0, 1);
         if (!plan.final)
@@ -186,6 +181,7 @@ void TftpServer::handleRequest(int s, int opcode, const QByteArray &datagram, co
         // the file closes here, before the listener moves on
     } else {
         takeRequest(s, sender, senderPort);
+        slot.fileSize = -1;
         slot.tag = Tag::Receive;
         slot.receivedBlocks = 0;
         slot.socket->writeDatagram(TftpPacket::ack(0, 0), slot.peer, slot.peerPort);
@@ -207,7 +203,60 @@ void TftpServer::takeRequest(int s, const QHostAddress &sender, quint16 senderPo
     slot.peer = sender;
     slot.peerPort = senderPort;
     slot.aheadBlock = 0;
+    slot.bytesDone = 0;
+    slot.progressClock.invalidate();
     showPorts(s);
+}
+
+int TftpServer::decideAccess(
+    int s, bool read, const QString &fileName, const QHostAddress &sender, const QHostAddress &destination)
+{
+    Slot &slot = m_slots[s];
+    AccessRequest request;
+    request.remoteAddress = sender.toString();
+    const bool specific = !destination.isNull() && destination != QHostAddress(QHostAddress::AnyIPv4);
+    request.localAddress = (specific ? destination : m_bindAddress).toString();
+    request.kind = read ? AccessDecision::Read : AccessDecision::Write;
+    request.fileName = fileName;
+    slot.transferRow = 0;
+    const auto record
+        = [this, &slot](const QString &file, const QString &from, const QString &to, const QString &status) {
+              slot.transferRow = m_monitor->addTransfer(file, from, to, status);
+          };
+    AccessVeto veto;
+    if (m_confine) {
+        veto = [this, &fileName](int row) { return pathStaysInside(m_acl->entry(row).folder, fileName); };
+    }
+    QString failure;
+    const int row = CheckAccess(*m_acl, request, record, veto, &failure);
+    // A broken access list must not fail in silence, but one line per cause is enough.
+    if (row == AccessDecision::Failed && !m_reportedFailures.contains(failure)) {
+        m_reportedFailures.append(failure);
+        emit accessDecisionFailed(tr("The access decision failed on %1; the request from %2 is refused.")
+                                      .arg(failure, request.remoteAddress));
+    }
+    return row;
+}
+
+void TftpServer::showProgress(int s, bool final)
+{
+    Slot &slot = m_slots[s];
+    if (slot.transferRow <= 0)
+        return;
+    // About four updates a second: enough to watch, cheap at thousands of blocks a second.
+    if (!final) {
+        if (slot.progressClock.isValid() && slot.progressClock.elapsed() < 250)
+            return;
+        slot.progressClock.start();
+    }
+    QString text;
+    if (!final && slot.fileSize >= 0) {
+        const qint64 percent = slot.fileSize > 0 ? slot.bytesDone * 100 / slot.fileSize : 100;
+        text = QStringLiteral("%1 of %2 bytes (%3%)").arg(slot.bytesDone).arg(slot.fileSize).arg(percent);
+    } else {
+        text = QStringLiteral("%1 bytes").arg(slot.bytesDone);
+    }
+    m_monitor->setTransferText(slot.transferRow, TransferMonitor::DataSentReceived, text);
 }
 
 void TftpServer::sendBlock(int s, int fd, qint64 offset, qint64 length, int high, int low)
@@ -230,6 +279,8 @@ void TftpServer::handleAck(int s, const QByteArray &datagram)
 {
     Slot &slot = m_slots[s];
     if (slot.tag == Tag::CheckEnd) {
+        slot.bytesDone = slot.fileSize;
+        showProgress(s, true);
         // Finished downloads are reported in the row numbered by the slot.
         m_monitor->setTransferText(s, TransferMonitor::Status, QStringLiteral("FINISHED OK"));
         CleanSlot(s);
@@ -243,6 +294,8 @@ void TftpServer::handleAck(int s, const QByteArray &datagram)
         static_cast<unsigned char>(datagram[2]), static_cast<unsigned char>(datagram[3]));
     if (next.high > 255)
         return; // past block 65535 there is no number to send it under
+    slot.bytesDone = qBound<qint64>(0, TftpPacket::writeOffset(next.number()), slot.fileSize);
+    showProgress(s, false);
     if (slot.aheadBlock == next.number()) {
         // The usual case: the block is ready, the client gets it at once and
         // the file is opened afterwards, while the client works on it.
@@ -299,6 +352,7 @@ void TftpServer::handleData(int s, const QByteArray &datagram)
     ++slot.receivedBlocks;
     const char *data = datagram.constData() + 4;
     const qsizetype size = datagram.size() - 4;
+    slot.bytesDone += size;
 
     // The ACK echoes the block bytes. It goes out before the block is written
     // so the client can send the next one meanwhile; that one is handled only
@@ -324,8 +378,11 @@ void TftpServer::handleData(int s, const QByteArray &datagram)
             }
         }
     }
-    if (size >= TftpPacket::blockSize)
+    if (size >= TftpPacket::blockSize) {
+        showProgress(s, false);
         return;
+    }
+    showProgress(s, true);
     slot.tag = Tag::Waiting;
     setSocketColumn(s, TransferMonitor::SocketStatus, QStringLiteral("FINISHED OK"));
     HoldSlot(s);

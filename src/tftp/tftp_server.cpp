@@ -1,6 +1,7 @@
 #include "tftp/tftp_server.h"
 
 #include "access/access_list.h"
+#include "tftp/standard_transfer.h"
 #include "tftp/transfer_monitor.h"
 
 #include <QFile>
@@ -22,6 +23,11 @@ TftpServer::TftpServer(TransferMonitor *monitor, AccessList *acl, QObject *paren
         timer->setInterval(m_designedSlotMs);
         connect(timer, &QTimer::timeout, this, [this, s] { slotTimerTick(s); });
         m_slots[s].timer = timer;
+        auto *retransmit = new QTimer(this);
+        retransmit->setObjectName(QStringLiteral("Retransmit"));
+        retransmit->setSingleShot(true);
+        connect(retransmit, &QTimer::timeout, this, [this, s] { retransmitTick(s); });
+        m_slots[s].retransmit = retransmit;
     }
     m_refreshTimer->setObjectName(QStringLiteral("Timer2"));
     m_refreshTimer->setInterval(10000);
@@ -65,6 +71,16 @@ void TftpServer::setIntervals(int holdMs, int refreshMs, int designedSlotMs)
         if (!m_slots[s].timer->isActive())
             m_slots[s].timer->setInterval(designedSlotMs);
     }
+}
+
+void TftpServer::setStandardProfile(bool on)
+{
+    m_standard = on;
+}
+
+void TftpServer::setRetransmitInterval(int ms)
+{
+    m_retransmitMs = ms;
 }
 
 QString TftpServer::errorString() const
@@ -220,6 +236,7 @@ void TftpServer::HoldSlot(int s)
     if (s < 1 || s > slotCount)
         return;
     Slot &slot = m_slots[s];
+    endStandard(slot);
     slot.timer->setInterval(m_holdMs);
     slot.timer->start();
     slot.tag = Tag::Blocking;
@@ -233,6 +250,7 @@ void TftpServer::CleanSlot(int s)
     if (s < 1 || s > slotCount)
         return;
     Slot &slot = m_slots[s];
+    endStandard(slot);
     slot.tag = Tag::Blocking;
     setSocketColumn(s, TransferMonitor::SocketStatus, QStringLiteral("Cleaning"));
     // A UDP socket is closed as soon as close() returns: no wait is needed.
@@ -253,6 +271,7 @@ void TftpServer::windUpRefused(int s)
 void TftpServer::slotTimerTick(int s)
 {
     Slot &slot = m_slots[s];
+    endStandard(slot);
     releaseSocket(slot);
     slot.timer->stop();
     slot.tag = Tag::None;

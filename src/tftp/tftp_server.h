@@ -1,15 +1,19 @@
 #pragma once
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QHostAddress>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 #include <array>
+#include <memory>
 
 class AccessList;
 class CaptureSink;
 class QTimer;
 class QUdpSocket;
+class StandardTransfer;
 class TransferMonitor;
 
 // The TFTP server: 30 transfer slots, each a row of the monitor's socket
@@ -42,10 +46,19 @@ class TransferMonitor;
 // listener that cannot be bound at refresh leaves its row "ready" and is
 // retried on the next tick.
 //
-// Two deliberate hardenings: an ERROR datagram on the listening slot is
-// ignored (there is no transfer to end, and holding the listener would stop
-// the server), and datagrams from anyone but a transfer's requester are
-// dropped. setConfine(true) additionally refuses names leaving the folder.
+// setConfine(true) additionally refuses names leaving the folder.
+//
+// setStandardProfile(true) answers requests that arrive from then on with the
+// standard profile (tftp_standard.cpp and StandardTransfer): options, block
+// numbers that roll over, ERROR replies, retransmission on timeout and
+// uploads through a temporary file. It shares the slots, their timers, the
+// access decision, the monitor's rows and the capture hook with the classic
+// handler; the trace file is the classic profile's alone. Its protections
+// are the RFC's: a stranger on a transfer's port gets ERROR 5 while the
+// transfer carries on, and an ERROR on the listening port is ignored.
+//
+// Both profiles write live progress into the "Data sent/Received" column of
+// the request's own transfer row, at most about four times a second.
 class TftpServer : public QObject
 {
     Q_OBJECT
@@ -63,6 +76,10 @@ public:
     void setConfine(bool on);
     void setTraceFilePath(const QString &path); // default "bugfix.ini"
     void setIntervals(int holdMs, int refreshMs, int designedSlotMs); // 30000, 10000, 8000
+    void setStandardProfile(bool on);
+    bool standardProfile() const { return m_standard; }
+    // Tests: re-send after this many ms instead of the negotiated timeout (0: negotiated).
+    void setRetransmitInterval(int ms);
 
     // Slot 1 becomes the listener and row 1 reads "Listen" (even when the
     // bind fails: the refresh then holds and later retries that slot).
@@ -85,6 +102,11 @@ public:
     void HoldSlot(int slot);
     void CleanSlot(int slot);
 
+Q_SIGNALS:
+    // An access decision failed (a broken access-list row, an overflow):
+    // said once per distinct cause, for stderr and the status bar.
+    void accessDecisionFailed(const QString &text);
+
 private:
     enum class Tag { None, Null, Send, CheckEnd, Receive, Waiting, Blocking };
 
@@ -105,6 +127,14 @@ private:
         QByteArray ahead;
         int aheadBlock = 0; // 0: nothing read ahead
         bool aheadFinal = false;
+        // The transfer row CheckAccess added for this request, for progress.
+        int transferRow = 0;
+        qint64 fileSize = -1;
+        qint64 bytesDone = 0;
+        QElapsedTimer progressClock;
+        // Standard profile only: the transfer's protocol state and its retransmission timer.
+        std::unique_ptr<StandardTransfer> standard;
+        QTimer *retransmit = nullptr;
     };
 
     // tftp_server.cpp: sockets and slot lifecycle
@@ -135,6 +165,20 @@ private:
     void readAhead(int slot, int fd, int block);
     bool pathStaysInside(const QString &folder, const QString &name) const;
     void trace(int slot);
+    int decideAccess(int slot, bool read, const QString &fileName, const QHostAddress &sender,
+        const QHostAddress &destination);
+    void showProgress(int slot, bool final);
+
+    // tftp_standard.cpp: the standard profile
+    void handleStandardRequest(int slot, const QByteArray &datagram, const QHostAddress &sender,
+        quint16 senderPort, const QHostAddress &destination);
+    void handleStandardDatagram(
+        int slot, const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort);
+    void standardOutcome(int slot, int outcome, bool rearm);
+    void retransmitTick(int slot);
+    void sendError(
+        QUdpSocket *socket, const QHostAddress &to, quint16 port, int code, const QByteArray &text);
+    void endStandard(Slot &slot);
 
     TransferMonitor *m_monitor;
     AccessList *m_acl;
@@ -145,6 +189,9 @@ private:
     QHostAddress m_bindAddress { QHostAddress::AnyIPv4 };
     quint16 m_port = 69;
     bool m_confine = false;
+    bool m_standard = false;
+    int m_retransmitMs = 0;
+    QStringList m_reportedFailures;
     QByteArray m_tracePath { "bugfix.ini" };
     int m_holdMs = 30000;
     int m_designedSlotMs = 8000;

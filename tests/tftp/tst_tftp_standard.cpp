@@ -1,0 +1,467 @@
+// The standard TFTP profile on a free loopback port. Real clients (atftp, curl, tftp-hpa's tftp) move
+// whole files with options; a hand-made client checks what they cannot show: the OACK, roll-over,
+// windows, re-sending on timeout, strangers, cut-off uploads and failed access decisions.
+
+#include "access/access_list.h"
+#include "access/mask_display.h"
+#include "tftp/standard_transfer.h"
+#include "tftp/tftp_options.h"
+#include "tftp/tftp_server.h"
+#include "tftp/transfer_monitor.h"
+
+#include <QDir>
+#include <QNetworkDatagram>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUdpSocket>
+
+#include <csignal>
+#include <sys/resource.h>
+
+using TM = TransferMonitor;
+
+namespace {
+template <size_t N> QByteArray bytes(const char (&text)[N])
+{
+    return QByteArray(text, N - 1);
+}
+QByteArray request(
+    int op, const QByteArray &name, const QByteArray &mode = "octet", const QByteArray &options = {})
+{
+    return QByteArray(1, '\0') + char(op) + name + '\0' + mode + '\0' + options;
+}
+QByteArray packet(int op, int block, const QByteArray &payload = {})
+{
+    return QByteArray(1, '\0') + char(op) + char((block >> 8) & 0xff) + char(block & 0xff) + payload;
+}
+QByteArray error(int code, const QByteArray &text)
+{
+    return packet(5, code, text + '\0');
+}
+QByteArray pattern(qint64 size)
+{
+    QByteArray out(size, Qt::Uninitialized);
+    for (qint64 i = 0; i < size; ++i)
+        out[i] = char((i * 31 + 7 + i / 509) & 0xff);
+    return out;
+}
+bool writeFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
+}
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+// Large images are written in 1 MB pieces so the test never holds two copies of them.
+bool writeLarge(const QString &path, qint64 size)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    const QByteArray piece = pattern(1 << 20);
+    for (qint64 done = 0; done < size; done += piece.size())
+        if (file.write(piece.constData(), qMin<qint64>(piece.size(), size - done)) <= 0)
+            return false;
+    return true;
+}
+bool sameFiles(const QString &a, const QString &b)
+{
+    QFile x(a), y(b);
+    if (!x.open(QIODevice::ReadOnly) || !y.open(QIODevice::ReadOnly) || x.size() != y.size())
+        return false;
+    while (!x.atEnd())
+        if (x.read(1 << 20) != y.read(1 << 20))
+            return false;
+    return true;
+}
+
+struct Client
+{
+    QUdpSocket socket;
+    quint16 peer = 0;
+    Client() { socket.bind(QHostAddress::LocalHost, 0); }
+    void send(const QByteArray &d, quint16 port) { socket.writeDatagram(d, QHostAddress::LocalHost, port); }
+    QByteArray next(int timeoutMs = 3000)
+    {
+        if (!QTest::qWaitFor([this] { return socket.hasPendingDatagrams(); }, timeoutMs))
+            return {};
+        const QNetworkDatagram d = socket.receiveDatagram();
+        peer = quint16(d.senderPort());
+        return d.data().isEmpty() ? "<empty datagram>" : d.data();
+    }
+    bool silent(int ms) { return next(ms).isEmpty(); }
+};
+
+struct Fixture
+{
+    QTemporaryDir dir;
+    TM monitor;
+    AccessList acl;
+    TftpServer server { &monitor, &acl };
+    quint16 port = 0;
+    QString folder = dir.filePath("share");
+
+    explicit Fixture(const QByteArray &content = {}, bool start = true)
+    {
+        port = [] {
+            QUdpSocket probe;
+            probe.bind(QHostAddress::LocalHost, 0);
+            return probe.localPort();
+        }();
+        QDir().mkpath(folder);
+        acl.appendEntry({ "0.0.0.0", maskDisplayForm(0), "yes", "yes", folder, 0 });
+        server.setPort(port);
+        server.setBindAddress(QHostAddress::LocalHost);
+        server.setTraceFilePath(dir.filePath("bugfix.ini"));
+        server.setIntervals(60000, 60000, 60000);
+        server.setStandardProfile(true);
+        if (!content.isNull())
+            writeFile(path("f.bin"), content);
+        if (start && !server.start())
+            qFatal("cannot start: %s", qPrintable(server.errorString()));
+    }
+    QString path(const QString &name) const { return folder + '/' + name; }
+    QString transfer(int row, int column) const { return monitor.transferText(row, column); }
+};
+
+// Runs a client program to its end, keeping the event loop (and so the server) going.
+QByteArray run(const QString &program, const QStringList &arguments, int *exitCode)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QStandardPaths::findExecutable(program), arguments);
+    if (!process.waitForStarted())
+        return "<" + program.toLatin1() + " not found: install the atftp, curl and tftp-hpa packages>";
+    QSignalSpy finished(&process, &QProcess::finished);
+    if (process.state() != QProcess::NotRunning && !finished.wait(150000))
+        return "<" + program.toLatin1() + " did not finish>";
+    *exitCode = process.exitCode();
+    return process.readAll();
+}
+} // namespace
+
+class TestTftpStandard : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    // Each real client with the options it offers; the progress column is watched throughout.
+    void realClients_data()
+    {
+        QTest::addColumn<QString>("program");
+        QTest::addColumn<QStringList>("arguments"); // %P port, %L local file, %R remote name
+        QTest::addColumn<bool>("download");
+        QTest::addColumn<qint64>("size");
+        QTest::addColumn<int>("exitCode");
+        const QStringList atftpOptions { "--option", "blksize 1468", "--option", "windowsize 16" };
+        QTest::newRow("atftp get 100 MB, blksize 1468, windowsize 16")
+            << "atftp" << (atftpOptions + QStringList { "-g", "-r", "%R", "-l", "%L", "127.0.0.1", "%P" })
+            << true << qint64(100000000) << 0;
+        QTest::newRow("atftp put 40 MB, blksize 1468, tsize")
+            << "atftp"
+            << QStringList { "--option", "blksize 1468", "--option", "tsize", "-p", "-r", "%R", "-l", "%L",
+                   "127.0.0.1", "%P" }
+            << false << qint64(40000000) << 0;
+        QTest::newRow("atftp get tsize, exact multiple of the block")
+            << "atftp" << QStringList { "--option", "tsize", "-g", "-r", "%R", "-l", "%L", "127.0.0.1", "%P" }
+            << true << qint64(512 * 40) << 0;
+        QTest::newRow("curl defaults")
+            << "curl" << QStringList { "-sS", "-o", "%L", "tftp://127.0.0.1:%P/%R" } << true
+            << qint64(1024 * 1024) << 0;
+        QTest::newRow("curl blksize 8192")
+            << "curl" << QStringList { "-sS", "--tftp-blksize", "8192", "-o", "%L", "tftp://127.0.0.1:%P/%R" }
+            << true << qint64(3000000) << 0;
+        QTest::newRow("curl upload") << "curl" << QStringList { "-sS", "-T", "%L", "tftp://127.0.0.1:%P/%R" }
+                                     << false << qint64(700000) << 0;
+        QTest::newRow("curl missing file")
+            << "curl" << QStringList { "-sS", "-o", "%L", "tftp://127.0.0.1:%P/missing.bin" } << true
+            << qint64(10) << 68;
+        QTest::newRow("tftp-hpa binary 1024")
+            << "tftp" << QStringList { "-m", "binary", "127.0.0.1", "%P", "-c", "get", "%R", "%L" } << true
+            << qint64(1024) << 0;
+    }
+    void realClients()
+    {
+        QFETCH(QString, program);
+        QFETCH(QStringList, arguments);
+        QFETCH(bool, download);
+        QFETCH(qint64, size);
+        QFETCH(int, exitCode);
+        Fixture f;
+        const QString local = f.dir.filePath("local.bin"), remote = f.path("f.bin");
+        QVERIFY(writeLarge(download ? remote : local, size));
+        if (!download)
+            QVERIFY(writeFile(remote, "an older, longer file than none at all"));
+        QStringList progress;
+        connect(&f.monitor, &TM::transferRowChanged, &f.monitor,
+            [&](int row) { progress << f.transfer(row, TM::DataSentReceived); });
+        for (QString &argument : arguments)
+            argument.replace("%P", QString::number(f.port)).replace("%L", local).replace("%R", "f.bin");
+        int code = -1;
+        const QByteArray output = run(program, arguments, &code);
+        QVERIFY2(code == exitCode, output.constData());
+        QCOMPARE(f.monitor.transferCount(), 1);
+        if (exitCode != 0) { // the missing file was answered, not left to time out
+            QCOMPARE(f.transfer(1, TM::From), QString("No Such File"));
+            return;
+        }
+        QVERIFY(sameFiles(local, remote));
+        QTRY_COMPARE(f.transfer(1, TM::Status), QString(download ? "FINISHED OK" : "Allowed"));
+        QCOMPARE(f.transfer(1, TM::DataSentReceived), QString("%1 bytes").arg(size));
+        QVERIFY(QDir(f.folder).entryList(QDir::Hidden | QDir::Files).size() == 1); // no temporary file left
+        if (size >= 40000000) { // the column moved on its own while the transfer ran
+            const QString running = download ? QString(" of %1 bytes (").arg(size) : QString(" bytes");
+            QVERIFY2(progress.filter(running).size() >= 3, qPrintable(progress.join('|')));
+        }
+    }
+
+    // tftp-hpa's client in netascii mode: line ends become CR LF on the wire and come back as they were.
+    void netascii()
+    {
+        const QByteArray text = "hostname r1\ninterface e0\n ip address 10.0.0.1\r\nend\n";
+        Fixture f(text);
+        const QString got = f.dir.filePath("got.txt"), sent = f.dir.filePath("sent.txt");
+        QVERIFY(writeFile(sent, text + "! uploaded\n"));
+        const QString port = QString::number(f.port);
+        int code = -1;
+        QByteArray output
+            = run("tftp", { "-m", "netascii", "127.0.0.1", port, "-c", "get", "f.bin", got }, &code);
+        QVERIFY2(code == 0, output.constData());
+        QCOMPARE(readFile(got), text);
+        output = run("tftp", { "-m", "netascii", "127.0.0.1", port, "-c", "put", sent, "up.txt" }, &code);
+        QVERIFY2(code == 0, output.constData());
+        QTRY_COMPARE(readFile(f.path("up.txt")), text + "! uploaded\n");
+        // The wire form, read by hand.
+        Client client;
+        client.send(request(1, "f.bin", "NetASCII"), f.port);
+        QCOMPARE(client.next(), packet(3, 1, TftpOptions::toNetascii(text)));
+        TftpOptions::NetasciiDecoder decoder;
+        QByteArray decoded = decoder.feed("a\r");
+        decoded += decoder.feed(bytes("\nb\r\0c\r"));
+        QCOMPARE(decoded + decoder.finish(), bytes("a\nb\rc\r"));
+    }
+
+    // What the OACK says for each request; no accepted option means no OACK. Then the first block's size.
+    void optionNegotiation_data()
+    {
+        QTest::addColumn<QByteArray>("options");
+        QTest::addColumn<QByteArray>("reply");
+        QTest::addColumn<int>("blockSize");
+        QTest::newRow("none") << QByteArray() << QByteArray() << 512;
+        QTest::newRow("all four, mixed case")
+            << bytes("BlkSize\0001468\0TSIZE\0000\0timeout\0003\0windowsize\00016\0")
+            << bytes("blksize\0001468\0tsize\0001000\0timeout\0003\0windowsize\00016\0") << 1468;
+        QTest::newRow("too large is trimmed")
+            << bytes("blksize\00099999\0") << bytes("blksize\00065464\0") << 65464;
+        QTest::newRow("bounds kept") << bytes("blksize\0008\0windowsize\00065535\0")
+                                     << bytes("blksize\0008\0windowsize\00065535\0") << 8;
+        QTest::newRow("too small and unreadable left out")
+            << bytes("blksize\0007\0timeout\0000\0windowsize\0x\0tsize\0-1\0") << QByteArray() << 512;
+        QTest::newRow("unknown left out, repeat ignored")
+            << bytes("multicast\0\0blksize\00016\0blksize\00032\0timeout\000256\0")
+            << bytes("blksize\00016\0") << 16;
+    }
+    void optionNegotiation()
+    {
+        QFETCH(QByteArray, options);
+        QFETCH(QByteArray, reply);
+        QFETCH(int, blockSize);
+        Fixture f(pattern(1000));
+        Client client;
+        client.send(request(1, "f.bin", "octet", options), f.port);
+        if (!reply.isEmpty()) { // the OACK, and DATA 1 only after ACK 0
+            QCOMPARE(client.next(), bytes("\0\6") + reply);
+            QVERIFY(client.silent(100));
+            client.send(packet(4, 0), client.peer);
+        }
+        QCOMPARE(client.next(), packet(3, 1, pattern(qMin(1000, blockSize))));
+    }
+
+    // A file of 65,537 8-byte blocks plus one: block numbers go 65535, 0, 1, and the last is short.
+    void blockNumbersRollOver()
+    {
+        const qint64 size = 65537 * 8 + 3;
+        Fixture f(pattern(size));
+        Client client;
+        client.send(request(1, "f.bin", "octet", bytes("blksize\0008\0windowsize\00064\0")), f.port);
+        QCOMPARE(client.next(), bytes("\0\6blksize\0008\0windowsize\00064\0"));
+        client.send(packet(4, 0), client.peer);
+        QByteArray got;
+        for (qint64 block = 1; block <= 65538; ++block) {
+            const QByteArray d = client.next();
+            QCOMPARE(d.left(4), packet(3, int(block & 0xffff)));
+            got += d.mid(4);
+            if (block % 64 == 0 || block == 65538)
+                client.send(packet(4, int(block & 0xffff)), client.peer);
+        }
+        QCOMPARE(got, pattern(size));
+        QTRY_COMPARE(f.transfer(1, TM::Status), QString("FINISHED OK"));
+        // On paper, past 4 GiB: the last block of a 5 GiB image at 512 bytes.
+        QCOMPARE(TftpOptions::wireBlock(5LL * 1024 * 1024 * 1024 / 512 + 1), 1);
+    }
+
+    // Duplicate and stale ACKs send nothing; an ACK inside the window restarts after it; only a timeout
+    // re-sends, five times, and then the transfer is given up.
+    void windowsAndTimeouts()
+    {
+        Fixture f(pattern(8 * 20));
+        f.server.setRetransmitInterval(150);
+        Client client;
+        client.send(request(1, "f.bin", "octet", bytes("blksize\0008\0windowsize\0004\0")), f.port);
+        QVERIFY(client.next().startsWith(bytes("\0\6")));
+        client.send(packet(4, 0), client.peer);
+        const auto window = [&](int from, int to) {
+            for (int b = from; b <= to; ++b)
+                if (client.next().left(4) != packet(3, b))
+                    return false;
+            return true;
+        };
+        QVERIFY(window(1, 4));
+        client.send(packet(4, 4), client.peer);
+        QVERIFY(window(5, 8));
+        client.send(packet(4, 4), client.peer); // duplicate
+        client.send(packet(4, 2), client.peer); // stale
+        client.send(packet(4, 40), client.peer); // from the future
+        QVERIFY(client.silent(80));
+        client.send(packet(4, 6), client.peer); // inside the window: 7 was lost
+        QVERIFY(window(7, 10));
+        for (int round = 0; round < 5; ++round) // nothing more from the client: the window again, five times
+            QVERIFY(window(7, 10));
+        QVERIFY(client.silent(600));
+        QCOMPARE(f.transfer(1, TM::Status), QString("TIMED OUT"));
+        QCOMPARE(f.transfer(1, TM::DataSentReceived), QString("48 bytes"));
+        QCOMPARE(f.monitor.socketText(1, TM::SocketStatus), QString("Blocking"));
+        // An unanswered OACK is re-sent too.
+        client.send(request(1, "f.bin", "octet", bytes("tsize\0000\0")), f.port);
+        const QByteArray oack = client.next();
+        QCOMPARE(client.next(), oack);
+    }
+
+    // A stranger on a transfer's port gets ERROR 5 and the transfer carries on; an ERROR on the
+    // listening port is ignored; the client's own ERROR ends the transfer as in the classic profile.
+    void strangersAndErrors()
+    {
+        Fixture f(pattern(2000));
+        Client client, stranger;
+        stranger.send(error(0, "junk"), f.port);
+        stranger.send(packet(4, 1), f.port);
+        QVERIFY(stranger.silent(100));
+        QCOMPARE(f.server.listenerSlot(), 1);
+        client.send(request(1, "f.bin"), f.port);
+        QCOMPARE(client.next(), packet(3, 1, pattern(512)));
+        stranger.send(packet(4, 1), client.peer);
+        QCOMPARE(stranger.next(), error(5, "Unknown transfer ID"));
+        QVERIFY(client.silent(50));
+        client.send(packet(4, 1), client.peer);
+        QCOMPARE(client.next(), packet(3, 2, pattern(1024).mid(512)));
+        client.send(error(0, "bye"), client.peer);
+        QTRY_COMPARE(f.monitor.socketText(1, TM::SocketStatus), QString("Blocking"));
+        QCOMPARE(f.transfer(1, TM::From), QString("bye"));
+        // Requests the profile refuses, with their ERROR code (0: taken), the last one by the access list.
+        f.acl.appendEntry({ "127.0.0.1", maskDisplayForm(32), "no", "yes", f.folder, 32 });
+        const QList<QPair<QByteArray, int>> refused { { request(1, "f.bin", "mail"), 4 },
+            { request(2, "f.bin", "binary"), 4 }, { bytes("\0\1f.bin\0octet"), 4 },
+            { bytes("\0\2f.bin\0"), 4 }, { request(2, "g.bin"), 0 }, { request(1, "nothing.bin"), 2 } };
+        for (const auto &[datagram, code] : refused) {
+            Client c;
+            c.send(datagram, f.port);
+            const QByteArray reply = c.next();
+            QCOMPARE(reply.left(4), code ? packet(5, code) : packet(4, 0));
+        }
+        // The refusal winds up the listening slot, as in the classic profile.
+        QCOMPARE(f.server.slotTag(3), QString("Blocking"));
+        QCOMPARE(f.server.listenerSlot(), 0);
+    }
+
+    // An upload cut off half-way leaves the old file as it was; a finished one replaces it whole; a
+    // repeated final DATA is acknowledged again while the slot is held. Capture writes nothing.
+    void uploadsReplaceWhole()
+    {
+        Fixture f(QByteArray(3000, 'A'));
+        f.server.setRetransmitInterval(100);
+        Client client;
+        client.send(request(2, "f.bin"), f.port);
+        QCOMPARE(client.next(), packet(4, 0));
+        client.send(packet(3, 1, QByteArray(512, 'b')), client.peer);
+        QCOMPARE(client.next(), packet(4, 1));
+        client.send(packet(3, 1, QByteArray(512, 'b')), client.peer); // repeated: acknowledged again
+        QCOMPARE(client.next(), packet(4, 1));
+        for (int i = 0; i < 5; ++i) // silence: the ACK is re-sent, then the upload is given up
+            QCOMPARE(client.next(), packet(4, 1));
+        QTRY_COMPARE(f.transfer(1, TM::Status), QString("TIMED OUT"));
+        QCOMPARE(readFile(f.path("f.bin")), QByteArray(3000, 'A'));
+        QCOMPARE(QDir(f.folder).entryList(QDir::Hidden | QDir::Files), QStringList { "f.bin" });
+
+        Client second;
+        second.send(request(2, "f.bin"), f.port);
+        QCOMPARE(second.next(), packet(4, 0));
+        second.send(packet(3, 1, QByteArray(512, 'c')), second.peer);
+        QCOMPARE(second.next(), packet(4, 1));
+        QCOMPARE(readFile(f.path("f.bin")), QByteArray(3000, 'A')); // not yet
+        second.send(packet(3, 2, "end"), second.peer);
+        QCOMPARE(second.next(), packet(4, 2));
+        QCOMPARE(readFile(f.path("f.bin")), QByteArray(512, 'c') + "end");
+        QCOMPARE(f.monitor.socketText(2, TM::SocketStatus), QString("Blocking"));
+        second.send(packet(3, 2, "end"), second.peer);
+        QCOMPARE(second.next(), packet(4, 2));
+        QCOMPARE(f.transfer(2, TM::DataSentReceived), QString("515 bytes"));
+    }
+
+    // A broken access-list row is reported once per cause and answered with ERROR 2 here, silence in the
+    // classic profile.
+    void failedDecision()
+    {
+        Fixture f(pattern(100));
+        f.acl.appendEntry({ "", "", "", "", "", 0 }); // the blank line of a hand-edited file
+        QSignalSpy reports(&f.server, &TftpServer::accessDecisionFailed);
+        Client client;
+        client.send(request(1, "f.bin"), f.port);
+        QCOMPARE(client.next(), error(2, "Access violation"));
+        client.send(request(1, "f.bin"), f.port);
+        QCOMPARE(client.next(), error(2, "Access violation"));
+        QCOMPARE(reports.count(), 1);
+        QVERIFY2(
+            reports[0][0].toString().contains("access-list row 2"), qPrintable(reports[0][0].toString()));
+        QVERIFY(reports[0][0].toString().contains("fewer than four"));
+        f.server.setStandardProfile(false);
+        client.send(request(1, "f.bin"), f.port);
+        QVERIFY(client.silent(150));
+        QCOMPARE(reports.count(), 1);
+        QCOMPARE(f.monitor.transferCount(), 0);
+    }
+
+    // A full disk (here a file-size limit) is answered with ERROR 3 and leaves the old file and no temporary
+    // one.
+    void diskFull()
+    {
+        Fixture f(QByteArray(100, 'A'));
+        Client client;
+        client.send(request(2, "f.bin"), f.port);
+        QCOMPARE(client.next(), packet(4, 0));
+        ::signal(SIGXFSZ, SIG_IGN);
+        rlimit old {};
+        ::getrlimit(RLIMIT_FSIZE, &old);
+        rlimit small = old;
+        small.rlim_cur = 1000;
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        QByteArray reply;
+        for (int block = 1; block <= 3 && !reply.startsWith(bytes("\0\5")); ++block) {
+            client.send(packet(3, block, QByteArray(512, 'b')), client.peer);
+            reply = client.next();
+        }
+        ::setrlimit(RLIMIT_FSIZE, &old);
+        QCOMPARE(reply, error(3, "Disk full or allocation exceeded"));
+        QTRY_COMPARE(f.transfer(1, TM::Status), QString("DISK FULL"));
+        QCOMPARE(readFile(f.path("f.bin")), QByteArray(100, 'A'));
+        QCOMPARE(QDir(f.folder).entryList(QDir::Hidden | QDir::Files), QStringList { "f.bin" });
+    }
+};
+
+QTEST_MAIN(TestTftpStandard)
+#include "tst_tftp_standard.moc"
