@@ -131,6 +131,10 @@ void Application::createChildren()
     m_main->addChild(WindowTable::transferIndex, QStringLiteral("Transfer"), m_transferWindow, 3);
     connect(m_transferWindow, &TransferWindow::clearOldTransfersRequested, this,
             [this] { m_monitor->clearOldTransfers(m_tftp->highestTransferRowInUse()); });
+    connect(m_transferWindow, &TransferWindow::standardProfileToggled, this, [this](bool on) {
+        m_main->writeTftpStandardSetting(on);
+        setTftpStandard(on);
+    });
     ConsoleWindow *console = createConsole();
     m_main->addChild(WindowTable::firstConsoleIndex, QStringLiteral("Console"), console);
     m_main->registerConsole(WindowTable::firstConsoleIndex, console);
@@ -167,8 +171,21 @@ void Application::consoleRegistered(int index, ChildWindow *window)
     m_logRoutes->setConsole(index, console->logBox(), [console] { return console->session()->deviceAddress(); });
 }
 
+void Application::setTftpStandard(bool on)
+{
+    m_tftp->setStandardProfile(on);
+    m_transferWindow->setStandardProfile(on);
+    m_main->showTftpProfile(on);
+}
+
 void Application::loadMainWindow()
 {
+    // --tftp-standard turns the profile on for this run without storing it.
+    setTftpStandard(m_options.tftpStandard || m_main->readTftpStandardSetting());
+    connect(m_tftp.get(), &TftpServer::accessDecisionFailed, this, [this](const QString &text) {
+        std::fprintf(stderr, "tarnwick: %s\n", qPrintable(text));
+        m_main->reportProblem(text);
+    });
     if (!m_tftp->start())
         reportBindFailure(QStringLiteral("TFTP"), m_options.tftpPort, QStringLiteral("--tftp-port"),
                           m_tftp->errorString());

@@ -54,6 +54,7 @@ private:
     void consoleRegistered(int index, ChildWindow *window);
     void loadMainWindow();
     void reportBindFailure(const QString &what, quint16 port, const QString &option, const QString &error);
+    void setTftpStandard(bool on);
     void printLine(const QString &line);
 
     CommandLineOptions m_options;

@@ -31,25 +31,33 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
     parser.addOption(version);
     parser.addOptions({
         { QStringLiteral("headless"),
-          QStringLiteral("Show no window; run the TFTP server and log receiver and print every transfer-monitor "
-                         "row change to stdout. Stops on SIGINT/SIGTERM.") },
+            QStringLiteral(
+                "Show no window; run the TFTP server and log receiver and print every transfer-monitor "
+                "row change to stdout. Stops on SIGINT/SIGTERM.") },
         { QStringLiteral("tftp-port"), QStringLiteral("UDP port of the TFTP server (default 69)."),
-          QStringLiteral("N") },
+            QStringLiteral("N") },
         { QStringLiteral("log-port"), QStringLiteral("UDP port of the log receiver (default 514)."),
-          QStringLiteral("N") },
+            QStringLiteral("N") },
         { QStringLiteral("telnet-port"), QStringLiteral("TCP port consoles connect to (default 23)."),
-          QStringLiteral("N") },
+            QStringLiteral("N") },
         { QStringLiteral("snmp-port"), QStringLiteral("UDP port of the devices' SNMP agents (default 161)."),
-          QStringLiteral("N") },
-        { QStringLiteral("folder"), QStringLiteral("Shared TFTP folder for this run."), QStringLiteral("PATH") },
-        { QStringLiteral("acl"), QStringLiteral("Access list file (default: ACLIST.ini in the program's folder)."),
-          QStringLiteral("FILE") },
-        { QStringLiteral("connect"), QStringLiteral("Connect the first console to HOST over TCP at start-up."),
-          QStringLiteral("HOST") },
-        { QStringLiteral("log-dir"), QStringLiteral("Folder for device log files; switches \"Log To File\" on."),
-          QStringLiteral("DIR") },
+            QStringLiteral("N") },
+        { QStringLiteral("folder"), QStringLiteral("Shared TFTP folder for this run."),
+            QStringLiteral("PATH") },
+        { QStringLiteral("acl"),
+            QStringLiteral("Access list file (default: ACLIST.ini in the program's folder)."),
+            QStringLiteral("FILE") },
+        { QStringLiteral("connect"),
+            QStringLiteral("Connect the first console to HOST over TCP at start-up."),
+            QStringLiteral("HOST") },
+        { QStringLiteral("log-dir"),
+            QStringLiteral("Folder for device log files; switches \"Log To File\" on."),
+            QStringLiteral("DIR") },
         { QStringLiteral("confine"),
-          QStringLiteral("Refuse TFTP file names that would leave the access entry's folder.") },
+            QStringLiteral("Refuse TFTP file names that would leave the access entry's folder.") },
+        { QStringLiteral("tftp-standard"),
+            QStringLiteral("Answer TFTP with the standard profile for this run (options, block roll-over, "
+                           "ERROR replies, retransmission) instead of the classic one.") },
     });
 
     CommandLineResult result;
@@ -91,5 +99,6 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
     options.connectHost = parser.value(QStringLiteral("connect"));
     options.logDir = parser.value(QStringLiteral("log-dir"));
     options.confine = parser.isSet(QStringLiteral("confine"));
+    options.tftpStandard = parser.isSet(QStringLiteral("tftp-standard"));
     return result;
 }

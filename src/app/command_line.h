@@ -19,6 +19,7 @@ struct CommandLineOptions
     QString connectHost; // --connect: first console connects here over TCP
     QString logDir;      // --log-dir: log folder, with "Log To File" on
     bool confine = false;
+    bool tftpStandard = false; // --tftp-standard: the standard TFTP profile for this run
 };
 
 struct CommandLineResult

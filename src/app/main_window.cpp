@@ -36,6 +36,7 @@ MainWindow::MainWindow(QWidget *parent)
     , m_problem(new QLabel(this))
     , m_date(new QLabel(this))
     , m_time(new QLabel(this))
+    , m_tftpProfile(new QLabel(this))
 {
     setObjectName(QStringLiteral("frmForm"));
     setWindowTitle(caption);
@@ -55,7 +56,9 @@ MainWindow::MainWindow(QWidget *parent)
     m_problem->setObjectName(QStringLiteral("ProblemPanel"));
     m_date->setObjectName(QStringLiteral("DatePanel"));
     m_time->setObjectName(QStringLiteral("TimePanel"));
+    m_tftpProfile->setObjectName(QStringLiteral("TftpProfilePanel"));
     statusBar()->addWidget(m_problem, 1);
+    statusBar()->addPermanentWidget(m_tftpProfile);
     statusBar()->addPermanentWidget(m_date);
     statusBar()->addPermanentWidget(m_time);
     auto *clock = new QTimer(this);
@@ -271,6 +274,29 @@ void MainWindow::updateClock()
 QString MainWindow::readFolderPathSetting() const
 {
     return settingsStore()->value(QStringLiteral("FolderPath"), QString()).toString();
+}
+
+bool MainWindow::readTftpStandardSetting() const
+{
+    return settingsStore()->value(QStringLiteral("TftpStandard"), false).toBool();
+}
+
+void MainWindow::writeTftpStandardSetting(bool on)
+{
+    settingsStore()->setValue(QStringLiteral("TftpStandard"), on);
+}
+
+void MainWindow::showTftpProfile(bool standard)
+{
+    m_tftpProfile->setText(standard ? tr("TFTP: standard") : tr("TFTP: classic"));
+    m_tftpProfile->setToolTip(standard ? tr("TFTP requests are answered with the standard profile: options, "
+                                            "block roll-over, ERROR replies and retransmission.")
+                                       : tr("TFTP requests are answered with the classic profile."));
+}
+
+QString MainWindow::tftpProfileText() const
+{
+    return m_tftpProfile->text();
 }
 
 void MainWindow::saveSettings()

@@ -63,6 +63,12 @@ public:
     QString sharedFolder() const { return m_sharedFolder; }
     void setSharedFolder(const QString &folder) { m_sharedFolder = folder; }
     QString readFolderPathSetting() const;
+    // "TftpStandard": whether the standard TFTP profile is on (off by default).
+    bool readTftpStandardSetting() const;
+    void writeTftpStandardSetting(bool on);
+    // The status-bar panel that names the TFTP profile answering requests.
+    void showTftpProfile(bool standard);
+    QString tftpProfileText() const;
     void saveSettings();
 
     // A lasting problem (a port that could not be bound) shown in the status bar.
@@ -88,6 +94,7 @@ private:
     QLabel *m_problem;
     QLabel *m_date;
     QLabel *m_time;
+    QLabel *m_tftpProfile;
     WindowTable m_table;
     QHash<QObject *, QAction *> m_buttons;
     QHash<QObject *, int> m_consoleIndex;

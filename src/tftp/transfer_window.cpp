@@ -29,6 +29,7 @@ QTreeView *makeReportView(QAbstractItemModel *model, const QString &name, QWidge
 TransferWindow::TransferWindow(TransferMonitor *monitor, QWidget *parent)
     : ChildWindow(parent)
     , m_menuBar(new QMenuBar(this))
+    , m_standard(new QAction(QStringLiteral("Standard TFTP"), this))
     , m_transferList(makeReportView(monitor->transfers(), QStringLiteral("ListView1"), this))
     , m_socketTable(makeReportView(monitor->sockets(), QStringLiteral("ListView2"), this))
 {
@@ -37,9 +38,18 @@ TransferWindow::TransferWindow(TransferMonitor *monitor, QWidget *parent)
     QAction *clear = m_menuBar->addAction(QStringLiteral("Clear Old Transfers"));
     clear->setObjectName(QStringLiteral("MnuClearOldTransfers"));
     connect(clear, &QAction::triggered, this, &TransferWindow::clearOldTransfersRequested);
+    m_standard->setObjectName(QStringLiteral("MnuStandardTftp"));
+    m_standard->setCheckable(true);
+    m_menuBar->addAction(m_standard);
+    connect(m_standard, &QAction::triggered, this, &TransferWindow::standardProfileToggled);
     m_transferList->setColumnWidth(0, 180);
     m_socketTable->setColumnWidth(0, 60);
     resize(640, 480);
+}
+
+void TransferWindow::setStandardProfile(bool on)
+{
+    m_standard->setChecked(on); // triggered is not emitted for this
 }
 
 void TransferWindow::resizeEvent(QResizeEvent *event)

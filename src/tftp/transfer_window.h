@@ -19,14 +19,20 @@ public:
     QTreeView *transferList() const { return m_transferList; }
     QTreeView *socketTable() const { return m_socketTable; }
 
+    // Shows the profile without emitting standardProfileToggled.
+    void setStandardProfile(bool on);
+
 Q_SIGNALS:
     void clearOldTransfersRequested();
+    // The user checked or unchecked "Standard TFTP".
+    void standardProfileToggled(bool on);
 
 protected:
     void resizeEvent(QResizeEvent *event) override;
 
 private:
     QMenuBar *m_menuBar;
+    QAction *m_standard;
     QTreeView *m_transferList;
     QTreeView *m_socketTable;
 };
