@@ -110,13 +110,10 @@ void TftpServer::handleDatagram(int s, const QByteArray &datagram, const QHostAd
 void TftpServer::dispatch(int s, const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort,
     const QHostAddress &destination)
 {
-    const Slot &slot = m_slots[s];
     const int opcode = TftpPacket::opcode(datagram);
     if (opcode < TftpPacket::Rrq || opcode > TftpPacket::Error)
         return;
-    // A transfer talks to its requester only; strays from elsewhere are dropped.
-    if (slot.tag != Tag::Null && (senderPort != slot.peerPort || sender != slot.peer))
-        return;
+    // Datagrams are served whoever sends them; replies always go to the requester.
 
     switch (opcode) {
     case TftpPacket::Rrq:
@@ -391,9 +388,9 @@ void TftpServer::handleData(int s, const QByteArray &datagram)
 void TftpServer::handleError(int s, const QByteArray &datagram)
 {
     Slot &slot = m_slots[s];
-    // Only a running transfer can be ended by the client; on the listener an
-    // ERROR means nothing and must not stop the server.
-    if (slot.tag == Tag::Null || slot.accessRow == AccessDecision::Refused)
+    // Also on the listener: it is shown and the slot held, and the refresh
+    // tick opens a new listener once no row reads "Listen".
+    if (slot.accessRow == AccessDecision::Refused)
         return;
     QByteArray body = datagram.mid(2);
     body.replace('\0', QByteArray()); // the list shows text, the zero bytes carry none

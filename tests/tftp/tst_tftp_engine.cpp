@@ -273,7 +273,7 @@ private Q_SLOTS:
 
     // Every datagram leaves one trace line, junk included. A missing file and a client's ERROR are
     // written into the transfer row numbered like the deciding access row (made row 2 here); an
-    // ERROR means nothing on the listener, and on a transfer it is shown and holds the slot.
+    // ERROR on a transfer is shown and holds the slot.
     void errorFromClientAndTrace()
     {
         Fixture f(pattern(2000), false);
@@ -281,10 +281,10 @@ private Q_SLOTS:
         f.acl.insertRow(0, f.acl.takeRow(1));
         QVERIFY(f.server.start());
         Client client;
-        for (const QByteArray &junk : { QByteArray(), bytes("x"), bytes("\0\x09zz"), packet(5, 3, "stray") })
+        for (const QByteArray &junk : { QByteArray(), bytes("x"), bytes("\0\x09zz") })
             client.send(junk, f.port);
         QVERIFY(client.silent(100));
-        QCOMPARE(readFile(f.tracePath), bytes("1\r\n1\r\n1\r\n1\r\n"));
+        QCOMPARE(readFile(f.tracePath), bytes("1\r\n1\r\n1\r\n"));
         client.send(request(1, "x1"), f.port);
         client.send(request(1, "x2"), f.port);
         QVERIFY(client.silent(100));
@@ -298,7 +298,7 @@ private Q_SLOTS:
         QCOMPARE(f.monitor.socketLine(1).section('\t', 3),
             QString("ERROR\t%1\tBlocking\t\3disk full").arg(client.socket.localPort()));
         QCOMPARE(f.slotTimer(1), 60000);
-        QCOMPARE(readFile(f.tracePath).count("1\r\n"), 8);
+        QCOMPARE(readFile(f.tracePath).count("1\r\n"), 7);
     }
 
     void allSlotsBusyMeansNoListener()
@@ -373,6 +373,8 @@ private Q_SLOTS:
                 c = char(rng.bounded(256));
             if (i % 2)
                 junk.prepend(packet(rng.bounded(7), rng.bounded(65536)));
+            if (const int op = TftpPacket::opcode(junk); op >= 3 && op <= 5)
+                junk[1] = 6; // anyone's DATA, ACK or ERROR is served: that is checked elsewhere
             fuzzer.send(i % 100 == 0 ? nasty[i / 100 % 5] : junk, i % 4 < 2 ? f.port : client.peer);
             if (i % 3 == 0)
                 client.send(packet(1 + i % 4, 1).left(i / 4 % 4), client.peer);

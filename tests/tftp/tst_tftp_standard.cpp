@@ -461,6 +461,48 @@ private Q_SLOTS:
         QCOMPARE(readFile(f.path("f.bin")), QByteArray(100, 'A'));
         QCOMPARE(QDir(f.folder).entryList(QDir::Hidden | QDir::Files), QStringList { "f.bin" });
     }
+
+    // The classic profile: progress in the request's own row, a stranger's ACK served (the block still goes
+    // to the requester), and an ERROR on the listener shown and the listener held until the refresh.
+    void classicProgressAndStrangers()
+    {
+        Fixture f(pattern(2000), false);
+        f.server.setStandardProfile(false);
+        f.server.setIntervals(60000, 300, 60000);
+        QVERIFY(f.server.start());
+        Client client, stranger;
+        client.send(request(1, "f.bin"), f.port);
+        QCOMPARE(client.next(), packet(3, 1, pattern(512)));
+        QCOMPARE(f.transfer(1, TM::DataSentReceived), QString());
+        stranger.send(packet(4, 1), client.peer);
+        QCOMPARE(client.next(), packet(3, 2, pattern(1024).mid(512)));
+        QVERIFY(stranger.silent(50));
+        QCOMPARE(f.transfer(1, TM::DataSentReceived), QString("512 of 2000 bytes (25%)"));
+        for (int block = 2; block <= 4; ++block) {
+            client.send(packet(4, block), client.peer);
+            if (block < 4)
+                QCOMPARE(client.next().left(4), packet(3, block + 1));
+        }
+        QTRY_COMPARE(f.transfer(1, TM::Status), QString("FINISHED OK"));
+        QCOMPARE(f.transfer(1, TM::DataSentReceived), QString("2000 bytes"));
+
+        client.send(request(2, "up.bin"), f.port);
+        QCOMPARE(client.next(), packet(4, 0));
+        client.send(packet(3, 1, QByteArray(512, 'u')), client.peer);
+        QCOMPARE(client.next(), packet(4, 1));
+        QCOMPARE(f.transfer(2, TM::DataSentReceived), QString("512 bytes"));
+        stranger.send(packet(3, 2, "end"), client.peer);
+        QCOMPARE(client.next(), packet(4, 2));
+        QCOMPARE(f.transfer(2, TM::DataSentReceived), QString("515 bytes"));
+        QCOMPARE(readFile(f.path("up.bin")), QByteArray(512, 'u') + "end");
+
+        const int listener = f.server.listenerSlot();
+        stranger.send(error(0, "who"), f.port);
+        QTRY_COMPARE(f.monitor.socketText(listener, TM::SocketStatus), QString("Blocking"));
+        QCOMPARE(f.monitor.socketText(listener, TM::SocketError), QString("who"));
+        QVERIFY(stranger.silent(50));
+        QTRY_VERIFY(f.server.listenerSlot() != 0 && f.server.listenerSlot() != listener);
+    }
 };
 
 QTEST_MAIN(TestTftpStandard)
