@@ -9,7 +9,6 @@
 
 #include <QFile>
 #include <QFileInfo>
-#include <QUdpSocket>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -196,7 +195,7 @@ void TftpServer::takeRequest(int s, const QHostAddress &sender, quint16 senderPo
     Slot &slot = m_slots[s];
     m_movingListener = slot.socket;
     slot.socket = newSocket();
-    slot.socket->bind(m_bindAddress, 0);
+    slot.socket->bind(m_bindAddress, 0, false);
     slot.peer = sender;
     slot.peerPort = senderPort;
     slot.aheadBlock = 0;

@@ -4,10 +4,9 @@
 #include "tftp/standard_transfer.h"
 #include "tftp/transfer_monitor.h"
 
+#include <QAbstractSocket>
 #include <QFile>
-#include <QNetworkDatagram>
 #include <QTimer>
-#include <QUdpSocket>
 
 TftpServer::TftpServer(TransferMonitor *monitor, AccessList *acl, QObject *parent)
     : QObject(parent)
@@ -73,6 +72,11 @@ void TftpServer::setIntervals(int holdMs, int refreshMs, int designedSlotMs)
     }
 }
 
+void TftpServer::setSocketFactory(DatagramSocketFactory factory)
+{
+    m_socketFactory = std::move(factory);
+}
+
 void TftpServer::setStandardProfile(bool on)
 {
     m_standard = on;
@@ -92,7 +96,7 @@ bool TftpServer::start()
 {
     Slot &slot = m_slots[1];
     releaseSocket(slot);
-    QUdpSocket *socket = newSocket();
+    DatagramSocket *socket = newSocket();
     const bool bound = bindListener(socket); // before joining the slot: a bind error is not a slot error
     slot.socket = socket;
     slot.timer->stop();
@@ -104,20 +108,20 @@ bool TftpServer::start()
     return bound;
 }
 
-QUdpSocket *TftpServer::newSocket()
+DatagramSocket *TftpServer::newSocket()
 {
-    auto *socket = new QUdpSocket(this);
+    DatagramSocket *socket = m_socketFactory ? m_socketFactory(this) : new UdpDatagramSocket(this);
     socket->setObjectName(QStringLiteral("server"));
-    connect(socket, &QUdpSocket::readyRead, this, [this, socket] { readPending(socket); });
-    connect(socket, &QUdpSocket::errorOccurred, this,
-        [this, socket](QAbstractSocket::SocketError error) { socketError(socket, int(error)); });
+    connect(socket, &DatagramSocket::readyRead, this, [this, socket] { readPending(socket); });
+    connect(socket, &DatagramSocket::errorOccurred, this,
+        [this, socket](int error) { socketError(socket, error); });
     return socket;
 }
 
-bool TftpServer::bindListener(QUdpSocket *socket)
+bool TftpServer::bindListener(DatagramSocket *socket)
 {
     // Not shared: a second server on the same port must fail, not steal datagrams.
-    if (socket->bind(m_bindAddress, m_port, QAbstractSocket::DontShareAddress))
+    if (socket->bind(m_bindAddress, m_port, true))
         return true;
     m_errorString = tr("Cannot listen on UDP port %1: %2").arg(m_port).arg(socket->errorString());
     return false;
@@ -127,14 +131,14 @@ void TftpServer::releaseSocket(Slot &slot)
 {
     if (!slot.socket)
         return;
-    QUdpSocket *socket = slot.socket;
+    DatagramSocket *socket = slot.socket;
     slot.socket = nullptr;
     socket->disconnect(this);
     socket->close();
     socket->deleteLater(); // we may be inside its readyRead
 }
 
-int TftpServer::slotOf(const QUdpSocket *socket) const
+int TftpServer::slotOf(const DatagramSocket *socket) const
 {
     for (int s = 1; s <= slotCount; ++s) {
         if (m_slots[s].socket == socket)
@@ -157,22 +161,24 @@ void TftpServer::showPorts(int slot)
     setSocketColumn(slot, TransferMonitor::RemotePort, QString::number(sl.peerPort));
 }
 
-void TftpServer::readPending(QUdpSocket *socket)
+void TftpServer::readPending(DatagramSocket *socket)
 {
     // One datagram per notification: Qt re-arms the notifier after a read and
     // signals again while more are queued, so no peeking is needed on the
     // per-block path. The owner is looked up each time because handling a
     // request moves the listening socket to another slot.
     const int s = slotOf(socket);
-    if (s == 0 || socket->state() != QAbstractSocket::BoundState)
+    if (s == 0 || !socket->isBound())
         return;
     if (m_slots[s].tag == Tag::Null) {
         if (!socket->hasPendingDatagrams())
             return;
-        // Requests are rare; this form also tells which local address was asked.
-        const QNetworkDatagram datagram = socket->receiveDatagram();
-        handleDatagram(s, datagram.data(), datagram.senderAddress(), quint16(datagram.senderPort()),
-            datagram.destinationAddress());
+        quint16 senderPort = 0;
+        QHostAddress destination;
+        const qint64 got = socket->readDatagram(
+            m_readBuffer.data(), m_readBuffer.size(), &m_sender, &senderPort, &destination);
+        if (got >= 0) // a copy: handling a request may read on before it is done with this one
+            handleDatagram(s, QByteArray(m_readBuffer.constData(), got), m_sender, senderPort, destination);
         return;
     }
     quint16 senderPort = 0;
@@ -183,7 +189,7 @@ void TftpServer::readPending(QUdpSocket *socket)
         s, QByteArray::fromRawData(m_readBuffer.constData(), got), m_sender, senderPort, m_noAddress);
 }
 
-void TftpServer::socketError(QUdpSocket *socket, int error)
+void TftpServer::socketError(DatagramSocket *socket, int error)
 {
     // A full send buffer is not a fault of the transfer: the client's
     // retransmission will ask for the block again.
@@ -202,7 +208,7 @@ void TftpServer::OpenListener()
         Slot &slot = m_slots[s];
         if (slot.socket || m_monitor->socketText(s, TransferMonitor::SocketStatus) != QLatin1String("ready"))
             continue;
-        QUdpSocket *socket = m_movingListener;
+        DatagramSocket *socket = m_movingListener;
         m_movingListener = nullptr;
         if (!socket) {
             socket = newSocket();
@@ -292,7 +298,7 @@ void TftpServer::refreshTick()
         showPorts(s);
         if (m_monitor->socketText(s, TransferMonitor::SocketStatus) == QLatin1String("Listen"))
             listening = true;
-        if (slot.socket->state() == QAbstractSocket::UnconnectedState && slot.tag != Tag::Blocking)
+        if (!slot.socket->isBound() && slot.tag != Tag::Blocking)
             HoldSlot(s);
     }
     if (!listening)
@@ -354,7 +360,7 @@ int TftpServer::listenerSlot() const
 {
     for (int s = 1; s <= slotCount; ++s) {
         const Slot &slot = m_slots[s];
-        if (slot.tag == Tag::Null && slot.socket && slot.socket->state() == QAbstractSocket::BoundState)
+        if (slot.tag == Tag::Null && slot.socket && slot.socket->isBound())
             return s;
     }
     return 0;

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "tftp/datagram_socket.h"
 #include <QByteArray>
 #include <QElapsedTimer>
+
 #include <QHostAddress>
 #include <QObject>
 #include <QString>
@@ -12,7 +14,6 @@
 class AccessList;
 class CaptureSink;
 class QTimer;
-class QUdpSocket;
 class StandardTransfer;
 class TransferMonitor;
 
@@ -76,6 +77,8 @@ public:
     void setConfine(bool on);
     void setTraceFilePath(const QString &path); // default "bugfix.ini"
     void setIntervals(int holdMs, int refreshMs, int designedSlotMs); // 30000, 10000, 8000
+    // Where the slots' sockets come from (real UDP sockets unless set); for the fuzz harness.
+    void setSocketFactory(DatagramSocketFactory factory);
     void setStandardProfile(bool on);
     bool standardProfile() const { return m_standard; }
     // Tests: re-send after this many ms instead of the negotiated timeout (0: negotiated).
@@ -112,7 +115,7 @@ private:
 
     struct Slot
     {
-        QUdpSocket *socket = nullptr;
+        DatagramSocket *socket = nullptr;
         QTimer *timer = nullptr;
         Tag tag = Tag::None;
         QString filePath;
@@ -138,15 +141,15 @@ private:
     };
 
     // tftp_server.cpp: sockets and slot lifecycle
-    QUdpSocket *newSocket();
-    bool bindListener(QUdpSocket *socket);
-    void readPending(QUdpSocket *socket);
-    void socketError(QUdpSocket *socket, int error);
+    DatagramSocket *newSocket();
+    bool bindListener(DatagramSocket *socket);
+    void readPending(DatagramSocket *socket);
+    void socketError(DatagramSocket *socket, int error);
     void slotTimerTick(int slot);
     void refreshTick();
     void windUpRefused(int slot);
     void releaseSocket(Slot &slot);
-    int slotOf(const QUdpSocket *socket) const;
+    int slotOf(const DatagramSocket *socket) const;
     void setSocketColumn(int slot, int column, const QString &text);
     void showPorts(int slot);
 
@@ -177,7 +180,7 @@ private:
     void standardOutcome(int slot, int outcome, bool rearm);
     void retransmitTick(int slot);
     void sendError(
-        QUdpSocket *socket, const QHostAddress &to, quint16 port, int code, const QByteArray &text);
+        DatagramSocket *socket, const QHostAddress &to, quint16 port, int code, const QByteArray &text);
     void endStandard(Slot &slot);
 
     TransferMonitor *m_monitor;
@@ -185,10 +188,11 @@ private:
     CaptureSink *m_capture = nullptr;
     std::array<Slot, slotCount + 1> m_slots; // index 0 unused: slots count from 1
     QTimer *m_refreshTimer;
-    QUdpSocket *m_movingListener = nullptr; // between leaving one slot and joining the next
+    DatagramSocket *m_movingListener = nullptr; // between leaving one slot and joining the next
     QHostAddress m_bindAddress { QHostAddress::AnyIPv4 };
     quint16 m_port = 69;
     bool m_confine = false;
+    DatagramSocketFactory m_socketFactory;
     bool m_standard = false;
     int m_retransmitMs = 0;
     QStringList m_reportedFailures;

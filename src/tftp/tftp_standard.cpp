@@ -13,7 +13,6 @@
 
 #include <QFile>
 #include <QTimer>
-#include <QUdpSocket>
 
 #include <cerrno>
 #include <fcntl.h>
@@ -23,7 +22,7 @@
 using namespace TftpOptions;
 
 void TftpServer::sendError(
-    QUdpSocket *socket, const QHostAddress &to, quint16 port, int code, const QByteArray &text)
+    DatagramSocket *socket, const QHostAddress &to, quint16 port, int code, const QByteArray &text)
 {
     if (socket)
         socket->writeDatagram(TftpOptions::error(code, text), to, port);
