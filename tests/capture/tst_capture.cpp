@@ -243,5 +243,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestCapture)
+#include "test_main.h"
+TW_TEST_MAIN(TestCapture)
 #include "tst_capture.moc"

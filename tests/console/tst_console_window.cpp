@@ -530,5 +530,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestConsole)
+#include "test_main.h"
+TW_TEST_MAIN(TestConsole)
 #include "tst_console_window.moc"

@@ -347,5 +347,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestRecovery)
+#include "test_main.h"
+TW_TEST_MAIN(TestRecovery)
 #include "tst_recovery.moc"

@@ -300,5 +300,6 @@ void TestMonitor::realAgent()
     QVERIFY(compared >= 1);
 }
 
-QTEST_MAIN(TestMonitor)
+#include "test_main.h"
+TW_TEST_MAIN(TestMonitor)
 #include "tst_monitor.moc"

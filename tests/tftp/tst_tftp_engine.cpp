@@ -436,5 +436,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestTftpEngine)
+#include "test_main.h"
+TW_TEST_MAIN(TestTftpEngine)
 #include "tst_tftp_engine.moc"
