@@ -38,6 +38,7 @@ inline void isolate()
         QDir().mkpath(path + QLatin1String(folder));
         qputenv(name, QFile::encodeName(path + QLatin1String(folder)));
     }
+    QDir::setCurrent(path); // files a test names relatively (a trace file, say) land here too
     if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
 }
