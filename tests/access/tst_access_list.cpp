@@ -174,5 +174,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestAccessList)
+#include "test_main.h"
+TW_TEST_GUILESS_MAIN(TestAccessList)
 #include "tst_access_list.moc"

@@ -124,5 +124,6 @@ void TestNetworkEditor::windowAddsSavesAndRemoves()
     QCOMPARE(saved(), expected);
 }
 
-QTEST_MAIN(TestNetworkEditor)
+#include "test_main.h"
+TW_TEST_MAIN(TestNetworkEditor)
 #include "tst_network_editor.moc"

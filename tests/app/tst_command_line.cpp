@@ -148,5 +148,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(CommandLineTest)
+#include "test_main.h"
+TW_TEST_GUILESS_MAIN(CommandLineTest)
 #include "tst_command_line.moc"

@@ -253,5 +253,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(StartupTest)
+#include "test_main.h"
+TW_TEST_MAIN(StartupTest)
 #include "tst_startup.moc"

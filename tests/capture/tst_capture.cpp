@@ -99,7 +99,8 @@ private Q_SLOTS:
                 { "\n", {} } }));
     }
 
-    // Broken files load what they can, quickly. Every truncation and thousands of
+    // Broken files load what they can (one that sends the reader into a runaway
+    // parse meets the test's time limit). Every truncation and thousands of
     // corruptions: no crash, never more text than bytes.
     void rtfMalformedAndFuzz()
     {
@@ -119,10 +120,7 @@ private Q_SLOTS:
                  { QByteArray("{\\rtf1 a\0b}", 11), QStringLiteral("a") + QChar(0) + "b" },
                  { QByteArray(100000, '{') + "\\rtf1 deep" + QByteArray(100000, '}') + "after", "deepafter" },
                  { colours + "}\\cf19999 x\\cf2 y}", "xy" } }) {
-            QElapsedTimer clock;
-            clock.start();
             QCOMPARE(RtfReader::read(rtf).plainText(), plain);
-            QVERIFY2(clock.elapsed() < 2000, rtf.left(40).constData());
         }
 
         const QByteArray base = RtfWriter::write(rich({ { "/srv/tftp/r1-confg", red },
@@ -243,5 +241,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestCapture)
+#include "test_main.h"
+TW_TEST_MAIN(TestCapture)
 #include "tst_capture.moc"

@@ -245,5 +245,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestLogrecv)
+#include "test_main.h"
+TW_TEST_MAIN(TestLogrecv)
 #include "tst_logrecv.moc"

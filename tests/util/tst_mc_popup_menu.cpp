@@ -93,5 +93,6 @@ private Q_SLOTS:
     void cleanup() { mcPopupMenu::setExecHook({}); }
 };
 
-QTEST_MAIN(TestMcPopupMenu)
+#include "test_main.h"
+TW_TEST_MAIN(TestMcPopupMenu)
 #include "tst_mc_popup_menu.moc"

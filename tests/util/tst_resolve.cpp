@@ -36,5 +36,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestResolve)
+#include "test_main.h"
+TW_TEST_GUILESS_MAIN(TestResolve)
 #include "tst_resolve.moc"
