@@ -18,8 +18,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static const QString path = folder.filePath(QStringLiteral("ACLIST.ini"));
     const QList<QByteArray> parts = splitInput(data, size, 16);
     {
+        // A new file each time: truncating one that holds data makes the file
+        // system flush it to disk on close, a hundred times slower.
+        QFile::remove(path);
         QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        if (!file.open(QIODevice::WriteOnly))
             std::abort();
         file.write(parts.first());
     }
@@ -32,9 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (qsizetype i = 1; i < parts.size(); ++i)
         addresses << QString::fromLatin1(parts[i]);
     if (addresses.isEmpty()) {
-        addresses << QStringLiteral("10.1.1.1") << QStringLiteral("0.0.0.0")
-                  << QStringLiteral("255.255.255.255");
-        for (int row = 1; row <= list.count() && row <= 8; ++row)
+        addresses << QStringLiteral("10.1.1.1") << QStringLiteral("255.255.255.255");
+        for (int row = 1; row <= list.count() && row <= 2; ++row)
             addresses << list.entry(row).network;
     }
 
@@ -57,10 +59,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     }
 
-    // What the editor writes back must load again.
-    list.save_ACL();
-    AccessList reloaded;
-    reloaded.setFilePath(path);
-    reloaded.load_ACL();
+    // Every row as the editor writes it back (less the file, whose save is
+    // synced to disk and would slow the target a hundredfold) reads again.
+    for (int row = 1; row <= list.count(); ++row)
+        AccessList::entryFromLine(AccessList::lineFor(list.entry(row)));
     return 0;
 }
