@@ -1,9 +1,9 @@
 // Syslog datagrams from arbitrary senders reaching the log receiver: each part
 // of the input is one datagram, its first four bytes the sender's IPv4
 // address (sixteen after a leading "6" for an IPv6 sender). Consoles carry a
-// few fixed device addresses; "Log To File" writes into a temporary folder,
-// emptied after every input, and every file written there must be named after
-// a sender that a console claimed.
+// few fixed device addresses; with "Log To File" on (odd first byte) records
+// go to a temporary folder, where exactly the files of the claimed senders
+// must appear, named by sender and day; they are removed after each input.
 #include "fuzz_input.h"
 
 #include "logrecv/log_options.h"
@@ -16,6 +16,7 @@
 #include <QTemporaryDir>
 
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 QHostAddress takeSender(QByteArray &part)
@@ -38,10 +39,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static QTemporaryDir top;
     static const QString folder = top.filePath(QStringLiteral("logs"));
-    // The consoles' tags, in slot order: the first console with the sender's
-    // address gets the line.
+    // The router stands in for the consoles: it claims the device addresses
+    // their log views carry.
     static const QStringList tags { QStringLiteral("10.1.1.1"), QStringLiteral("192.168.0.254"),
-        QStringLiteral("10.1.1.1"), QStringLiteral("127.0.0.1"), QStringLiteral("::1") };
+        QStringLiteral("127.0.0.1"), QStringLiteral("::1") };
 
     LogOptions options;
     options.setFolder(folder);
