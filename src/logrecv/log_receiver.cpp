@@ -105,17 +105,36 @@ void LogReceiver::readPending()
         const qint64 size = m_socket->readDatagram(m_buffer.data(), m_buffer.size(), &from);
         if (size < 0)
             break;
-        const QByteArray bytes = QByteArray::fromRawData(m_buffer.constData(), size);
-        ++m_counters.received;
-        const QString sender = senderText(from);
-        if (!m_router || !m_router(sender, datagramText(bytes))) {
-            ++m_counters.dropped;
-            Q_EMIT datagramHandled(sender, false);
-            continue;
-        }
-        ++m_counters.delivered;
-        m_records.append(Record { sender, toFile ? QByteArray(bytes.constData(), size) : QByteArray() });
+        route(from, QByteArray::fromRawData(m_buffer.constData(), size), toFile);
     }
+    finishBatch(toFile);
+}
+
+void LogReceiver::receive(const QList<Datagram> &batch)
+{
+    const bool toFile = m_options && m_options->logToFile();
+    m_records.clear();
+    for (const Datagram &datagram : batch)
+        route(datagram.from, datagram.bytes, toFile);
+    finishBatch(toFile);
+}
+
+void LogReceiver::route(const QHostAddress &from, const QByteArray &bytes, bool toFile)
+{
+    ++m_counters.received;
+    const QString sender = senderText(from);
+    if (!m_router || !m_router(sender, datagramText(bytes))) {
+        ++m_counters.dropped;
+        Q_EMIT datagramHandled(sender, false);
+        return;
+    }
+    ++m_counters.delivered;
+    // bytes may point into the receive buffer, which the next datagram reuses.
+    m_records.append(Record { sender, toFile ? QByteArray(bytes.constData(), bytes.size()) : QByteArray() });
+}
+
+void LogReceiver::finishBatch(bool toFile)
+{
     if (m_records.isEmpty())
         return;
     // The views first: a file that cannot be written never costs a view its line.

@@ -66,12 +66,24 @@ public:
     static QString logFileName(
         const QString &sender, const QDate &date, const QLocale &locale = QLocale::system());
 
+    // One batch of datagrams handled exactly as if it had arrived on the
+    // socket: routed, the views flushed, then the records written. Lets the
+    // fuzz target drive routing and file naming without a network.
+    struct Datagram
+    {
+        QHostAddress from;
+        QByteArray bytes;
+    };
+    void receive(const QList<Datagram> &batch);
+
 Q_SIGNALS:
     // After each datagram has been routed (and written, if it was).
     void datagramHandled(const QString &sender, bool delivered);
 
 private:
     void readPending();
+    void route(const QHostAddress &from, const QByteArray &bytes, bool toFile);
+    void finishBatch(bool toFile);
     struct Record
     {
         QString sender;
