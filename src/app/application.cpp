@@ -103,8 +103,17 @@ void Application::start()
     }
 
     if (!m_options.connectHost.isEmpty()) {
-        if (auto *console = qobject_cast<ConsoleWindow *>(m_main->child(WindowTable::firstConsoleIndex)))
-            connectTcpRemembered(console->session(), m_options.connectHost);
+        const std::optional<ConnectTarget> target = parseConnectTarget(m_options.connectHost);
+        auto *console = qobject_cast<ConsoleWindow *>(m_main->child(WindowTable::firstConsoleIndex));
+        if (!target) {
+            const QString text = QStringLiteral("--connect takes HOST, HOST:PORT or ssh://[USER@]HOST[:PORT], "
+                                                "not \"%1\"")
+                                     .arg(m_options.connectHost);
+            std::fprintf(stderr, "tarnwick: %s\n", qPrintable(text));
+            m_main->reportProblem(text);
+        } else if (console) {
+            connectRemembered(console->session(), *target);
+        }
     }
 
     if (!m_options.headless) {

@@ -44,7 +44,8 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
         { QStringLiteral("folder"), QStringLiteral("Shared TFTP folder for this run."), QStringLiteral("PATH") },
         { QStringLiteral("acl"), QStringLiteral("Access list file (default: ACLIST.ini in the program's folder)."),
           QStringLiteral("FILE") },
-        { QStringLiteral("connect"), QStringLiteral("Connect the first console to HOST over TCP at start-up."),
+        { QStringLiteral("connect"), QStringLiteral("Connect the first console at start-up: HOST or HOST:PORT over TCP "
+                                                   "(Telnet port by default), or ssh://[USER@]HOST[:PORT]."),
           QStringLiteral("HOST") },
         { QStringLiteral("log-dir"), QStringLiteral("Folder for device log files; switches \"Log To File\" on."),
           QStringLiteral("DIR") },

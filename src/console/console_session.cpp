@@ -82,12 +82,15 @@ ConsoleSession::ConsoleSession(QObject *parent)
     , m_tcp(new QTcpSocket(this))
     , m_timer1(new QTimer(this))
     , m_timer2(new QTimer(this))
+    , m_breakTimer(new QTimer(this))
 {
     m_serial->setObjectName(QStringLiteral("MSComm1"));
     m_tcp->setObjectName(QStringLiteral("Winsock1"));
     m_timer1->setObjectName(QStringLiteral("Timer1"));
     m_timer2->setObjectName(QStringLiteral("Timer2"));
     m_timer2->setInterval(1000);
+    m_breakTimer->setSingleShot(true);
+    m_breakTimer->setInterval(breakMilliseconds);
 
     connect(m_serial, &QSerialPort::readyRead, this, &ConsoleSession::onSerialReadyRead);
     connect(m_serial, &QSerialPort::errorOccurred, this, &ConsoleSession::onSerialError);
@@ -95,6 +98,10 @@ ConsoleSession::ConsoleSession(QObject *parent)
     connect(m_tcp, &QTcpSocket::errorOccurred, this, &ConsoleSession::onTcpError);
     connect(m_timer1, &QTimer::timeout, this, &ConsoleSession::onTimer1);
     connect(m_timer2, &QTimer::timeout, this, &ConsoleSession::onTimer2);
+    connect(m_breakTimer, &QTimer::timeout, this, [this] {
+        if (m_serial->isOpen())
+            m_serial->setBreakEnabled(false);
+    });
 }
 
 ConsoleSession::~ConsoleSession()
@@ -233,10 +240,16 @@ void ConsoleSession::enableTimer1()
 
 void ConsoleSession::ConnectTCP(const QString &host)
 {
+    ConnectTCP(host, s_telnetPort);
+}
+
+void ConsoleSession::ConnectTCP(const QString &host, quint16 port)
+{
     // A console that is already connected may connect again: the old
     // connection is dropped for the new one.
     m_tcp->abort();
-    m_tcp->connectToHost(host, s_telnetPort);
+    m_devicePort = port;
+    m_tcp->connectToHost(host, port);
     setKind(QStringLiteral("TCP/IP"));
     if (m_deviceAddress != host) {
         m_deviceAddress = host;
@@ -262,6 +275,18 @@ void ConsoleSession::sendSerial(const QByteArray &bytes)
 {
     if (m_serial->isOpen() && !bytes.isEmpty())
         m_serial->write(bytes);
+}
+
+void ConsoleSession::sendBreak()
+{
+    send(QByteArray("\xff\xf3", 2));
+    if (!m_serial->isOpen())
+        return;
+    // The bytes leave first; then the line is held low, which is what a
+    // device's ROMMON break detection actually looks for.
+    m_serial->flush();
+    if (m_serial->setBreakEnabled(true))
+        m_breakTimer->start();
 }
 
 void ConsoleSession::disconnectSession()

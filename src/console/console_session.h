@@ -63,9 +63,16 @@ public:
     // Connects to host on the Telnet port; the first Timer2 tick reports
     // "Connection timed out" when the connection is not up by then.
     void ConnectTCP(const QString &host);
+    // The same on another port (a console server's port for one device).
+    void ConnectTCP(const QString &host, quint16 port);
 
     void send(const QByteArray &bytes);
     void sendSerial(const QByteArray &bytes);
+    // Ctrl+Break and "Send Break": the bytes 255 243 by the sending rule,
+    // then, on an open serial port, the line held in break for
+    // breakMilliseconds.
+    void sendBreak();
+    static constexpr int breakMilliseconds = 300;
     void disconnectSession();
 
     // Empties the terminal ("Clear Console").
@@ -77,6 +84,8 @@ public:
 
     QString connectionKind() const { return m_kind; }
     QString deviceAddress() const { return m_deviceAddress; }
+    // The TCP port of the last ConnectTCP.
+    quint16 devicePort() const { return m_devicePort; }
     bool serialOpen() const;
     bool tcpConnected() const;
     qint16 countDown() const { return m_countDown; }
@@ -128,12 +137,14 @@ private:
     QTcpSocket *m_tcp;
     QTimer *m_timer1;
     QTimer *m_timer2;
+    QTimer *m_breakTimer;
     TerminalProcessor m_processor;
 
     qint16 m_countDown = 60;
     QString m_kind;
     qint16 m_keepAlive = 1;
     QString m_deviceAddress;
+    quint16 m_devicePort = 0;
     QString m_serialSettings;
     bool m_listingReader = false;
     int m_timer1Interval = 0;

@@ -68,6 +68,8 @@ ConsoleWindow::ConsoleWindow(QWidget *parent)
     m_removeConsole = addMenuAction("MnuRemoveConsole", QStringLiteral("Remove Console"));
     m_backUpFlash = addMenuAction("MnuBackUpFlash", QStringLiteral("BackUpFlash"));
     m_rommon = addMenuAction("MnuRommon", QStringLiteral("Rommon TFTP"));
+    // Ctrl+Break for keyboards without a Pause/Break key.
+    m_sendBreak = addMenuAction("MnuSendBreak", QStringLiteral("Send Break"));
 
     m_tabStrip = new QTabBar(this);
     m_tabStrip->setObjectName(QStringLiteral("TabStrip1"));
@@ -82,6 +84,7 @@ ConsoleWindow::ConsoleWindow(QWidget *parent)
     connect(m_disconnect, &QAction::triggered, m_session, &ConsoleSession::disconnectSession);
     connect(m_newConsole, &QAction::triggered, this, &ConsoleWindow::newConsoleRequested);
     connect(m_removeConsole, &QAction::triggered, this, &ConsoleWindow::removeConsole);
+    connect(m_sendBreak, &QAction::triggered, m_session, &ConsoleSession::sendBreak);
     connect(m_tabStrip, &QTabBar::currentChanged, this, &ConsoleWindow::selectTab);
 
     selectTab(0);
@@ -166,6 +169,7 @@ void ConsoleWindow::connectSession()
     connect(m_session, &ConsoleSession::messageBoxRequested, this,
         [](const QString &text) { tw::messageBox(text, QMessageBox::Warning); });
     connect(m_consoleBox, &TerminalView::keyBytes, m_session, &ConsoleSession::send);
+    connect(m_consoleBox, &TerminalView::breakRequested, m_session, &ConsoleSession::sendBreak);
     connect(m_consoleBox, &TerminalView::pasteRequested, m_session,
         [this](const QString &text) { m_session->send(text.toLatin1()); });
 }
