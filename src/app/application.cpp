@@ -16,6 +16,7 @@
 #include "console/connection_history.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
+#include "console/ssh_connection.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
 #include "tftp/transfer_window.h"
@@ -44,6 +45,8 @@ Application::Application(const CommandLineOptions &options, QObject *parent)
     m_tftp->setPort(m_options.tftpPort);
     m_tftp->setConfine(m_options.confine);
     ConsoleSession::setTelnetPort(m_options.telnetPort);
+    // With no window there is no one to accept a host key or type a password.
+    SshConnection::setInteractive(!m_options.headless);
     SnmpPoller::setAgentPort(m_options.snmpPort);
     if (!m_options.logDir.isEmpty())
         m_logOptions->useLogDir(m_options.logDir);

@@ -188,7 +188,9 @@ void connectRemembered(ConsoleSession *session, const ConnectTarget &target)
 {
     if (!session)
         return;
-    if (target.port == 0)
+    if (target.isSsh())
+        session->ConnectSSH(target.host, target.port, target.user);
+    else if (target.port == 0)
         session->ConnectTCP(target.host);
     else
         session->ConnectTCP(target.host, target.port);

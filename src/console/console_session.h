@@ -10,6 +10,7 @@
 
 class QTcpSocket;
 class QTimer;
+class SshConnection;
 
 // The connection and session record of one console.
 //
@@ -24,8 +25,16 @@ class QTimer;
 // which routes device log datagrams to this console).
 //
 // Sending follows one rule everywhere (typed keys, paste, the recovery and
-// backup automations): write to the serial port if it is open, and then send
-// on the TCP socket if it is connected; both tests are made every time.
+// backup automations): write to the serial port if it is open, send on the
+// TCP socket if it is connected, and write to the SSH channel if it is open;
+// each test is made every time.
+//
+// An SSH console (ConnectSSH) is a TCP/IP console in everything but its
+// transport: its connection kind is "TCP/IP", its device address is the
+// host, and once the shell is open the idle counter, keep-alive, "Connection
+// timed out" on a lost peer and "Disconnect" behave as for raw TCP. Until
+// then the SSH handshake keeps its own time limit, and a refusal is shown as
+// an "SSH Err: " line in the socket error's colour followed by ">".
 //
 // Nothing here touches a widget. What the terminal shows arrives as signals:
 //  - terminalAppend(text, colour): append text at the end of ConsoleBox in a
@@ -65,6 +74,9 @@ public:
     void ConnectTCP(const QString &host);
     // The same on another port (a console server's port for one device).
     void ConnectTCP(const QString &host, quint16 port);
+    // An SSH shell on host; port 0 and an empty user leave them to
+    // ~/.ssh/config (then 22 and the login name).
+    void ConnectSSH(const QString &host, quint16 port, const QString &user);
 
     void send(const QByteArray &bytes);
     void sendSerial(const QByteArray &bytes);
@@ -88,6 +100,9 @@ public:
     quint16 devicePort() const { return m_devicePort; }
     bool serialOpen() const;
     bool tcpConnected() const;
+    bool sshOpen() const;
+    // Whether this console's network session is SSH (from ConnectSSH until it ends).
+    bool sshSession() const { return m_sshSession; }
     qint16 countDown() const { return m_countDown; }
     qint16 keepAlive() const { return m_keepAlive; }
     // The settings text of the last ConnectModem, e.g. "9600,N,8,1".
@@ -109,6 +124,7 @@ public:
 
     QSerialPort *serialPort() const { return m_serial; }
     QTcpSocket *tcpSocket() const { return m_tcp; }
+    SshConnection *ssh() const { return m_ssh; }
 
 Q_SIGNALS:
     void terminalAppend(const QString &text, quint32 colour);
@@ -128,6 +144,11 @@ private:
     void onSerialReadyRead();
     void onSerialError(QSerialPort::SerialPortError error);
     void onTcpReadyRead();
+    void deviceData(const QByteArray &data);
+    void writeNetwork(const QByteArray &bytes);
+    void onSshOpened();
+    void onSshFailed(const QString &message, bool timedOut);
+    void reportTimedOut();
     void onTcpError(QAbstractSocket::SocketError error);
     void onTimer1();
     void onTimer2();
@@ -135,6 +156,8 @@ private:
 
     QSerialPort *m_serial;
     QTcpSocket *m_tcp;
+    SshConnection *m_ssh;
+    bool m_sshSession = false;
     QTimer *m_timer1;
     QTimer *m_timer2;
     QTimer *m_breakTimer;
