@@ -16,6 +16,7 @@
 #include "console/connection_history.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
+#include "console/ssh_connection.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
 #include "tftp/transfer_window.h"
@@ -44,6 +45,8 @@ Application::Application(const CommandLineOptions &options, QObject *parent)
     m_tftp->setPort(m_options.tftpPort);
     m_tftp->setConfine(m_options.confine);
     ConsoleSession::setTelnetPort(m_options.telnetPort);
+    // With no window there is no one to accept a host key or type a password.
+    SshConnection::setInteractive(!m_options.headless);
     SnmpPoller::setAgentPort(m_options.snmpPort);
     if (!m_options.logDir.isEmpty())
         m_logOptions->useLogDir(m_options.logDir);
@@ -103,8 +106,17 @@ void Application::start()
     }
 
     if (!m_options.connectHost.isEmpty()) {
-        if (auto *console = qobject_cast<ConsoleWindow *>(m_main->child(WindowTable::firstConsoleIndex)))
-            connectTcpRemembered(console->session(), m_options.connectHost);
+        const std::optional<ConnectTarget> target = parseConnectTarget(m_options.connectHost);
+        auto *console = qobject_cast<ConsoleWindow *>(m_main->child(WindowTable::firstConsoleIndex));
+        if (!target) {
+            const QString text = QStringLiteral("--connect takes HOST, HOST:PORT or ssh://[USER@]HOST[:PORT], "
+                                                "not \"%1\"")
+                                     .arg(m_options.connectHost);
+            std::fprintf(stderr, "tarnwick: %s\n", qPrintable(text));
+            m_main->reportProblem(text);
+        } else if (console) {
+            connectRemembered(console->session(), *target);
+        }
     }
 
     if (!m_options.headless) {

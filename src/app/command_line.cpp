@@ -10,7 +10,8 @@ bool readPort(const QCommandLineParser &parser, const QString &name, quint16 &po
     bool ok = false;
     const uint value = parser.value(name).toUInt(&ok);
     if (!ok || value == 0 || value > 65535) {
-        error = QStringLiteral("--%1 needs a port number from 1 to 65535, not \"%2\"").arg(name, parser.value(name));
+        error = QStringLiteral("--%1 needs a port number from 1 to 65535, not \"%2\"")
+                    .arg(name, parser.value(name));
         return false;
     }
     port = quint16(value);
@@ -21,11 +22,11 @@ bool readPort(const QCommandLineParser &parser, const QString &name, quint16 &po
 CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOptions &options)
 {
     QCommandLineParser parser;
-    parser.setApplicationDescription(
-        QStringLiteral("Tarnwick: TFTP server, device consoles, SNMP and syslog monitors for routers and switches."));
+    parser.setApplicationDescription(QStringLiteral(
+        "Tarnwick: TFTP server, device consoles, SNMP and syslog monitors for routers and switches."));
     parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-    const QCommandLineOption help({ QStringLiteral("h"), QStringLiteral("help") },
-                                  QStringLiteral("Show this help and exit."));
+    const QCommandLineOption help(
+        { QStringLiteral("h"), QStringLiteral("help") }, QStringLiteral("Show this help and exit."));
     const QCommandLineOption version(QStringLiteral("version"), QStringLiteral("Show the version and exit."));
     parser.addOption(help);
     parser.addOption(version);
@@ -48,7 +49,8 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
             QStringLiteral("Access list file (default: ACLIST.ini in the program's folder)."),
             QStringLiteral("FILE") },
         { QStringLiteral("connect"),
-            QStringLiteral("Connect the first console to HOST over TCP at start-up."),
+            QStringLiteral("Connect the first console at start-up: HOST or HOST:PORT over TCP "
+                           "(Telnet port by default), or ssh://[USER@]HOST[:PORT]."),
             QStringLiteral("HOST") },
         { QStringLiteral("log-dir"),
             QStringLiteral("Folder for device log files; switches \"Log To File\" on."),
@@ -74,7 +76,8 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
     }
     if (parser.isSet(help)) {
         result.action = CommandLineResult::ExitOk;
-        result.output = parser.helpText().replace(QStringLiteral("<executable_name>"), QStringLiteral("tarnwick"));
+        result.output
+            = parser.helpText().replace(QStringLiteral("<executable_name>"), QStringLiteral("tarnwick"));
         return result;
     }
     if (parser.isSet(version)) {

@@ -16,7 +16,7 @@ struct CommandLineOptions
     QString folder;      // --folder: the shared folder for this run
     bool folderGiven = false;
     QString aclFile;     // --acl: where ACLIST.ini lives
-    QString connectHost; // --connect: first console connects here over TCP
+    QString connectHost; // --connect: HOST, HOST:PORT or ssh://[USER@]HOST[:PORT] for the first console
     QString logDir;      // --log-dir: log folder, with "Log To File" on
     bool confine = false;
     bool tftpStandard = false; // --tftp-standard: the standard TFTP profile for this run

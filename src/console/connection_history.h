@@ -2,24 +2,54 @@
 
 #include <QStringList>
 
-// The recently used TCP addresses of the connection dialog, kept in the
+#include <optional>
+
+// Where a network console connects: the kind ("TCP/IP" raw TCP, or "SSH"),
+// the host (dotted address or name), the port (0: the kind's default, the
+// Telnet port or 22) and, for SSH, the user name ("" lets ~/.ssh/config or
+// the login name decide).
+struct ConnectTarget
+{
+    QString kind = QStringLiteral("TCP/IP");
+    QString host;
+    quint16 port = 0;
+    QString user;
+
+    bool isSsh() const { return kind == QLatin1String("SSH"); }
+    // The port actually used: the given one, else the kind's default.
+    quint16 effectivePort() const;
+    bool operator==(const ConnectTarget &) const = default;
+};
+
+// Reads a --connect value: "HOST", "HOST:PORT" (raw TCP) or
+// "ssh://[USER@]HOST[:PORT]"; nullopt when it is none of these.
+std::optional<ConnectTarget> parseConnectTarget(const QString &text);
+
+// The recently used network connections of the connection dialog, kept in the
 // settings store (organisation and application "Tarnwick", group "Settings").
 //
 // Entry n (0 newest to 5 oldest) keeps its four octets as text under the keys
-// "histroy" 5n to 5n+3; the fifth number of each stride is unused. Key name
-// and stride are what earlier releases wrote, so users keep their history.
+// "histroy" 5n to 5n+3. Key name and stride are what earlier releases wrote,
+// so users keep their history. The fifth key of the stride, 5n+4, holds the
+// port when it is not the kind's default; "HistoryKind" n and "HistoryUser" n
+// hold the kind and user name of an SSH entry. An entry with none of these
+// keys (as earlier releases wrote them, and as a raw TCP connection to the
+// default port still writes them) is TCP/IP on the default port.
 //
-// remember() keeps the list most-recent-first without duplicates: an address
-// already held in entries 0 to 4 moves to the front, a new one pushes the
-// others down and the sixth entry drops off.
+// remember() keeps the list most-recent-first without duplicates: a
+// connection (octets, kind and port) already held in entries 0 to 4 moves to
+// the front, a new one pushes the others down and the sixth entry drops off.
 namespace ConnectionHistory {
 
 constexpr int entryCount = 6;
 
 // The four octets of entry n; unreadable or missing keys read as "".
 QStringList entry(int n);
+// Entry n as a connection target (host: the octets joined by ".").
+ConnectTarget target(int n);
 
 void remember(const QStringList &octets);
+void remember(const ConnectTarget &target);
 
 // The settings key of octet `octet` of entry n ("histroy" followed by 5n + octet).
 QString key(int n, int octet);
@@ -33,3 +63,5 @@ class ConsoleSession;
 // parts (a name) connects without entering the history, whose entries are
 // four octet boxes.
 void connectTcpRemembered(ConsoleSession *session, const QString &host);
+// The same for any network target: raw TCP on its port, or SSH.
+void connectRemembered(ConsoleSession *session, const ConnectTarget &target);

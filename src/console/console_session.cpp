@@ -1,5 +1,7 @@
 #include "console_session.h"
 
+#include "console/ssh_connection.h"
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QSerialPort>
@@ -80,14 +82,18 @@ ConsoleSession::ConsoleSession(QObject *parent)
     : QObject(parent)
     , m_serial(new QSerialPort(this))
     , m_tcp(new QTcpSocket(this))
+    , m_ssh(new SshConnection(this))
     , m_timer1(new QTimer(this))
     , m_timer2(new QTimer(this))
+    , m_breakTimer(new QTimer(this))
 {
     m_serial->setObjectName(QStringLiteral("MSComm1"));
     m_tcp->setObjectName(QStringLiteral("Winsock1"));
     m_timer1->setObjectName(QStringLiteral("Timer1"));
     m_timer2->setObjectName(QStringLiteral("Timer2"));
     m_timer2->setInterval(1000);
+    m_breakTimer->setSingleShot(true);
+    m_breakTimer->setInterval(breakMilliseconds);
 
     connect(m_serial, &QSerialPort::readyRead, this, &ConsoleSession::onSerialReadyRead);
     connect(m_serial, &QSerialPort::errorOccurred, this, &ConsoleSession::onSerialError);
@@ -95,6 +101,13 @@ ConsoleSession::ConsoleSession(QObject *parent)
     connect(m_tcp, &QTcpSocket::errorOccurred, this, &ConsoleSession::onTcpError);
     connect(m_timer1, &QTimer::timeout, this, &ConsoleSession::onTimer1);
     connect(m_timer2, &QTimer::timeout, this, &ConsoleSession::onTimer2);
+    connect(m_ssh, &SshConnection::received, this, &ConsoleSession::deviceData);
+    connect(m_ssh, &SshConnection::opened, this, &ConsoleSession::onSshOpened);
+    connect(m_ssh, &SshConnection::failed, this, &ConsoleSession::onSshFailed);
+    connect(m_breakTimer, &QTimer::timeout, this, [this] {
+        if (m_serial->isOpen())
+            m_serial->setBreakEnabled(false);
+    });
 }
 
 ConsoleSession::~ConsoleSession()
@@ -158,6 +171,11 @@ bool ConsoleSession::serialOpen() const
 bool ConsoleSession::tcpConnected() const
 {
     return m_tcp->state() == QAbstractSocket::ConnectedState;
+}
+
+bool ConsoleSession::sshOpen() const
+{
+    return m_ssh->isOpen();
 }
 
 void ConsoleSession::setKind(const QString &kind)
@@ -233,10 +251,18 @@ void ConsoleSession::enableTimer1()
 
 void ConsoleSession::ConnectTCP(const QString &host)
 {
+    ConnectTCP(host, s_telnetPort);
+}
+
+void ConsoleSession::ConnectTCP(const QString &host, quint16 port)
+{
     // A console that is already connected may connect again: the old
     // connection is dropped for the new one.
     m_tcp->abort();
-    m_tcp->connectToHost(host, s_telnetPort);
+    m_ssh->close();
+    m_sshSession = false;
+    m_devicePort = port;
+    m_tcp->connectToHost(host, port);
     setKind(QStringLiteral("TCP/IP"));
     if (m_deviceAddress != host) {
         m_deviceAddress = host;
@@ -248,6 +274,42 @@ void ConsoleSession::ConnectTCP(const QString &host)
     Q_EMIT idleChanged();
 }
 
+void ConsoleSession::ConnectSSH(const QString &host, quint16 port, const QString &user)
+{
+    m_tcp->abort();
+    m_timer2->stop();
+    m_sshSession = true;
+    m_devicePort = port;
+    setKind(QStringLiteral("TCP/IP"));
+    if (m_deviceAddress != host) {
+        m_deviceAddress = host;
+        Q_EMIT deviceAddressChanged(host);
+    }
+    // The connect check starts with the shell: key exchange and the user's
+    // answers take longer than its one second.
+    m_ssh->open(host, port, user);
+}
+
+void ConsoleSession::onSshOpened()
+{
+    m_timer2->start();
+    m_countDown = idleSeconds;
+    m_keepAlive = 1;
+    Q_EMIT idleChanged();
+}
+
+void ConsoleSession::onSshFailed(const QString &message, bool timedOut)
+{
+    if (timedOut) {
+        reportTimedOut();
+        return;
+    }
+    appendTerminal(QStringLiteral("SSH Err: %1\r\n").arg(message), errorColour);
+    appendTerminal(QStringLiteral(">\r\n"), black);
+    m_sshSession = false;
+    setKind(QString());
+}
+
 void ConsoleSession::send(const QByteArray &bytes)
 {
     if (bytes.isEmpty())
@@ -256,6 +318,16 @@ void ConsoleSession::send(const QByteArray &bytes)
         m_serial->write(bytes);
     if (tcpConnected())
         m_tcp->write(bytes);
+    if (m_ssh->isOpen())
+        m_ssh->write(bytes);
+}
+
+void ConsoleSession::writeNetwork(const QByteArray &bytes)
+{
+    if (tcpConnected())
+        m_tcp->write(bytes);
+    if (m_ssh->isOpen())
+        m_ssh->write(bytes);
 }
 
 void ConsoleSession::sendSerial(const QByteArray &bytes)
@@ -264,11 +336,34 @@ void ConsoleSession::sendSerial(const QByteArray &bytes)
         m_serial->write(bytes);
 }
 
+void ConsoleSession::sendBreak()
+{
+    // The pair means nothing to an SSH shell: the channel gets a break
+    // request of the same length as the serial one instead.
+    const QByteArray pair("\xff\xf3", 2);
+    if (m_serial->isOpen())
+        m_serial->write(pair);
+    if (tcpConnected())
+        m_tcp->write(pair);
+    if (m_ssh->isOpen())
+        m_ssh->sendBreak(breakMilliseconds);
+    if (!m_serial->isOpen())
+        return;
+    // The bytes leave first; then the line is held low, which is what a
+    // device's ROMMON break detection actually looks for.
+    m_serial->flush();
+    if (m_serial->setBreakEnabled(true))
+        m_breakTimer->start();
+}
+
 void ConsoleSession::disconnectSession()
 {
     // No connect check may report a time-out while the socket is closing.
     m_timer2->stop();
-    if (m_kind == QLatin1String("TCP/IP")) {
+    if (m_kind == QLatin1String("TCP/IP") && m_sshSession) {
+        m_ssh->close();
+        m_sshSession = false;
+    } else if (m_kind == QLatin1String("TCP/IP")) {
         m_tcp->close();
         // Let the socket finish closing, but never hang on a peer that will
         // not answer.
@@ -337,7 +432,11 @@ void ConsoleSession::onSerialError(QSerialPort::SerialPortError error)
 
 void ConsoleSession::onTcpReadyRead()
 {
-    const QByteArray data = m_tcp->readAll();
+    deviceData(m_tcp->readAll());
+}
+
+void ConsoleSession::deviceData(const QByteArray &data)
+{
     if (m_listingReader)
         Q_EMIT listingText(data);
     else
@@ -367,22 +466,22 @@ void ConsoleSession::onTimer1()
         m_timer2->start();
         m_serial->write("\x11");
     }
-    if (tcpConnected()) {
+    if (tcpConnected() || m_ssh->isOpen()) {
         m_timer2->start();
-        m_tcp->write("\x11");
+        writeNetwork("\x11");
     }
 }
 
 void ConsoleSession::onTimer2()
 {
-    if (tcpConnected()) {
+    if (tcpConnected() || m_ssh->isOpen()) {
         --m_countDown;
         if (m_countDown <= 0) {
             // Every second idle minute the device gets a harmless
             // backspace-space, so its own idle time-out never closes the line.
             if (m_keepAlive != 1) {
                 m_keepAlive = 1;
-                m_tcp->write("\b ");
+                writeNetwork("\b ");
             } else {
                 m_keepAlive = 2;
             }
@@ -391,9 +490,16 @@ void ConsoleSession::onTimer2()
         Q_EMIT idleChanged();
         return;
     }
+    reportTimedOut();
+}
+
+void ConsoleSession::reportTimedOut()
+{
     appendTerminal(QStringLiteral("Connection timed out\r"), red);
     appendTerminal(QStringLiteral(">\r"), black);
     setKind(QString());
     m_tcp->abort();
+    m_ssh->close();
+    m_sshSession = false;
     m_timer2->stop();
 }

@@ -10,6 +10,7 @@
 
 class QTcpSocket;
 class QTimer;
+class SshConnection;
 
 // The connection and session record of one console.
 //
@@ -24,8 +25,16 @@ class QTimer;
 // which routes device log datagrams to this console).
 //
 // Sending follows one rule everywhere (typed keys, paste, the recovery and
-// backup automations): write to the serial port if it is open, and then send
-// on the TCP socket if it is connected; both tests are made every time.
+// backup automations): write to the serial port if it is open, send on the
+// TCP socket if it is connected, and write to the SSH channel if it is open;
+// each test is made every time.
+//
+// An SSH console (ConnectSSH) is a TCP/IP console in everything but its
+// transport: its connection kind is "TCP/IP", its device address is the
+// host, and once the shell is open the idle counter, keep-alive, "Connection
+// timed out" on a lost peer and "Disconnect" behave as for raw TCP. Until
+// then the SSH handshake keeps its own time limit, and a refusal is shown as
+// an "SSH Err: " line in the socket error's colour followed by ">".
 //
 // Nothing here touches a widget. What the terminal shows arrives as signals:
 //  - terminalAppend(text, colour): append text at the end of ConsoleBox in a
@@ -63,9 +72,19 @@ public:
     // Connects to host on the Telnet port; the first Timer2 tick reports
     // "Connection timed out" when the connection is not up by then.
     void ConnectTCP(const QString &host);
+    // The same on another port (a console server's port for one device).
+    void ConnectTCP(const QString &host, quint16 port);
+    // An SSH shell on host; port 0 and an empty user leave them to
+    // ~/.ssh/config (then 22 and the login name).
+    void ConnectSSH(const QString &host, quint16 port, const QString &user);
 
     void send(const QByteArray &bytes);
     void sendSerial(const QByteArray &bytes);
+    // Ctrl+Break and "Send Break": the bytes 255 243 by the sending rule,
+    // then, on an open serial port, the line held in break for
+    // breakMilliseconds.
+    void sendBreak();
+    static constexpr int breakMilliseconds = 300;
     void disconnectSession();
 
     // Empties the terminal ("Clear Console").
@@ -77,8 +96,13 @@ public:
 
     QString connectionKind() const { return m_kind; }
     QString deviceAddress() const { return m_deviceAddress; }
+    // The TCP port of the last ConnectTCP.
+    quint16 devicePort() const { return m_devicePort; }
     bool serialOpen() const;
     bool tcpConnected() const;
+    bool sshOpen() const;
+    // Whether this console's network session is SSH (from ConnectSSH until it ends).
+    bool sshSession() const { return m_sshSession; }
     qint16 countDown() const { return m_countDown; }
     qint16 keepAlive() const { return m_keepAlive; }
     // The settings text of the last ConnectModem, e.g. "9600,N,8,1".
@@ -100,6 +124,7 @@ public:
 
     QSerialPort *serialPort() const { return m_serial; }
     QTcpSocket *tcpSocket() const { return m_tcp; }
+    SshConnection *ssh() const { return m_ssh; }
 
 Q_SIGNALS:
     void terminalAppend(const QString &text, quint32 colour);
@@ -119,6 +144,11 @@ private:
     void onSerialReadyRead();
     void onSerialError(QSerialPort::SerialPortError error);
     void onTcpReadyRead();
+    void deviceData(const QByteArray &data);
+    void writeNetwork(const QByteArray &bytes);
+    void onSshOpened();
+    void onSshFailed(const QString &message, bool timedOut);
+    void reportTimedOut();
     void onTcpError(QAbstractSocket::SocketError error);
     void onTimer1();
     void onTimer2();
@@ -126,14 +156,18 @@ private:
 
     QSerialPort *m_serial;
     QTcpSocket *m_tcp;
+    SshConnection *m_ssh;
+    bool m_sshSession = false;
     QTimer *m_timer1;
     QTimer *m_timer2;
+    QTimer *m_breakTimer;
     TerminalProcessor m_processor;
 
     qint16 m_countDown = 60;
     QString m_kind;
     qint16 m_keepAlive = 1;
     QString m_deviceAddress;
+    quint16 m_devicePort = 0;
     QString m_serialSettings;
     bool m_listingReader = false;
     int m_timer1Interval = 0;

@@ -3,6 +3,8 @@
 #include "console/console_session.h"
 #include "console/idle_bar.h"
 #include "console/modem_options.h"
+#include "console/ssh_connection.h"
+#include "console/ssh_prompts.h"
 #include "console/terminal_view.h"
 #include "util/message_box.h"
 #include "util/twips.h"
@@ -68,6 +70,8 @@ ConsoleWindow::ConsoleWindow(QWidget *parent)
     m_removeConsole = addMenuAction("MnuRemoveConsole", QStringLiteral("Remove Console"));
     m_backUpFlash = addMenuAction("MnuBackUpFlash", QStringLiteral("BackUpFlash"));
     m_rommon = addMenuAction("MnuRommon", QStringLiteral("Rommon TFTP"));
+    // Ctrl+Break for keyboards without a Pause/Break key.
+    m_sendBreak = addMenuAction("MnuSendBreak", QStringLiteral("Send Break"));
 
     m_tabStrip = new QTabBar(this);
     m_tabStrip->setObjectName(QStringLiteral("TabStrip1"));
@@ -82,6 +86,7 @@ ConsoleWindow::ConsoleWindow(QWidget *parent)
     connect(m_disconnect, &QAction::triggered, m_session, &ConsoleSession::disconnectSession);
     connect(m_newConsole, &QAction::triggered, this, &ConsoleWindow::newConsoleRequested);
     connect(m_removeConsole, &QAction::triggered, this, &ConsoleWindow::removeConsole);
+    connect(m_sendBreak, &QAction::triggered, m_session, &ConsoleSession::sendBreak);
     connect(m_tabStrip, &QTabBar::currentChanged, this, &ConsoleWindow::selectTab);
 
     selectTab(0);
@@ -165,7 +170,9 @@ void ConsoleWindow::connectSession()
     });
     connect(m_session, &ConsoleSession::messageBoxRequested, this,
         [](const QString &text) { tw::messageBox(text, QMessageBox::Warning); });
+    attachSshPrompts(this, m_session->ssh());
     connect(m_consoleBox, &TerminalView::keyBytes, m_session, &ConsoleSession::send);
+    connect(m_consoleBox, &TerminalView::breakRequested, m_session, &ConsoleSession::sendBreak);
     connect(m_consoleBox, &TerminalView::pasteRequested, m_session,
         [this](const QString &text) { m_session->send(text.toLatin1()); });
 }
@@ -229,6 +236,12 @@ void ConsoleWindow::layoutPage(int index, const QRect &area)
         // The terminal leaves room beneath it for the idle bar and "Clear Console".
         const int boxHeight = qMax(0, area.height() - twips(900));
         m_consoleBox->setGeometry(viewLeft, viewTop, viewWidth, boxHeight);
+        // An SSH shell's pty follows the terminal's size in characters.
+        const QFontMetrics metrics(m_consoleBox->font());
+        const QRect text = m_consoleBox->viewport()->rect();
+        m_session->ssh()->setTerminalSize(
+            qMax(20, text.width() / qMax(1, metrics.horizontalAdvance(QLatin1Char('M')))),
+            qMax(5, text.height() / qMax(1, metrics.lineSpacing())));
         const int below = viewTop + boxHeight + twips(60);
         const int buttonWidth = qMax(twips(1500), m_clearConsole->sizeHint().width());
         const int buttonHeight = twips(450);

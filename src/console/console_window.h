@@ -66,6 +66,7 @@ public:
     QAction *removeConsoleAction() const { return m_removeConsole; }
     QAction *backUpFlashAction() const { return m_backUpFlash; }
     QAction *rommonAction() const { return m_rommon; }
+    QAction *sendBreakAction() const { return m_sendBreak; }
 
     // Tab index 0 to 3: shows that page only; the terminal page takes the focus.
     void selectTab(int index);
@@ -116,4 +117,5 @@ private:
     QAction *m_removeConsole;
     QAction *m_backUpFlash;
     QAction *m_rommon;
+    QAction *m_sendBreak;
 };

@@ -7,15 +7,18 @@
 #include <QFormLayout>
 #include <QGroupBox>
 #include <QHBoxLayout>
+#include <QIntValidator>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSerialPortInfo>
+#include <QSettings>
 #include <QVBoxLayout>
 
 namespace {
 constexpr int numberedPorts = 16;
+const QString lastUserKey = QStringLiteral("Settings/SshUser");
 
 QComboBox *makeCombo(const char *name, const QStringList &items, const QString &current, QWidget *parent)
 {
@@ -43,7 +46,7 @@ ModemOptions::ModemOptions(QWidget *parent)
 
     m_connectWith = new QComboBox(this);
     m_connectWith->setObjectName(QStringLiteral("Combo6"));
-    m_connectWith->addItems({ QStringLiteral("Serial"), QStringLiteral("TCP/IP") });
+    m_connectWith->addItems({ QStringLiteral("Serial"), QStringLiteral("TCP/IP"), QStringLiteral("SSH") });
     for (int n = 0; n < ConnectionHistory::entryCount; ++n)
         m_connectWith->addItem(QStringLiteral("History%1").arg(n));
     auto *connectRow = new QHBoxLayout;
@@ -79,7 +82,9 @@ ModemOptions::ModemOptions(QWidget *parent)
 
     m_netFrame = new QGroupBox(QStringLiteral("TCP/IP"), this);
     m_netFrame->setObjectName(QStringLiteral("NetFrame"));
-    auto *octetRow = new QHBoxLayout(m_netFrame);
+    auto *netLayout = new QVBoxLayout(m_netFrame);
+    auto *octetRow = new QHBoxLayout;
+    netLayout->addLayout(octetRow);
     for (int i = 0; i < 4; ++i) {
         if (i > 0) {
             auto *dot = new QLabel(QStringLiteral("."), m_netFrame);
@@ -97,6 +102,21 @@ ModemOptions::ModemOptions(QWidget *parent)
         });
         octetRow->addWidget(m_octets[i]);
     }
+    m_hostName = new QLineEdit(m_netFrame);
+    m_hostName->setObjectName(QStringLiteral("HostName"));
+    m_hostName->setPlaceholderText(QStringLiteral("instead of the address"));
+    m_portBox = new QLineEdit(m_netFrame);
+    m_portBox->setObjectName(QStringLiteral("PortBox"));
+    m_portBox->setValidator(new QIntValidator(1, 65535, m_portBox));
+    m_userBox = new QLineEdit(m_netFrame);
+    m_userBox->setObjectName(QStringLiteral("UserBox"));
+    m_userBox->setText(
+        QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick")).value(lastUserKey).toString());
+    auto *netForm = new QFormLayout;
+    netForm->addRow(makeLabel("LabelHost", QStringLiteral("Host Name"), m_netFrame), m_hostName);
+    netForm->addRow(makeLabel("LabelPort", QStringLiteral("Port"), m_netFrame), m_portBox);
+    netForm->addRow(makeLabel("LabelUser", QStringLiteral("User"), m_netFrame), m_userBox);
+    netLayout->addLayout(netForm);
 
     m_ok = new QPushButton(QStringLiteral("OK"), this);
     m_ok->setObjectName(QStringLiteral("Command1"));
@@ -115,6 +135,7 @@ ModemOptions::ModemOptions(QWidget *parent)
     layout->addLayout(buttons);
 
     setSerialChosen(true);
+    setNetworkKind(false, 0);
     connect(m_connectWith, &QComboBox::textActivated, this, &ModemOptions::onConnectWith);
     connect(m_ok, &QPushButton::clicked, this, &ModemOptions::onOk);
     connect(m_cancel, &QPushButton::clicked, this, &QDialog::reject);
@@ -156,11 +177,20 @@ void ModemOptions::setSerialChosen(bool serial)
     m_netFrame->setEnabled(!serial);
 }
 
+void ModemOptions::setNetworkKind(bool ssh, quint16 port)
+{
+    m_ssh = ssh;
+    m_portBox->setText(QString::number(ConnectTarget { ssh ? QStringLiteral("SSH") : QStringLiteral("TCP/IP"),
+        {}, port, {} }.effectivePort()));
+    m_userBox->setEnabled(ssh);
+}
+
 void ModemOptions::onConnectWith(const QString &choice)
 {
-    if (choice == QLatin1String("TCP/IP"))
+    if (choice == QLatin1String("TCP/IP") || choice == QLatin1String("SSH")) {
         setSerialChosen(false);
-    else if (choice == QLatin1String("Serial"))
+        setNetworkKind(choice == QLatin1String("SSH"), 0);
+    } else if (choice == QLatin1String("Serial"))
         setSerialChosen(true);
     else if (choice.left(7) == QLatin1String("History") && choice.size() > 7)
         showHistory(choice.at(7).digitValue());
@@ -173,6 +203,11 @@ void ModemOptions::showHistory(int n)
     const QStringList octets = ConnectionHistory::entry(n);
     for (int i = 0; i < 4; ++i)
         m_octets[i]->setText(octets.value(i));
+    m_hostName->clear();
+    const ConnectTarget held = ConnectionHistory::target(n);
+    setNetworkKind(held.isSsh(), held.port);
+    if (held.isSsh())
+        m_userBox->setText(held.user);
     setSerialChosen(false);
 }
 
@@ -186,7 +221,21 @@ void ModemOptions::onOk()
             QStringList parts;
             for (QLineEdit *box : m_octets)
                 parts << box->text();
-            connectTcpRemembered(m_whoasked, parts.join(QLatin1Char('.')));
+            ConnectTarget target;
+            target.kind = m_ssh ? QStringLiteral("SSH") : QStringLiteral("TCP/IP");
+            const QString name = m_hostName->text().trimmed();
+            target.host = name.isEmpty() ? parts.join(QLatin1Char('.')) : name;
+            // The kind's default port is left to the kind (and, for SSH, to
+            // ~/.ssh/config), so a plain TCP/IP connection stays the one
+            // the dialog always made.
+            const quint16 port = quint16(m_portBox->text().toUInt());
+            target.port = port == target.effectivePort() ? 0 : port;
+            if (m_ssh) {
+                target.user = m_userBox->text().trimmed();
+                QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"))
+                    .setValue(lastUserKey, target.user);
+            }
+            connectRemembered(m_whoasked, target);
         }
     }
     accept();

@@ -113,6 +113,13 @@ void TerminalView::keyPressEvent(QKeyEvent *event)
     default:
         break;
     }
+    const bool ctrlBreak = (event->key() == Qt::Key_Pause || event->key() == Qt::Key_Cancel)
+        && (event->modifiers() & Qt::ControlModifier);
+    if (ctrlBreak) {
+        Q_EMIT breakRequested();
+        event->accept();
+        return;
+    }
     const QByteArray bytes = TerminalProcessor::keyBytes(event->key(), event->modifiers(), event->text());
     if (!bytes.isEmpty())
         Q_EMIT keyBytes(bytes);

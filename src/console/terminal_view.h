@@ -9,7 +9,8 @@
 // lone CR is one line break), deleteLastChar() removes the last character.
 // The view never edits itself: every key is mapped to the bytes the device
 // should get and announced with keyBytes() (what the user then sees is the
-// device's echo). A right click offers "Copy" and "Paste": copy puts the
+// device's echo), except Ctrl+Break, announced with breakRequested() so that
+// the session can also hold a serial line in break. A right click offers "Copy" and "Paste": copy puts the
 // selection on the clipboard, paste announces pasteRequested(text).
 class TerminalView : public QPlainTextEdit
 {
@@ -22,6 +23,7 @@ public:
 
 Q_SIGNALS:
     void keyBytes(const QByteArray &bytes);
+    void breakRequested();
     void pasteRequested(const QString &text);
 
 protected:

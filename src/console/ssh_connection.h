@@ -1,0 +1,107 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+
+class QSocketNotifier;
+class QTimer;
+
+// One SSH shell session of a console, driven by libssh in non-blocking mode
+// on the user-interface thread: a QSocketNotifier on the session's socket
+// moves it on, so connecting, key exchange, authentication and a dead peer
+// never hold up the window.
+//
+// open() reads ~/.ssh/config for the host ("~" is $HOME, QDir::homePath(),
+// not the password database), connects, checks the host key against
+// ~/.ssh/known_hosts, authenticates (the SSH agent, then the usual key files
+// in ~/.ssh, then keyboard-interactive, then password) and opens a channel
+// with a "vt100" pty of the terminal's size and a shell.
+//
+// Questions go out as signals and their answers come back through the
+// answer*() calls; the handshake waits meanwhile (its time limit stops). When
+// no user can be asked (setInteractive(false), as in --headless runs, or
+// nobody listens to the signal) an unknown host key is refused and no
+// passphrase or password is asked for. Secrets are used once and never kept.
+//  - hostKeyQuestion(host, fingerprint): an unknown host key, "SHA256:...";
+//  - secretsRequested(title, instruction, prompts, echo): a passphrase, a
+//    password or the server's keyboard-interactive prompts;
+//  - opened(): the shell is up; received() then carries its output;
+//  - failed(message, timedOut): the handshake ended without a shell
+//    (refused, a changed host key, an error, or no progress within the time
+//    limit); the connection is closed;
+//  - closed(): an open shell ended (the peer left or the line died).
+class SshConnection : public QObject
+{
+    Q_OBJECT
+public:
+    enum class HostKeyAnswer { AcceptAndSave, AcceptOnce, Cancel };
+
+    explicit SshConnection(QObject *parent = nullptr);
+    ~SshConnection() override;
+
+    // port 0 and an empty user leave them to ~/.ssh/config (then 22 and the
+    // login name).
+    void open(const QString &host, quint16 port, const QString &user);
+    void close();
+
+    bool isOpen() const;
+    bool isActive() const; // between open() and the end of the session
+    void write(const QByteArray &bytes);
+    // An RFC 4335 break request, held for the given time.
+    void sendBreak(int milliseconds);
+    // The terminal's size in characters; sent now if the shell is open.
+    void setTerminalSize(int columns, int rows);
+
+    void answerHostKey(HostKeyAnswer answer);
+    void answerSecrets(const QStringList &answers);
+    void cancelSecrets();
+
+    static void setInteractive(bool interactive);
+    // The handshake's time limit without an answer pending (20 s).
+    void setHandshakeTimeout(int milliseconds);
+
+Q_SIGNALS:
+    void hostKeyQuestion(const QString &host, const QString &fingerprint);
+    void secretsRequested(const QString &title, const QString &instruction, const QStringList &prompts,
+        const QList<bool> &echo);
+    void opened();
+    void received(const QByteArray &bytes);
+    void failed(const QString &message, bool timedOut);
+    void closed();
+
+private:
+    struct State;
+    enum class Stage;
+
+    void step();
+    bool stepStage();
+    bool checkHostKey();
+    bool authenticate();
+    bool tryKeyFiles();
+    bool keyboardInteractive();
+    bool password();
+    bool openShell();
+    void readChannel();
+    void flushPending();
+    void fail(const QString &message, bool timedOut = false);
+    void endSession();
+    void watchSocket();
+    void askSecrets(const QString &title, const QString &instruction, const QStringList &prompts,
+        const QList<bool> &echo);
+    bool canAsk(const char *signal) const;
+    QString libsshError() const;
+    QString changedKeyLine() const;
+
+    std::unique_ptr<State> d;
+    QSocketNotifier *m_readNotifier = nullptr;
+    QSocketNotifier *m_writeNotifier = nullptr;
+    QTimer *m_handshakeTimer;
+    int m_columns = 80;
+    int m_rows = 24;
+
+    static bool s_interactive;
+};

@@ -1,0 +1,239 @@
+#include "console/connection_history.h"
+#include "console/console_session.h"
+#include "console/console_window.h"
+#include "console/modem_options.h"
+#include "console/terminal_view.h"
+#include "pty_device.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QComboBox>
+#include <QElapsedTimer>
+#include <QGroupBox>
+#include <QLineEdit>
+#include <QProcess>
+#include <QPushButton>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUdpSocket>
+
+// A port per network connection (dialog, history, --connect) and the serial
+// BREAK, against a local TCP device, the real program and a pseudo-terminal.
+class TestConsolePorts : public QObject
+{
+    Q_OBJECT
+    QTcpServer m_device;
+
+    static void choose(QComboBox *combo, const QString &text)
+    {
+        combo->setCurrentIndex(combo->findText(text));
+        Q_EMIT combo->textActivated(text);
+    }
+
+    static QSettings store() { return QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick")); }
+
+private Q_SLOTS:
+    void init()
+    {
+        QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick")).clear();
+        ConsoleSession::setTelnetPort(9); // nothing listens there: a wrong port never connects
+        if (!m_device.isListening())
+            QVERIFY(m_device.listen(QHostAddress::LocalHost, 0));
+    }
+
+    void connectTargets_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("parsed"); // kind host port user, or "-" when refused
+        QTest::newRow("host") << "10.1.1.1"
+                              << "TCP/IP 10.1.1.1 0 ";
+        QTest::newRow("host and port") << "10.1.1.1:2003"
+                                       << "TCP/IP 10.1.1.1 2003 ";
+        QTest::newRow("name and port") << "cs1.lab:2001"
+                                       << "TCP/IP cs1.lab 2001 ";
+        QTest::newRow("ssh host") << "ssh://router"
+                                  << "SSH router 0 ";
+        QTest::newRow("ssh all") << "ssh://admin@10.0.0.2:2222"
+                                 << "SSH 10.0.0.2 2222 admin";
+        QTest::newRow("port zero") << "10.1.1.1:0"
+                                   << "-";
+        QTest::newRow("port too big") << "10.1.1.1:65536"
+                                      << "-";
+        QTest::newRow("port not a number") << "10.1.1.1:telnet"
+                                           << "-";
+        QTest::newRow("empty port") << "10.1.1.1:"
+                                    << "-";
+        QTest::newRow("two colons") << "10.1.1.1:23:24"
+                                    << "-";
+        QTest::newRow("no host") << ":23"
+                                 << "-";
+        QTest::newRow("ssh no host") << "ssh://admin@"
+                                     << "-";
+        QTest::newRow("ssh password") << "ssh://admin:secret@r1"
+                                      << "-";
+        QTest::newRow("ssh path") << "ssh://r1/etc"
+                                  << "-";
+        QTest::newRow("other scheme") << "telnet://r1"
+                                      << "-";
+        QTest::newRow("empty") << ""
+                               << "-";
+    }
+
+    void connectTargets()
+    {
+        QFETCH(QString, text);
+        const std::optional<ConnectTarget> target = parseConnectTarget(text);
+        const QString parsed = target ? QStringLiteral("%1 %2 %3 %4")
+                                            .arg(target->kind, target->host)
+                                            .arg(target->port)
+                                            .arg(target->user)
+                                      : QStringLiteral("-");
+        QTEST(parsed, "parsed");
+    }
+
+    void historyKeepsPortKindAndUser()
+    {
+        // An entry as earlier releases wrote it: four octets, nothing more.
+        QSettings settings = store();
+        for (int i = 0; i < 4; ++i)
+            settings.setValue(QStringLiteral("Settings/histroy%1").arg(i), QStringLiteral("10"));
+        settings.sync();
+        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "TCP/IP", "10.10.10.10", 0, "" }));
+        QCOMPARE(ConnectionHistory::target(0).effectivePort(), quint16(9));
+
+        const ConnectTarget ssh { "SSH", "10.0.0.2", 2222, "admin" };
+        const ConnectTarget cs1 { "TCP/IP", "10.0.0.9", 2001, "" };
+        const ConnectTarget cs2 { "TCP/IP", "10.0.0.9", 2002, "" };
+        const ConnectTarget plain { "TCP/IP", "10.0.0.9", 0, "" };
+        for (const ConnectTarget &t : { ssh, cs1, cs2, plain, cs1 })
+            ConnectionHistory::remember(t);
+        // One console server, one entry per port; the reused port moved to the front.
+        const QList<ConnectTarget> expected { cs1, plain, cs2, ssh, { "TCP/IP", "10.10.10.10", 0, "" } };
+        for (int n = 0; n < expected.size(); ++n)
+            QCOMPARE(ConnectionHistory::target(n), expected[n]);
+        settings.sync();
+        QCOMPARE(settings.value("Settings/histroy4").toString(), QStringLiteral("2001"));
+        QVERIFY(!settings.contains("Settings/histroy9")); // the default port: as earlier releases wrote it
+        QCOMPARE(settings.value("Settings/histroy19").toString(), QStringLiteral("2222"));
+        QCOMPARE(settings.value("Settings/HistoryKind3").toString(), QStringLiteral("SSH"));
+        QCOMPARE(settings.value("Settings/HistoryUser3").toString(), QStringLiteral("admin"));
+        QVERIFY(!settings.contains("Settings/HistoryKind4"));
+
+        // SSH on port 22 is its own entry beside raw TCP to the same address.
+        ConnectionHistory::remember(ConnectTarget { "SSH", "10.0.0.9", 0, "" });
+        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "SSH", "10.0.0.9", 0, "" }));
+        QCOMPARE(ConnectionHistory::target(1), cs1);
+        QCOMPARE(ConnectionHistory::target(0).effectivePort(), quint16(22));
+    }
+
+    void dialogConnectsTcpOnItsPort()
+    {
+        ConsoleSession session;
+        ModemOptions dialog;
+        dialog.setWhoasked(&session);
+        dialog.show();
+        choose(dialog.connectWith(), QStringLiteral("SSH"));
+        QCOMPARE(dialog.portBox()->text(), QStringLiteral("22"));
+        QVERIFY(dialog.userBox()->isEnabled());
+        choose(dialog.connectWith(), QStringLiteral("TCP/IP"));
+        QCOMPARE(dialog.portBox()->text(), QStringLiteral("9")); // the Telnet port of this run
+        QVERIFY(!dialog.userBox()->isEnabled() && dialog.netFrame()->isEnabled());
+        const QStringList octets { "127", "0", "0", "1" };
+        for (int i = 0; i < 4; ++i)
+            QTest::keyClicks(dialog.octetBox(i), octets[i]);
+        dialog.portBox()->clear();
+        QTest::keyClicks(dialog.portBox(), QString::number(m_device.serverPort()));
+        QTest::mouseClick(dialog.okButton(), Qt::LeftButton);
+        QVERIFY(m_device.waitForNewConnection(5000));
+        delete m_device.nextPendingConnection();
+        QCOMPARE(session.devicePort(), m_device.serverPort());
+        QCOMPARE(ConnectionHistory::target(0),
+            (ConnectTarget { "TCP/IP", "127.0.0.1", m_device.serverPort(), "" }));
+
+        // The history entry brings its port back.
+        ModemOptions again;
+        again.show();
+        choose(again.connectWith(), QStringLiteral("History0"));
+        QCOMPARE(again.portBox()->text(), QString::number(m_device.serverPort()));
+        QCOMPARE(again.octetBox(3)->text(), QStringLiteral("1"));
+    }
+
+    void connectOptionTakesHostAndPort()
+    {
+        QTemporaryDir home;
+        QUdpSocket probe;
+        QVERIFY(probe.bind(QHostAddress::LocalHost, 0));
+        const QString freeUdp = QString::number(probe.localPort());
+        probe.close();
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.path());
+        env.insert(QStringLiteral("HOME"), home.path());
+        env.remove(QStringLiteral("DISPLAY"));
+        QProcess program;
+        program.setProcessEnvironment(env);
+        program.setWorkingDirectory(home.path());
+        program.start(QStringLiteral(TW_PROGRAM),
+            { "--headless", "--acl", home.filePath("ACLIST.ini"), "--tftp-port", freeUdp, "--log-port",
+                freeUdp, "--connect", QStringLiteral("127.0.0.1:%1").arg(m_device.serverPort()) });
+        QVERIFY2(program.waitForStarted(), qPrintable(program.errorString()));
+        const bool connected = m_device.waitForNewConnection(10000);
+        program.terminate();
+        QVERIFY(program.waitForFinished(10000));
+        QVERIFY2(connected, program.readAllStandardError().constData());
+        delete m_device.nextPendingConnection();
+    }
+
+    void breakOnEveryKind()
+    {
+        ConsoleWindow window;
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        ConsoleSession &session = *window.session();
+        PtyDevice line;
+        session.ConnectModem(line.path, "9600", "None", "8", "1", "Xon/Xoff");
+        QVERIFY(session.serialOpen());
+        QTRY_COMPARE(line.received(), QByteArray("\r"));
+
+        // Ctrl+Break, then "Send Break": the two bytes each time, then the
+        // line held in break for about 300 ms.
+        QSignalSpy breakState(session.serialPort(), &QSerialPort::breakEnabledChanged);
+        QElapsedTimer held;
+        connect(session.serialPort(), &QSerialPort::breakEnabledChanged, this, [&](bool on) {
+            if (on)
+                held.start();
+            else
+                QVERIFY2(held.elapsed() >= ConsoleSession::breakMilliseconds - 20,
+                    qPrintable(QString::number(held.elapsed())));
+        });
+        QTest::keyClick(window.consoleBox(), Qt::Key_Pause, Qt::ControlModifier);
+        QTRY_COMPARE(line.received(), QByteArray("\r\xff\xf3"));
+        QCOMPARE(breakState.count(), 1);
+        QVERIFY(session.serialPort()->isBreakEnabled());
+        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 2, 5000);
+        QVERIFY(!session.serialPort()->isBreakEnabled());
+        window.sendBreakAction()->trigger();
+        QTRY_COMPARE(line.received(), QByteArray("\r\xff\xf3\xff\xf3"));
+        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 4, 5000);
+        QCOMPARE(breakState.at(2).first().toBool(), true);
+        session.disconnectSession();
+
+        // On TCP the menu entry sends the bytes only.
+        ConsoleSession::setTelnetPort(m_device.serverPort());
+        session.ConnectTCP(QStringLiteral("127.0.0.1"));
+        QVERIFY(m_device.waitForNewConnection(5000));
+        QTcpSocket *device = m_device.nextPendingConnection();
+        QTRY_VERIFY(session.tcpConnected());
+        window.sendBreakAction()->trigger();
+        QByteArray got;
+        QTRY_COMPARE(got += device->readAll(), QByteArray("\xff\xf3"));
+        QCOMPARE(breakState.count(), 4);
+        delete device;
+    }
+};
+
+QTEST_MAIN(TestConsolePorts)
+#include "tst_console_ports.moc"

@@ -1,0 +1,312 @@
+#include "console/connection_history.h"
+#include "console/console_session.h"
+#include "console/console_window.h"
+#include "console/ssh_connection.h"
+#include "console/terminal_view.h"
+#include "logrecv/log_options.h"
+#include "logrecv/log_receiver.h"
+#include "logrecv/log_routes.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QFile>
+#include <QMessageBox>
+#include <QPlainTextEdit>
+#include <QProcess>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUdpSocket>
+
+#include <csignal>
+#include <unistd.h>
+
+// SSH consoles against OpenSSH's own sshd, started here as the current user
+// on a loopback port with its own configuration, in front of a small fake
+// device shell. HOME is a temporary folder holding .ssh/config, known_hosts
+// and the test's key, so nobody's own ~/.ssh is read or written.
+class TestConsoleSsh : public QObject
+{
+    Q_OBJECT
+    QTemporaryDir m_dir;
+    QString m_home, m_user;
+    QProcess m_sshd;
+    quint16 m_port = 0;
+    QPointer<ConsoleWindow> m_window;
+
+    QString path(const QString &name) const { return m_dir.filePath(name); }
+    QString sshFile(const QString &name) const { return m_home + QStringLiteral("/.ssh/") + name; }
+    QString consoleText() const { return m_window->consoleBox()->toPlainText(); }
+    ConsoleSession &session() const { return *m_window->session(); }
+
+    static bool run(const QString &program, const QStringList &arguments)
+    {
+        QProcess process;
+        process.start(program, arguments);
+        return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit
+            && process.exitCode() == 0;
+    }
+
+    static void writeFile(const QString &name, const QByteArray &text)
+    {
+        QFile file(name);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(text);
+    }
+
+    static QByteArray readFile(const QString &name)
+    {
+        QFile file(name);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    // Starts sshd on a free loopback port with the given host key.
+    void startServer(const QString &hostKey)
+    {
+        stopServer();
+        QTcpServer probe;
+        QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
+        m_port = probe.serverPort();
+        probe.close();
+        const QString config = QStringLiteral("Port %1\nListenAddress 127.0.0.1\nHostKey %2\nPidFile none\n"
+                                              "AuthorizedKeysFile %3\nUsePAM no\nStrictModes no\n"
+                                              "PermitRootLogin prohibit-password\nPasswordAuthentication no\n"
+                                              "KbdInteractiveAuthentication no\nLogLevel DEBUG3\n"
+                                              "ForceCommand %4\n")
+                                   .arg(m_port)
+                                   .arg(path(hostKey), path(QStringLiteral("authorized_keys")),
+                                       path(QStringLiteral("device.sh")));
+        writeFile(path(QStringLiteral("sshd_config")), config.toUtf8());
+        // Per-host settings come from $HOME/.ssh/config: "fake-r1" is this server.
+        writeFile(sshFile(QStringLiteral("config")),
+            QStringLiteral("Host fake-r1\n    HostName 127.0.0.1\n    Port %1\n    User %2\n")
+                .arg(m_port)
+                .arg(m_user)
+                .toUtf8());
+        m_sshd.setProcessChannelMode(QProcess::MergedChannels);
+        m_sshd.start(QStringLiteral("/usr/sbin/sshd"),
+            { QStringLiteral("-D"), QStringLiteral("-e"), QStringLiteral("-f"),
+                path(QStringLiteral("sshd_config")) });
+        QVERIFY2(m_sshd.waitForStarted(), qPrintable(m_sshd.errorString()));
+        QTRY_VERIFY2_WITH_TIMEOUT(
+            [this] {
+                QTcpSocket probeClient;
+                probeClient.connectToHost(QHostAddress::LocalHost, m_port);
+                return probeClient.waitForConnected(500);
+            }(),
+            m_sshd.readAll().constData(), 15000);
+    }
+
+    // The per-connection sshd processes (and their shells) of our own sshd.
+    static QList<qint64> descendants(qint64 pid)
+    {
+        QList<qint64> found;
+        const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
+        for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            const QByteArray children = readFile(tasks.filePath(task + QStringLiteral("/children")));
+            for (const QByteArray &child : children.split(' ')) {
+                if (child.trimmed().toLongLong() > 0)
+                    found << child.trimmed().toLongLong() << descendants(child.trimmed().toLongLong());
+            }
+        }
+        return found;
+    }
+
+    // The device dies mid-session: every sshd process of ours goes at once.
+    void killServer()
+    {
+        const QList<qint64> sessions = descendants(m_sshd.processId());
+        QVERIFY(!sessions.isEmpty());
+        for (qint64 pid : sessions)
+            ::kill(pid_t(pid), SIGKILL);
+        stopServer();
+    }
+
+    void stopServer()
+    {
+        if (m_sshd.state() != QProcess::NotRunning) {
+            m_sshd.kill();
+            m_sshd.waitForFinished(10000);
+        }
+    }
+
+    void clickHostKeyAnswer(const QString &answer)
+    {
+        QMessageBox *box = nullptr;
+        QTRY_VERIFY_WITH_TIMEOUT((box = m_window->findChild<QMessageBox *>("SshHostKeyQuestion")), 15000);
+        QVERIFY(box->text().contains(QLatin1String("SHA256:")));
+        for (QAbstractButton *button : box->buttons()) {
+            if (button->text() == answer)
+                return QTest::mouseClick(button, Qt::LeftButton);
+        }
+        QFAIL(qPrintable(QStringLiteral("no button ") + answer));
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY2(QFile::exists(QStringLiteral("/usr/sbin/sshd")), "sshd is missing: install openssh-server");
+        QVERIFY2(QFile::exists(QStringLiteral("/usr/bin/ssh-keygen")),
+            "ssh-keygen is missing: install openssh-client");
+        QVERIFY(m_dir.isValid());
+        m_home = path(QStringLiteral("home"));
+        QVERIFY(QDir().mkpath(m_home + QStringLiteral("/.ssh")));
+        qputenv("HOME", QFile::encodeName(m_home));
+        qunsetenv("SSH_AUTH_SOCK"); // the user's agent has no say in this test
+        QCOMPARE(QDir::homePath(), m_home);
+        m_user = QString::fromLocal8Bit(qgetenv("USER"));
+        if (m_user.isEmpty())
+            m_user = getuid() == 0 ? QStringLiteral("root") : QString();
+        QVERIFY2(!m_user.isEmpty(), "USER is not set");
+        // As root sshd insists on its privilege separation folder.
+        if (getuid() == 0)
+            QDir().mkpath(QStringLiteral("/run/sshd"));
+        for (const char *key : { "host_key", "other_host_key" })
+            QVERIFY(run(QStringLiteral("ssh-keygen"),
+                { "-q", "-t", "ed25519", "-N", "", "-f", path(QLatin1String(key)) }));
+        QVERIFY(run(QStringLiteral("ssh-keygen"),
+            { "-q", "-t", "ed25519", "-N", "", "-f", sshFile(QStringLiteral("id_ed25519")) }));
+        QFile::copy(sshFile(QStringLiteral("id_ed25519.pub")), path(QStringLiteral("authorized_keys")));
+        // The fake device: a banner, the prompt, and a few commands; the pty echoes.
+        writeFile(path(QStringLiteral("device.sh")),
+            "#!/bin/sh\n"
+            "printf '\\r\\nFake R1 on an SSH line, authorised access only.\\r\\n\\r\\nR1#'\n"
+            "prompt='R1#'\n"
+            "while IFS= read -r line; do\n"
+            "  case \"$line\" in\n"
+            "    'show version'*) printf 'Fake IOS Software, Version 15.1.4M\\r\\n' ;;\n"
+            "    'conf t'*) prompt='R1(config)#' ;;\n"
+            "    exit*) exit 0 ;;\n"
+            "  esac\n"
+            "  printf '%s' \"$prompt\"\n"
+            "done\n");
+        QFile::setPermissions(
+            path(QStringLiteral("device.sh")), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        startServer(QStringLiteral("host_key"));
+    }
+
+    void cleanupTestCase() { stopServer(); }
+
+    void init()
+    {
+        if (m_sshd.state() == QProcess::NotRunning)
+            startServer(QStringLiteral("host_key"));
+        SshConnection::setInteractive(true);
+        m_window = new ConsoleWindow;
+        m_window->show();
+        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+    }
+
+    void cleanup() { delete m_window; }
+
+    void unknownKeyAskedThenSavedAndSessionWorks()
+    {
+        QFile::remove(sshFile(QStringLiteral("known_hosts")));
+        LogOptions logOptions;
+        LogReceiver receiver(&logOptions);
+        LogRoutes routes;
+        routes.attach(receiver);
+        QVERIFY(receiver.bind(0, QHostAddress::LocalHost));
+        routes.setConsole(3, m_window->logBox(), [this] { return session().deviceAddress(); });
+
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
+        QCOMPARE(session().connectionKind(), QStringLiteral("TCP/IP"));
+        QCOMPARE(session().deviceAddress(), QStringLiteral("127.0.0.1"));
+        clickHostKeyAnswer(QStringLiteral("Accept and save"));
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QVERIFY(session().sshOpen());
+        QCOMPARE(m_window->windowTitle(), QStringLiteral("R1#"));
+        QVERIFY(readFile(sshFile(QStringLiteral("known_hosts")))
+                    .startsWith(QStringLiteral("[127.0.0.1]:%1 ssh-ed25519 ").arg(m_port).toLatin1()));
+
+        // Typed keys reach the device; its echo and answer come back.
+        QTest::keyClicks(m_window->consoleBox(), "show version");
+        QTest::keyClick(m_window->consoleBox(), Qt::Key_Return);
+        QTRY_VERIFY(consoleText().contains(QLatin1String("show version\nFake IOS Software")));
+        QTest::keyClicks(m_window->consoleBox(), "conf t\r");
+        QTRY_COMPARE(m_window->windowTitle(), QStringLiteral("R1"));
+
+        // The device's syslog reaches this console, as for a TCP/IP one.
+        QUdpSocket device;
+        device.writeDatagram(
+            "<189>R1: %SYS-5-CONFIG_I: Configured from vty", QHostAddress::LocalHost, receiver.localPort());
+        QTRY_VERIFY(m_window->logBox()->toPlainText().contains(QLatin1String("%SYS-5-CONFIG_I")));
+
+        // The break request reaches sshd; the two Telnet bytes do not go down the channel.
+        m_sshd.readAll();
+        m_window->sendBreakAction()->trigger();
+        QByteArray log;
+        QTRY_VERIFY2_WITH_TIMEOUT(
+            (log += m_sshd.readAll()).contains("break"), log.right(3000).constData(), 10000);
+
+        m_window->disconnectAction()->trigger();
+        QVERIFY(!session().sshOpen());
+        QCOMPARE(session().connectionKind(), QString());
+        QVERIFY(consoleText().endsWith(QLatin1String("Disconected\n")));
+    }
+
+    void knownKeySilentThenServerKilled()
+    {
+        // Saved by the previous case: no question this time.
+        QVERIFY(readFile(sshFile(QStringLiteral("known_hosts"))).contains("ssh-ed25519"));
+        session().setTimerIntervals(0, 50);
+        connectRemembered(m_window->session(), *parseConnectTarget(QStringLiteral("ssh://fake-r1")));
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
+        QCOMPARE(session().deviceAddress(), QStringLiteral("fake-r1"));
+
+        killServer();
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QVERIFY2(
+            consoleText().endsWith(QLatin1String("Connection timed out\n>\n")), qPrintable(consoleText()));
+    }
+
+    void changedKeyRefusedNamingItsLine()
+    {
+        const QByteArray otherKey = readFile(path(QStringLiteral("other_host_key.pub"))).split(' ').value(1);
+        writeFile(sshFile(QStringLiteral("known_hosts")),
+            "# kept by hand\n[127.0.0.1]:" + QByteArray::number(m_port) + " ssh-ed25519 " + otherKey + "\n");
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        const QString text = consoleText();
+        QVERIFY2(text.contains(QStringLiteral("SSH Err: WARNING: the host key of 127.0.0.1 has changed")),
+            qPrintable(text));
+        QVERIFY2(text.contains(QStringLiteral("line 2 of %1").arg(sshFile(QStringLiteral("known_hosts")))),
+            qPrintable(text));
+        QVERIFY(text.endsWith(QLatin1String("\n>\n")));
+        QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
+    }
+
+    void refusals()
+    {
+        // With no one to ask (--headless), an unknown key is refused.
+        QFile::remove(sshFile(QStringLiteral("known_hosts")));
+        SshConnection::setInteractive(false);
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QVERIFY(consoleText().contains(QLatin1String("is not in")));
+        QVERIFY(!QFile::exists(sshFile(QStringLiteral("known_hosts"))));
+
+        // A key the server does not know: authentication refused, console idle.
+        SshConnection::setInteractive(true);
+        QFile::remove(path(QStringLiteral("authorized_keys")));
+        QVERIFY(run(QStringLiteral("ssh-keygen"),
+            { "-q", "-t", "ed25519", "-N", "", "-f", path(QStringLiteral("stranger")) }));
+        QFile::copy(path(QStringLiteral("stranger.pub")), path(QStringLiteral("authorized_keys")));
+        m_window->consoleBox()->clear();
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
+        clickHostKeyAnswer(QStringLiteral("Accept once"));
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QVERIFY2(consoleText().contains(
+                     QStringLiteral("SSH Err: authentication refused for %1@127.0.0.1\n>\n").arg(m_user)),
+            qPrintable(consoleText()));
+        QVERIFY(!QFile::exists(sshFile(QStringLiteral("known_hosts")))); // accepted once, not saved
+    }
+};
+
+QTEST_MAIN(TestConsoleSsh)
+#include "tst_console_ssh.moc"
