@@ -1,3 +1,4 @@
+#include "test_main.h"
 #include "app/application.h"
 #include "app/command_line.h"
 #include "app/main_window.h"
@@ -152,5 +153,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TftpProfileTest)
+TW_TEST_MAIN(TftpProfileTest)
 #include "tst_tftp_profile.moc"

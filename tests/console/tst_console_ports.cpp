@@ -1,3 +1,4 @@
+#include "test_main.h"
 #include "console/connection_history.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
@@ -235,5 +236,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestConsolePorts)
+TW_TEST_MAIN(TestConsolePorts)
 #include "tst_console_ports.moc"

@@ -1,3 +1,4 @@
+#include "test_main.h"
 #include "console/connection_history.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
@@ -308,5 +309,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestConsoleSsh)
+TW_TEST_MAIN(TestConsoleSsh)
 #include "tst_console_ssh.moc"

@@ -2,6 +2,7 @@
 // whole files with options; a hand-made client checks what they cannot show: the OACK, roll-over,
 // windows, re-sending on timeout, strangers, cut-off uploads and failed access decisions.
 
+#include "test_main.h"
 #include "access/access_list.h"
 #include "access/mask_display.h"
 #include "tftp/standard_transfer.h"
@@ -505,5 +506,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestTftpStandard)
+TW_TEST_MAIN(TestTftpStandard)
 #include "tst_tftp_standard.moc"
