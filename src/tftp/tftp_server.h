@@ -138,6 +138,7 @@ private:
         // Standard profile only: the transfer's protocol state and its retransmission timer.
         std::unique_ptr<StandardTransfer> standard;
         QTimer *retransmit = nullptr;
+        QElapsedTimer lastAdvance;
     };
 
     // tftp_server.cpp: sockets and slot lifecycle
@@ -179,6 +180,7 @@ private:
         int slot, const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort);
     void standardOutcome(int slot, int outcome, bool rearm);
     void retransmitTick(int slot);
+    int retransmitInterval(const Slot &slot) const;
     void sendError(
         DatagramSocket *socket, const QHostAddress &to, quint16 port, int code, const QByteArray &text);
     void endStandard(Slot &slot);
