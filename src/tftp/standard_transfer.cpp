@@ -188,7 +188,8 @@ StandardTransfer::Outcome StandardTransfer::onData(const QByteArray &datagram)
     if (size > m_options.blockSize)
         return failWith(TftpOptions::IllegalOperation, "Block larger than negotiated",
             QStringLiteral("ILLEGAL OPERATION"));
-    if (!store(QByteArray::fromRawData(datagram.constData() + 4, size)))
+    const QByteArray wire = QByteArray::fromRawData(datagram.constData() + 4, size);
+    if (!store(m_netascii ? m_decoder.feed(wire) : wire))
         return failWith(
             TftpOptions::DiskFull, "Disk full or allocation exceeded", QStringLiteral("DISK FULL"));
     ++m_received;
@@ -235,9 +236,8 @@ StandardTransfer::Outcome StandardTransfer::failWith(int code, const QByteArray 
     return Outcome::Failed;
 }
 
-bool StandardTransfer::store(const QByteArray &bytes)
+bool StandardTransfer::store(const QByteArray &local)
 {
-    const QByteArray local = m_netascii ? m_decoder.feed(bytes) : bytes;
     if (m_capture) {
         if (m_capture->capturing())
             m_capture->CaptureData(local);
@@ -255,8 +255,11 @@ bool StandardTransfer::store(const QByteArray &bytes)
 
 bool StandardTransfer::commit()
 {
-    if (m_netascii && !store(m_decoder.finish()))
-        return false;
+    if (m_netascii) {
+        const QByteArray tail = m_decoder.finish();
+        if (!tail.isEmpty() && !store(tail))
+            return false;
+    }
     if (m_capture)
         return true;
     const bool ok = ::close(m_fd) == 0 && ::rename(m_tempPath.constData(), m_targetPath.constData()) == 0;
