@@ -188,23 +188,26 @@ StandardTransfer::Outcome StandardTransfer::onData(const QByteArray &datagram)
     if (size > m_options.blockSize)
         return failWith(TftpOptions::IllegalOperation, "Block larger than negotiated",
             QStringLiteral("ILLEGAL OPERATION"));
-    const QByteArray wire = QByteArray::fromRawData(datagram.constData() + 4, size);
-    if (!store(m_netascii ? m_decoder.feed(wire) : wire))
-        return failWith(
-            TftpOptions::DiskFull, "Disk full or allocation exceeded", QStringLiteral("DISK FULL"));
+    const bool final = size < m_options.blockSize;
     ++m_received;
     m_tries = 0;
     ++m_advances;
     m_bytes += size;
-    const bool final = size < m_options.blockSize;
-    if (final) {
-        if (!commit())
-            return failWith(
-                TftpOptions::DiskFull, "Disk full or allocation exceeded", QStringLiteral("DISK FULL"));
-        m_done = true;
-    }
     m_lastAck = TftpOptions::ack(m_received);
-    m_send(m_lastAck);
+    // A middle block is acknowledged before it is written, so the client
+    // sends the next one meanwhile; if the write then fails, the ERROR
+    // follows at once and the temporary file goes. The final ACK waits
+    // until the file has replaced the target.
+    if (!final)
+        m_send(m_lastAck);
+    const QByteArray wire = QByteArray::fromRawData(datagram.constData() + 4, size);
+    if (!store(m_netascii ? m_decoder.feed(wire) : wire) || (final && !commit()))
+        return failWith(
+            TftpOptions::DiskFull, "Disk full or allocation exceeded", QStringLiteral("DISK FULL"));
+    if (final) {
+        m_done = true;
+        m_send(m_lastAck);
+    }
     return final ? Outcome::Finished : Outcome::Running;
 }
 
