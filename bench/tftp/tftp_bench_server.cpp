@@ -23,6 +23,9 @@
 
 int main(int argc, char **argv)
 {
+    // A window is optional and never needs a display.
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
     QCommandLineParser parser;
     parser.addOption({ "headless", "No window (always the case here)." });
