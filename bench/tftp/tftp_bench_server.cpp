@@ -1,12 +1,20 @@
 // Runs the TFTP server with no window: tftp_bench_server [--headless]
-// [--tftp-port N] [--acl FILE] [--folder DIR] [--confine]. Prints every change
-// of a transfer-monitor row as `tarnwick --headless` does. Without --acl, one
-// row lets everyone read and write in --folder.
+// [--tftp-port N] [--acl FILE] [--folder DIR] [--confine] [--tftp-standard]
+// [--window]. Prints every change of a transfer-monitor row as
+// `tarnwick --headless` does. Without --acl, one row lets everyone read and
+// write in --folder. --window shows the Transfer window (on whatever platform
+// Qt runs) and prints to stderr, at the end of each transfer, the longest the
+// event loop went without running a 5 ms timer: "stall MS".
 
 #include "access/access_list.h"
 #include "access/mask_display.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
+#include "tftp/transfer_window.h"
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QTimer>
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -15,13 +23,18 @@
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
+    // A window is optional and never needs a display.
+    if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
     QCommandLineParser parser;
     parser.addOption({ "headless", "No window (always the case here)." });
     parser.addOption({ "tftp-port", "UDP port of the TFTP listener.", "N", "69" });
     parser.addOption({ "acl", "Access list file.", "FILE" });
     parser.addOption({ "folder", "Shared folder.", "DIR", QDir::currentPath() });
     parser.addOption({ "confine", "Refuse names that leave the access row's folder." });
+    parser.addOption({ "tftp-standard", "The standard TFTP profile." });
+    parser.addOption({ "window", "Show the Transfer window and report event-loop stalls." });
     parser.addHelpOption();
     parser.process(app);
 
@@ -36,6 +49,27 @@ int main(int argc, char **argv)
     TftpServer server(&monitor, &acl);
     server.setPort(quint16(parser.value("tftp-port").toUInt()));
     server.setConfine(parser.isSet("confine"));
+    server.setStandardProfile(parser.isSet("tftp-standard"));
+
+    std::unique_ptr<TransferWindow> window;
+    QElapsedTimer sinceTick;
+    qint64 longest = 0;
+    QTimer probe;
+    if (parser.isSet("window")) {
+        window = std::make_unique<TransferWindow>(&monitor);
+        window->resize(900, 700);
+        window->show();
+        sinceTick.start();
+        QObject::connect(&probe, &QTimer::timeout, [&] { longest = qMax(longest, sinceTick.restart()); });
+        probe.start(5);
+        QObject::connect(&monitor, &TransferMonitor::transferRowChanged, [&](int row) {
+            if (monitor.transferText(row, TransferMonitor::Status) != QLatin1String("Allowed")
+                || monitor.transferText(row, TransferMonitor::DataSentReceived).endsWith(QLatin1String("%)")))
+                return;
+            std::fprintf(stderr, "stall %lld\n", longest);
+            longest = 0;
+        });
+    }
 
     QObject::connect(&monitor, &TransferMonitor::transferRowChanged, [&](int row) {
         std::printf("%s\n", qPrintable(monitor.transferLine(row)));

@@ -188,22 +188,26 @@ StandardTransfer::Outcome StandardTransfer::onData(const QByteArray &datagram)
     if (size > m_options.blockSize)
         return failWith(TftpOptions::IllegalOperation, "Block larger than negotiated",
             QStringLiteral("ILLEGAL OPERATION"));
-    if (!store(QByteArray::fromRawData(datagram.constData() + 4, size)))
-        return failWith(
-            TftpOptions::DiskFull, "Disk full or allocation exceeded", QStringLiteral("DISK FULL"));
+    const bool final = size < m_options.blockSize;
     ++m_received;
     m_tries = 0;
     ++m_advances;
     m_bytes += size;
-    const bool final = size < m_options.blockSize;
-    if (final) {
-        if (!commit())
-            return failWith(
-                TftpOptions::DiskFull, "Disk full or allocation exceeded", QStringLiteral("DISK FULL"));
-        m_done = true;
-    }
     m_lastAck = TftpOptions::ack(m_received);
-    m_send(m_lastAck);
+    // A middle block is acknowledged before it is written, so the client
+    // sends the next one meanwhile; if the write then fails, the ERROR
+    // follows at once and the temporary file goes. The final ACK waits
+    // until the file has replaced the target.
+    if (!final)
+        m_send(m_lastAck);
+    const QByteArray wire = QByteArray::fromRawData(datagram.constData() + 4, size);
+    if (!store(m_netascii ? m_decoder.feed(wire) : wire) || (final && !commit()))
+        return failWith(
+            TftpOptions::DiskFull, "Disk full or allocation exceeded", QStringLiteral("DISK FULL"));
+    if (final) {
+        m_done = true;
+        m_send(m_lastAck);
+    }
     return final ? Outcome::Finished : Outcome::Running;
 }
 
@@ -235,9 +239,8 @@ StandardTransfer::Outcome StandardTransfer::failWith(int code, const QByteArray 
     return Outcome::Failed;
 }
 
-bool StandardTransfer::store(const QByteArray &bytes)
+bool StandardTransfer::store(const QByteArray &local)
 {
-    const QByteArray local = m_netascii ? m_decoder.feed(bytes) : bytes;
     if (m_capture) {
         if (m_capture->capturing())
             m_capture->CaptureData(local);
@@ -255,8 +258,11 @@ bool StandardTransfer::store(const QByteArray &bytes)
 
 bool StandardTransfer::commit()
 {
-    if (m_netascii && !store(m_decoder.finish()))
-        return false;
+    if (m_netascii) {
+        const QByteArray tail = m_decoder.finish();
+        if (!tail.isEmpty() && !store(tail))
+            return false;
+    }
     if (m_capture)
         return true;
     const bool ok = ::close(m_fd) == 0 && ::rename(m_tempPath.constData(), m_targetPath.constData()) == 0;

@@ -68,7 +68,7 @@ private:
     void sendWindow();
     void sendBlock(qint64 block);
     Outcome failWith(int code, const QByteArray &message, const QString &why);
-    bool store(const QByteArray &bytes);
+    bool store(const QByteArray &local); // bytes as they go to disk or capture
     bool commit();
     void discard();
 

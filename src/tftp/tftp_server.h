@@ -1,9 +1,9 @@
 #pragma once
 
 #include "tftp/datagram_socket.h"
+
 #include <QByteArray>
 #include <QElapsedTimer>
-
 #include <QHostAddress>
 #include <QObject>
 #include <QString>
@@ -24,13 +24,14 @@ class TransferMonitor;
 // One slot at a time listens on the TFTP port (tag "Null", row "Listen").
 // A request that is taken turns that slot into the transfer's slot: the
 // transfer gets a fresh socket of its own on an ephemeral port (shown in the
-// socket table) and talks only to the requester, while the listening socket
+// socket table) and sends only to the requester, while the listening socket
 // itself moves to the lowest "ready" slot, so requests already queued on the
 // port are not lost. When no slot is ready the listening socket is closed:
 // requests then get no answer until a slot is freed and a refresh reopens it.
 //
-// Every datagram of every slot goes through one handler (tftp_engine.cpp):
-// plain octet-mode transfers with 512-byte blocks, driven entirely by the
+// Every datagram of every slot goes through one handler (tftp_engine.cpp),
+// whoever sends it; an ERROR on the listener is shown and holds it like any
+// other. The classic profile there: plain octet-mode transfers with 512-byte blocks, driven entirely by the
 // client's retransmissions; the server never sends ERROR and never
 // retransmits. Requests are judged by CheckAccess; a refused slot drops all
 // datagrams until its timer frees it. Files are opened and closed within the
@@ -47,7 +48,10 @@ class TransferMonitor;
 // listener that cannot be bound at refresh leaves its row "ready" and is
 // retried on the next tick.
 //
-// setConfine(true) additionally refuses names leaving the folder.
+// setConfine(true) additionally refuses names leaving the folder. A failed
+// access decision (a broken access-list row) leaves the slot as it was, gets
+// no answer (classic) or ERROR 2 (standard), and is reported once per cause
+// through accessDecisionFailed.
 //
 // setStandardProfile(true) answers requests that arrive from then on with the
 // standard profile (tftp_standard.cpp and StandardTransfer): options, block
@@ -138,6 +142,7 @@ private:
         // Standard profile only: the transfer's protocol state and its retransmission timer.
         std::unique_ptr<StandardTransfer> standard;
         QTimer *retransmit = nullptr;
+        QElapsedTimer lastAdvance;
     };
 
     // tftp_server.cpp: sockets and slot lifecycle
@@ -179,6 +184,7 @@ private:
         int slot, const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort);
     void standardOutcome(int slot, int outcome, bool rearm);
     void retransmitTick(int slot);
+    int retransmitInterval(const Slot &slot) const;
     void sendError(
         DatagramSocket *socket, const QHostAddress &to, quint16 port, int code, const QByteArray &text);
     void endStandard(Slot &slot);

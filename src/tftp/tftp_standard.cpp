@@ -103,7 +103,8 @@ void TftpServer::handleStandardRequest(int s, const QByteArray &datagram, const 
     setSocketColumn(
         s, TransferMonitor::SocketStatus, read ? QStringLiteral("SENDING") : QStringLiteral("RECEIVING"));
     slot.standard->start();
-    slot.retransmit->start(m_retransmitMs > 0 ? m_retransmitMs : slot.standard->timeoutMs());
+    slot.lastAdvance.start();
+    slot.retransmit->start(retransmitInterval(slot));
     OpenListener();
     if (capture)
         m_capture->CaptureFileName(fullPath);
@@ -147,11 +148,27 @@ void TftpServer::handleStandardDatagram(
     }
 }
 
+int TftpServer::retransmitInterval(const Slot &slot) const
+{
+    return m_retransmitMs > 0 ? m_retransmitMs : slot.standard->timeoutMs();
+}
+
 void TftpServer::retransmitTick(int s)
 {
     Slot &slot = m_slots[s];
-    if (slot.standard && slot.tag != Tag::Blocking)
-        standardOutcome(s, int(slot.standard->onTimeout()), true);
+    if (!slot.standard || slot.tag == Tag::Blocking)
+        return;
+    // The timer is not restarted on every block (that costs more than the
+    // block): it counts from the last time the peer moved the transfer on.
+    const qint64 quiet = slot.lastAdvance.elapsed();
+    if (quiet < retransmitInterval(slot)) {
+        slot.retransmit->start(int(retransmitInterval(slot) - quiet));
+        return;
+    }
+    slot.lastAdvance.start();
+    standardOutcome(s, int(slot.standard->onTimeout()), false);
+    if (slot.standard && slot.tag != Tag::Blocking && !slot.retransmit->isActive())
+        slot.retransmit->start(retransmitInterval(slot));
 }
 
 void TftpServer::standardOutcome(int s, int outcome, bool rearm)
@@ -160,8 +177,11 @@ void TftpServer::standardOutcome(int s, int outcome, bool rearm)
     slot.bytesDone = slot.standard->bytesDone();
     switch (StandardTransfer::Outcome(outcome)) {
     case StandardTransfer::Outcome::Running:
-        if (rearm)
-            slot.retransmit->start(m_retransmitMs > 0 ? m_retransmitMs : slot.standard->timeoutMs());
+        if (rearm) {
+            slot.lastAdvance.start();
+            if (!slot.retransmit->isActive())
+                slot.retransmit->start(retransmitInterval(slot));
+        }
         showProgress(s, false);
         return;
     case StandardTransfer::Outcome::Finished:

@@ -22,6 +22,7 @@ for f in usr/bin/tarnwick \
          usr/share/applications/org.tarnwick.Tarnwick.desktop \
          usr/share/metainfo/org.tarnwick.Tarnwick.metainfo.xml \
          usr/share/man/man1/tarnwick.1 \
+         usr/lib/systemd/system/tarnwick.service \
          usr/share/icons/hicolor/32x32/apps/tarnwick.png \
          usr/share/icons/hicolor/256x256/apps/tarnwick.png; do
     [ -e "$root/$f" ] || fail "package lacks /$f"
@@ -44,6 +45,9 @@ if readelf -d "$root/usr/bin/tarnwick" | grep -qE 'RPATH|RUNPATH'; then fail "bi
 control=$work/control
 dpkg-deb -e "$deb" "$control"
 grep -q 'setcap cap_net_bind_service=+ep /usr/bin/tarnwick' "$control/postinst" || fail "postinst does not grant the capability"
+# The headless service is shipped off: nothing enables it.
+! grep -q 'systemctl\|deb-systemd' "$control/postinst" || fail "postinst enables the service"
+grep -q '^ExecStart=/usr/bin/tarnwick --headless' "$root/usr/lib/systemd/system/tarnwick.service" || fail "service does not run --headless"
 depends=$(dpkg-deb -f "$deb" Depends)
 for p in libqt6widgets6 libqt6network6 libqt6serialport6; do
     echo "$depends" | grep -q "$p" || fail "Depends lacks $p: $depends"

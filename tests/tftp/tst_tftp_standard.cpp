@@ -5,6 +5,7 @@
 #include "test_main.h"
 #include "access/access_list.h"
 #include "access/mask_display.h"
+#include "tftp/capture_sink.h"
 #include "tftp/standard_transfer.h"
 #include "tftp/tftp_options.h"
 #include "tftp/tftp_server.h"
@@ -13,6 +14,7 @@
 #include <QDir>
 #include <QNetworkDatagram>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -503,6 +505,67 @@ private Q_SLOTS:
         QCOMPARE(f.monitor.socketText(listener, TM::SocketError), QString("who"));
         QVERIFY(stranger.silent(50));
         QTRY_VERIFY(f.server.listenerSlot() != 0 && f.server.listenerSlot() != listener);
+    }
+
+    // Junk at the listener and at a running transfer, from strangers and the requester: no crash, strangers
+    // get ERROR replies at most, and both the running transfer and a fresh one finish intact. Capture
+    // catches an upload without touching the disk.
+    void junkThenGoodTransfers()
+    {
+        Fixture f(pattern(3000));
+        Client client, fuzzer;
+        client.send(request(1, "f.bin", "octet", bytes("blksize\000600\0")), f.port);
+        QVERIFY(client.next().startsWith(bytes("\0\6")));
+        QRandomGenerator rng(20261123);
+        const QList<QByteArray> nasty { bytes("\0\1"), bytes("\0\1x\0oct"), request(1, "%s%n", "mail"),
+            request(2, QByteArray(600, 'n'), "netascii", bytes("blksize")),
+            request(1, "f.bin", "octet", bytes("tsize\0")),
+            request(1, "../../etc/passwd", "octet", bytes("blksize\0-5\0windowsize\00099999999999\0")) };
+        for (int i = 0; i < 3000; ++i) {
+            QByteArray junk(int(rng.bounded(i % 2 ? 40 : 700)), Qt::Uninitialized);
+            for (char &c : junk)
+                c = char(rng.bounded(256));
+            if (i % 2)
+                junk.prepend(packet(rng.bounded(9), rng.bounded(65536)));
+            fuzzer.send(i % 50 == 0 ? nasty[i / 50 % nasty.size()] : junk, i % 3 ? f.port : client.peer);
+            if (i % 100 == 0)
+                QTest::qWait(1);
+        }
+        QTest::qWait(50);
+        while (fuzzer.socket.hasPendingDatagrams()) { // only ERRORs and refusals come back
+            const QByteArray reply = fuzzer.socket.receiveDatagram().data();
+            QVERIFY2(reply.startsWith(bytes("\0\5")) || reply.startsWith(bytes("\0\4"))
+                    || reply.startsWith(bytes("\0\6")) || reply.startsWith(bytes("\0\3")),
+                reply.toHex().constData());
+        }
+        client.send(packet(4, 0), client.peer);
+        QByteArray got;
+        for (int block = 1; block <= 6; ++block) {
+            const QByteArray d = client.next();
+            QCOMPARE(d.left(4), packet(3, block));
+            got += d.mid(4);
+            client.send(packet(4, block), client.peer);
+        }
+        QCOMPARE(got, pattern(3000));
+
+        struct : CaptureSink
+        {
+            QStringList seen;
+            bool capturing() const override { return true; }
+            void CaptureFileName(const QString &path) override { seen << path; }
+            void CaptureData(const QByteArray &data) override { seen << QString::fromLatin1(data); }
+        } capture;
+        f.server.setCaptureSink(&capture);
+        Client uploader;
+        QTRY_VERIFY(f.server.listenerSlot() != 0);
+        uploader.send(request(2, "cfg.txt", "netascii"), f.port);
+        QCOMPARE(uploader.next(), packet(4, 0));
+        uploader.send(
+            packet(3, 1, "hostname r1\r\nend\r"), uploader.peer); // a lone CR at the very end is kept
+        QCOMPARE(uploader.next(), packet(4, 1));
+        QCOMPARE(capture.seen, QStringList({ f.path("cfg.txt"), "hostname r1\nend", "\r" }));
+        QVERIFY(!QFile::exists(f.path("cfg.txt")));
+        QCOMPARE(QDir(f.folder).entryList(QDir::Hidden | QDir::Files), QStringList { "f.bin" });
     }
 };
 
