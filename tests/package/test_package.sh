@@ -45,7 +45,7 @@ control=$work/control
 dpkg-deb -e "$deb" "$control"
 grep -q 'setcap cap_net_bind_service=+ep /usr/bin/tarnwick' "$control/postinst" || fail "postinst does not grant the capability"
 depends=$(dpkg-deb -f "$deb" Depends)
-for p in libqt6widgets6 libqt6network6 libqt6serialport6; do
+for p in libqt6widgets6 libqt6network6 libqt6serialport6 libssh-4; do
     echo "$depends" | grep -q "$p" || fail "Depends lacks $p: $depends"
 done
 
