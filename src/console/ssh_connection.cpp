@@ -228,6 +228,12 @@ void SshConnection::watchSocket()
         connect(m_readNotifier, &QSocketNotifier::activated, this, &SshConnection::step);
         connect(m_writeNotifier, &QSocketNotifier::activated, this, &SshConnection::step);
     }
+    // While a user answers, a peer that gives up would keep the socket
+    // readable with nothing to do; the next libssh call after the answer
+    // finds out instead.
+    const bool waiting = d->stage == Stage::WaitHostKey || d->stage == Stage::WaitPassphrase
+        || d->stage == Stage::WaitKbdint || d->stage == Stage::WaitPassword;
+    m_readNotifier->setEnabled(!waiting);
     // Writable is only news while connecting or while libssh holds output.
     const bool wantWrite = d->stage == Stage::Connecting
         || (ssh_get_poll_flags(d->session) & SSH_WRITE_PENDING) || !d->pending.isEmpty();
@@ -655,22 +661,23 @@ bool SshConnection::openShell()
 
 void SshConnection::readChannel()
 {
+    // Reading one stream may pull the other's data off the socket, so both
+    // are read until a pass finds nothing.
     char buffer[16384];
-    for (int is_stderr = 0; is_stderr < 2; ++is_stderr) {
-        for (;;) {
+    for (bool more = true; more;) {
+        more = false;
+        for (int fromStderr = 0; fromStderr < 2; ++fromStderr) {
             if (!d->channel)
                 return;
-            const int n = ssh_channel_read_nonblocking(d->channel, buffer, sizeof buffer, is_stderr);
+            const int n = ssh_channel_read_nonblocking(d->channel, buffer, sizeof buffer, fromStderr);
             if (n > 0) {
+                more = true;
                 Q_EMIT received(QByteArray(buffer, n));
-                continue;
-            }
-            if (n < 0 || ssh_channel_is_eof(d->channel) || ssh_channel_is_closed(d->channel)) {
+            } else if (n < 0 || ssh_channel_is_eof(d->channel) || ssh_channel_is_closed(d->channel)) {
                 endSession();
                 Q_EMIT closed();
                 return;
             }
-            break;
         }
     }
 }
