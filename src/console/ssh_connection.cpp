@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QHostInfo>
 #include <QMessageAuthenticationCode>
 #include <QMetaMethod>
 #include <QSocketNotifier>
@@ -11,10 +12,18 @@
 
 #include <libssh/libssh.h>
 
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+#include <unistd.h>
+
 bool SshConnection::s_interactive = true;
 
 enum class SshConnection::Stage {
     Idle,
+    Resolving,
+    TcpConnecting,
     Connecting,
     HostKey,
     WaitHostKey,
@@ -167,8 +176,88 @@ void SshConnection::open(const QString &host, quint16 port, const QString &user)
     if (ssh_options_get(d->session, SSH_OPTIONS_USER, &effectiveUser) == SSH_OK)
         d->user = takeString(effectiveUser);
     ssh_set_blocking(d->session, 0);
-    d->stage = Stage::Connecting;
     m_handshakeTimer->start();
+    // libssh would look the name up itself, blocking the window for as long
+    // as a slow name server takes. So the name is looked up here and the TCP
+    // connection made here, and libssh takes over the connected socket; the
+    // host name stays what ~/.ssh/config and known_hosts see. A ProxyCommand
+    // is left to libssh.
+    char *proxy = nullptr;
+    if (ssh_options_get(d->session, SSH_OPTIONS_PROXYCOMMAND, &proxy) == SSH_OK) {
+        ssh_string_free_char(proxy);
+        d->stage = Stage::Connecting;
+        step();
+        return;
+    }
+    char *hostName = nullptr;
+    QString target = host;
+    if (ssh_options_get(d->session, SSH_OPTIONS_HOST, &hostName) == SSH_OK)
+        target = takeString(hostName);
+    d->stage = Stage::Resolving;
+    m_lookupId = QHostInfo::lookupHost(target, this, &SshConnection::onResolved);
+}
+
+void SshConnection::onResolved(const QHostInfo &info)
+{
+    if (d->stage != Stage::Resolving || info.lookupId() != m_lookupId)
+        return;
+    const QList<QHostAddress> addresses = info.addresses();
+    // IPv4 first: addresses are dotted IPv4 text everywhere else in the program.
+    auto chosen = std::find_if(addresses.begin(), addresses.end(),
+        [](const QHostAddress &a) { return a.protocol() == QAbstractSocket::IPv4Protocol; });
+    if (chosen == addresses.end())
+        chosen = addresses.begin();
+    if (chosen == addresses.end())
+        return fail(QStringLiteral("cannot find %1: %2").arg(info.hostName(), info.errorString()));
+
+    unsigned int port = 22;
+    ssh_options_get_port(d->session, &port);
+    sockaddr_storage address {};
+    socklen_t length = 0;
+    if (chosen->protocol() == QAbstractSocket::IPv4Protocol) {
+        auto *in = reinterpret_cast<sockaddr_in *>(&address);
+        in->sin_family = AF_INET;
+        in->sin_port = htons(quint16(port));
+        in->sin_addr.s_addr = htonl(chosen->toIPv4Address());
+        length = sizeof(sockaddr_in);
+    } else {
+        auto *in6 = reinterpret_cast<sockaddr_in6 *>(&address);
+        in6->sin6_family = AF_INET6;
+        in6->sin6_port = htons(quint16(port));
+        const Q_IPV6ADDR bytes = chosen->toIPv6Address();
+        std::memcpy(&in6->sin6_addr, &bytes, sizeof bytes);
+        length = sizeof(sockaddr_in6);
+    }
+    m_connectFd = ::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (m_connectFd < 0)
+        return fail(QStringLiteral("cannot connect to %1: %2")
+                        .arg(d->host, QString::fromLocal8Bit(std::strerror(errno))));
+    if (::connect(m_connectFd, reinterpret_cast<sockaddr *>(&address), length) != 0 && errno != EINPROGRESS)
+        return fail(QStringLiteral("cannot connect to %1: %2")
+                        .arg(d->host, QString::fromLocal8Bit(std::strerror(errno))));
+    d->stage = Stage::TcpConnecting;
+    m_connectNotifier = new QSocketNotifier(m_connectFd, QSocketNotifier::Write, this);
+    connect(m_connectNotifier, &QSocketNotifier::activated, this, &SshConnection::onTcpConnected);
+}
+
+void SshConnection::onTcpConnected()
+{
+    if (d->stage != Stage::TcpConnecting)
+        return;
+    m_connectNotifier->setEnabled(false);
+    m_connectNotifier->deleteLater();
+    m_connectNotifier = nullptr;
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (::getsockopt(m_connectFd, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
+        error = errno;
+    if (error != 0)
+        return fail(QStringLiteral("cannot connect to %1: %2")
+                        .arg(d->host, QString::fromLocal8Bit(std::strerror(error))));
+    const socket_t fd = m_connectFd;
+    ssh_options_set(d->session, SSH_OPTIONS_FD, &fd);
+    m_connectFd = -1; // libssh closes it from now on
+    d->stage = Stage::Connecting;
     step();
 }
 
@@ -188,6 +277,19 @@ void SshConnection::endSession()
         }
     }
     m_readNotifier = m_writeNotifier = nullptr;
+    if (m_connectNotifier) {
+        m_connectNotifier->setEnabled(false);
+        m_connectNotifier->deleteLater();
+        m_connectNotifier = nullptr;
+    }
+    if (m_connectFd >= 0) {
+        ::close(m_connectFd);
+        m_connectFd = -1;
+    }
+    if (m_lookupId >= 0) {
+        QHostInfo::abortHostLookup(m_lookupId);
+        m_lookupId = -1;
+    }
     d->dropKeys();
     if (d->channel) {
         ssh_channel_free(d->channel);
@@ -256,6 +358,8 @@ bool SshConnection::stepStage()
 {
     switch (d->stage) {
     case Stage::Idle:
+    case Stage::Resolving:
+    case Stage::TcpConnecting:
     case Stage::WaitHostKey:
     case Stage::WaitPassphrase:
     case Stage::WaitKbdint:

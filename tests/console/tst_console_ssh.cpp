@@ -367,6 +367,12 @@ private Q_SLOTS:
         QVERIFY(consoleText().contains(QLatin1String("is not in")));
         QVERIFY(!QFile::exists(sshFile(QStringLiteral("known_hosts"))));
 
+        // A name that does not resolve: looked up without blocking, then refused.
+        session().ConnectSSH(QStringLiteral("no-such-device.invalid"), 0, m_user);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QVERIFY2(consoleText().contains(QLatin1String("SSH Err: cannot find no-such-device.invalid")),
+            qPrintable(consoleText()));
+
         // A key the server does not know: authentication refused, console idle.
         SshConnection::setInteractive(true);
         QFile::remove(path(QStringLiteral("authorized_keys")));
