@@ -7,6 +7,7 @@
 
 #include <memory>
 
+class QHostInfo;
 class QSocketNotifier;
 class QTimer;
 
@@ -77,6 +78,8 @@ private:
     struct State;
     enum class Stage;
 
+    void onResolved(const QHostInfo &info);
+    void onTcpConnected();
     void step();
     bool stepStage();
     bool checkHostKey();
@@ -99,6 +102,9 @@ private:
     std::unique_ptr<State> d;
     QSocketNotifier *m_readNotifier = nullptr;
     QSocketNotifier *m_writeNotifier = nullptr;
+    QSocketNotifier *m_connectNotifier = nullptr;
+    int m_connectFd = -1; // our own socket until libssh takes it over
+    int m_lookupId = -1;
     QTimer *m_handshakeTimer;
     int m_columns = 80;
     int m_rows = 24;

@@ -2,6 +2,7 @@
 #include "console/connection_history.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
+#include "console/modem_options.h"
 #include "console/ssh_connection.h"
 #include "console/terminal_view.h"
 #include "logrecv/log_options.h"
@@ -10,8 +11,11 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QComboBox>
+#include <QDialog>
 #include <QDir>
 #include <QFile>
+#include <QLineEdit>
 #include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QProcess>
@@ -24,6 +28,7 @@
 #include <QUdpSocket>
 
 #include <csignal>
+#include <pwd.h>
 #include <unistd.h>
 
 // SSH consoles against OpenSSH's own sshd, started here as the current user
@@ -135,6 +140,14 @@ class TestConsoleSsh : public QObject
         }
     }
 
+    // known_hosts holding the server's real key.
+    void trustServer()
+    {
+        const QByteArray key = readFile(path(QStringLiteral("host_key.pub"))).split(' ').value(1);
+        writeFile(sshFile(QStringLiteral("known_hosts")),
+            "[127.0.0.1]:" + QByteArray::number(m_port) + " ssh-ed25519 " + key + "\n");
+    }
+
     void clickHostKeyAnswer(const QString &answer)
     {
         QMessageBox *box = nullptr;
@@ -159,10 +172,10 @@ private Q_SLOTS:
         qputenv("HOME", QFile::encodeName(m_home));
         qunsetenv("SSH_AUTH_SOCK"); // the user's agent has no say in this test
         QCOMPARE(QDir::homePath(), m_home);
-        m_user = QString::fromLocal8Bit(qgetenv("USER"));
-        if (m_user.isEmpty())
-            m_user = getuid() == 0 ? QStringLiteral("root") : QString();
-        QVERIFY2(!m_user.isEmpty(), "USER is not set");
+        // sshd logs in the account the test runs as, whatever USER says.
+        const passwd *account = getpwuid(getuid());
+        QVERIFY(account);
+        m_user = QString::fromLocal8Bit(account->pw_name);
         // As root sshd insists on its privilege separation folder.
         if (getuid() == 0)
             QDir().mkpath(QStringLiteral("/run/sshd"));
@@ -214,7 +227,19 @@ private Q_SLOTS:
         QVERIFY(receiver.bind(0, QHostAddress::LocalHost));
         routes.setConsole(3, m_window->logBox(), [this] { return session().deviceAddress(); });
 
-        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
+        // Through the connection dialog, as a user does.
+        m_window->newConnectionAction()->trigger();
+        ModemOptions *dialog = m_window->findChild<ModemOptions *>();
+        QVERIFY(dialog);
+        dialog->connectWith()->setCurrentIndex(dialog->connectWith()->findText(QStringLiteral("SSH")));
+        Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
+        const QStringList octets { "127", "0", "0", "1" };
+        for (int i = 0; i < 4; ++i)
+            dialog->octetBox(i)->setText(octets[i]);
+        dialog->portBox()->setText(QString::number(m_port));
+        dialog->userBox()->setText(m_user);
+        QTest::mouseClick(dialog->okButton(), Qt::LeftButton);
+        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "SSH", "127.0.0.1", m_port, m_user }));
         QCOMPARE(session().connectionKind(), QStringLiteral("TCP/IP"));
         QCOMPARE(session().deviceAddress(), QStringLiteral("127.0.0.1"));
         clickHostKeyAnswer(QStringLiteral("Accept and save"));
@@ -242,7 +267,7 @@ private Q_SLOTS:
         m_window->sendBreakAction()->trigger();
         QByteArray log;
         QTRY_VERIFY2_WITH_TIMEOUT(
-            (log += m_sshd.readAll()).contains("break"), log.right(3000).constData(), 10000);
+            (log += m_sshd.readAll()).contains("request break"), log.right(3000).constData(), 10000);
 
         m_window->disconnectAction()->trigger();
         QVERIFY(!session().sshOpen());
@@ -282,6 +307,57 @@ private Q_SLOTS:
         QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
     }
 
+    void passphraseAskedForAnEncryptedKey()
+    {
+        QVERIFY(run(QStringLiteral("ssh-keygen"),
+            { "-q", "-t", "ecdsa", "-N", "open sesame", "-f", sshFile(QStringLiteral("id_ecdsa")) }));
+        writeFile(path(QStringLiteral("authorized_keys")), readFile(sshFile(QStringLiteral("id_ecdsa.pub"))));
+        trustServer();
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
+        QDialog *prompt = nullptr;
+        QTRY_VERIFY_WITH_TIMEOUT((prompt = m_window->findChild<QDialog *>("SshSecretsDialog")), 15000);
+        QLineEdit *edit = prompt->findChild<QLineEdit *>();
+        QCOMPARE(edit->echoMode(), QLineEdit::Password);
+        QTest::keyClicks(edit, "open sesame");
+        prompt->accept();
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QVERIFY(session().sshOpen());
+        session().disconnectSession();
+        QFile::remove(sshFile(QStringLiteral("id_ecdsa")));
+        QFile::remove(sshFile(QStringLiteral("id_ecdsa.pub")));
+        writeFile(
+            path(QStringLiteral("authorized_keys")), readFile(sshFile(QStringLiteral("id_ed25519.pub"))));
+    }
+
+    void connectOptionOpensSsh()
+    {
+        // The real program, headless: the saved key and the key file suffice.
+        trustServer();
+        QTemporaryDir settings;
+        QUdpSocket probe;
+        QVERIFY(probe.bind(QHostAddress::LocalHost, 0));
+        const QString freeUdp = QString::number(probe.localPort());
+        probe.close();
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), settings.path());
+        env.remove(QStringLiteral("DISPLAY"));
+        QProcess program;
+        program.setProcessEnvironment(env);
+        program.setWorkingDirectory(settings.path());
+        m_sshd.readAll();
+        program.start(QStringLiteral(TW_PROGRAM),
+            { "--headless", "--acl", settings.filePath("ACLIST.ini"), "--tftp-port", freeUdp, "--log-port",
+                freeUdp, "--connect", QStringLiteral("ssh://%1@127.0.0.1:%2").arg(m_user).arg(m_port) });
+        QVERIFY2(program.waitForStarted(), qPrintable(program.errorString()));
+        QByteArray log;
+        QTRY_VERIFY2_WITH_TIMEOUT(
+            (log += m_sshd.readAll()).contains("Accepted publickey for " + m_user.toUtf8()),
+            log.right(2000).constData(), 20000);
+        QTRY_VERIFY_WITH_TIMEOUT((log += m_sshd.readAll()).contains("session_pty_req"), 20000);
+        program.terminate();
+        QVERIFY(program.waitForFinished(10000));
+    }
+
     void refusals()
     {
         // With no one to ask (--headless), an unknown key is refused.
@@ -291,6 +367,12 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
         QVERIFY(consoleText().contains(QLatin1String("is not in")));
         QVERIFY(!QFile::exists(sshFile(QStringLiteral("known_hosts"))));
+
+        // A name that does not resolve: looked up without blocking, then refused.
+        session().ConnectSSH(QStringLiteral("no-such-device.invalid"), 0, m_user);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QVERIFY2(consoleText().contains(QLatin1String("SSH Err: cannot find no-such-device.invalid")),
+            qPrintable(consoleText()));
 
         // A key the server does not know: authentication refused, console idle.
         SshConnection::setInteractive(true);

@@ -49,7 +49,7 @@ grep -q 'setcap cap_net_bind_service=+ep /usr/bin/tarnwick' "$control/postinst" 
 ! grep -q 'systemctl\|deb-systemd' "$control/postinst" || fail "postinst enables the service"
 grep -q '^ExecStart=/usr/bin/tarnwick --headless' "$root/usr/lib/systemd/system/tarnwick.service" || fail "service does not run --headless"
 depends=$(dpkg-deb -f "$deb" Depends)
-for p in libqt6widgets6 libqt6network6 libqt6serialport6; do
+for p in libqt6widgets6 libqt6network6 libqt6serialport6 libssh-4; do
     echo "$depends" | grep -q "$p" || fail "Depends lacks $p: $depends"
 done
 
