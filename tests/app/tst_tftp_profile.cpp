@@ -129,9 +129,11 @@ private Q_SLOTS:
         QByteArray out;
         QElapsedTimer clock;
         clock.start();
-        while (!out.contains("Listen") && clock.elapsed() < 20000 && server.waitForReadyRead(500))
+        while (!out.contains("Listen") && clock.elapsed() < 60000 && server.state() == QProcess::Running) {
+            server.waitForReadyRead(500);
             out += server.readAllStandardOutput();
-        QVERIFY2(out.contains("Listen"), out.constData());
+        }
+        QVERIFY2(out.contains("Listen"), (out + server.readAllStandardError()).constData());
         QProcess curl;
         curl.start(QStandardPaths::findExecutable(QStringLiteral("curl")),
             { "-sS", "-o", m_temp.filePath(QStringLiteral("got.bin")),
