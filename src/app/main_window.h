@@ -5,6 +5,7 @@
 #include <QHash>
 #include <QMainWindow>
 #include <functional>
+#include <optional>
 
 class QLabel;
 class QMdiArea;
@@ -63,6 +64,11 @@ public:
     QString sharedFolder() const { return m_sharedFolder; }
     void setSharedFolder(const QString &folder) { m_sharedFolder = folder; }
     QString readFolderPathSetting() const;
+    // A folder given for this run only (--folder): while it is the shared
+    // folder, unload leaves the stored "FolderPath" as it was.
+    void setRunOnlyFolder(const QString &folder) { m_runOnlyFolder = folder; }
+    // Unload steps: the placement (only for a window that has been on screen,
+    // so a --headless run writes none, and not while minimised) and the folder.
     void saveSettings();
 
     // A lasting problem (a port that could not be bound) shown in the status bar.
@@ -76,6 +82,7 @@ Q_SIGNALS:
 
 protected:
     void closeEvent(QCloseEvent *event) override;
+    void showEvent(QShowEvent *event) override;
     bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
@@ -94,4 +101,6 @@ private:
     ConsoleFactory m_consoleFactory;
     QString m_sharedFolder;
     bool m_saved = false;
+    bool m_everShown = false;
+    std::optional<QString> m_runOnlyFolder;
 };

@@ -120,7 +120,7 @@ private Q_SLOTS:
         QVERIFY(shown(5).isEmpty() && shown(6).isEmpty());
         QCOMPARE(QDir(m_dir->path()).entryList(QDir::Files).size(), 2); // none for the dropped one
 
-        // "Clear Log" empties the view only; with the switch off nothing more is written.
+        // An emptied view takes the next line alone; with the switch off nothing more is written.
         m_consoles.at(3)->logbox->clear();
         m_options->setLogToFile(false);
         send("third, view only");
