@@ -35,7 +35,7 @@ private:
     }
 
     MainWindow *startApp(const QString &folderSetting = QString(),
-                         const std::function<void(CommandLineOptions &)> &adjust = {})
+        const std::function<void(CommandLineOptions &)> &adjust = {})
     {
         QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
         settings.clear();
