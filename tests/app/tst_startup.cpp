@@ -5,6 +5,8 @@
 #include "util/message_box.h"
 
 #include <QAction>
+#include <QApplication>
+#include <QComboBox>
 #include <QMdiArea>
 #include <QMdiSubWindow>
 #include <QPlainTextEdit>
@@ -12,6 +14,7 @@
 #include <QSettings>
 #include <QTcpServer>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QTest>
 #include <QToolBar>
 #include <QUdpSocket>
@@ -263,6 +266,28 @@ private Q_SLOTS:
         sendFrom("127.0.0.1", "r1 after it");
         QTRY_COMPARE(first->logBox()->toPlainText(), QStringLiteral("r1 after it\n"));
         QCOMPARE(sixth->logBox()->toPlainText(), QStringLiteral("r2 while in range\n"));
+    }
+
+    // The Add Network dialog offers the folder browser's folders: a folder and
+    // a link to it that sorts first are both there.
+    void addNetworkOffersEveryFolderName()
+    {
+        QTemporaryDir shared;
+        QVERIFY(QDir(shared.path()).mkpath(QStringLiteral("ios-15")));
+        QVERIFY(QFile::link(QStringLiteral("ios-15"), shared.filePath(QStringLiteral("current"))));
+        MainWindow *main = startApp(shared.path());
+        QStringList offered;
+        QTimer::singleShot(0, this, [&offered] {
+            QWidget *dialog = QApplication::activeModalWidget();
+            QVERIFY(dialog);
+            auto *combo = dialog->findChild<QComboBox *>(QStringLiteral("Combo1"));
+            for (int i = 0; combo && i < combo->count(); ++i)
+                offered << combo->itemText(i);
+            dialog->close();
+        });
+        main->child(WindowTable::networkIndex)->findChild<QAction *>(QStringLiteral("MnuAddNetwork"))->trigger();
+        const QString s = shared.path() + '/';
+        QCOMPARE(offered, (QStringList { shared.path(), s + "current/", s + "ios-15/", QString() }));
     }
 
     void toolbarClicksMaximiseRestoreAndTile()
