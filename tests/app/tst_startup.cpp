@@ -14,8 +14,8 @@
 #include <QSettings>
 #include <QTcpServer>
 #include <QTemporaryDir>
-#include <QTimer>
 #include <QTest>
+#include <QTimer>
 #include <QToolBar>
 #include <QUdpSocket>
 
@@ -285,7 +285,9 @@ private Q_SLOTS:
                 offered << combo->itemText(i);
             dialog->close();
         });
-        main->child(WindowTable::networkIndex)->findChild<QAction *>(QStringLiteral("MnuAddNetwork"))->trigger();
+        main->child(WindowTable::networkIndex)
+            ->findChild<QAction *>(QStringLiteral("MnuAddNetwork"))
+            ->trigger();
         const QString s = shared.path() + '/';
         QCOMPARE(offered, (QStringList { shared.path(), s + "current/", s + "ios-15/", QString() }));
     }
