@@ -30,10 +30,9 @@ inline void isolate()
     }
     const QString path = home.path();
     qputenv("HOME", QFile::encodeName(path));
-    const std::pair<const char *, const char *> folders[] = { { "XDG_CONFIG_HOME", "/.config" },
-                                                              { "XDG_DATA_HOME", "/.local/share" },
-                                                              { "XDG_STATE_HOME", "/.local/state" },
-                                                              { "XDG_CACHE_HOME", "/.cache" } };
+    const std::pair<const char *, const char *> folders[]
+        = { { "XDG_CONFIG_HOME", "/.config" }, { "XDG_DATA_HOME", "/.local/share" },
+              { "XDG_STATE_HOME", "/.local/state" }, { "XDG_CACHE_HOME", "/.cache" } };
     for (const auto &[name, folder] : folders) {
         QDir().mkpath(path + QLatin1String(folder));
         qputenv(name, QFile::encodeName(path + QLatin1String(folder)));
@@ -47,5 +46,5 @@ inline void isolate()
 
 // Qt's own main, with the isolation first.
 #define TW_TEST_MAIN(TestObject) QTEST_MAIN_WRAPPER(TestObject, tw::test::isolate(); QTEST_MAIN_SETUP())
-#define TW_TEST_GUILESS_MAIN(TestObject)                                                                          \
+#define TW_TEST_GUILESS_MAIN(TestObject)                                                                     \
     QTEST_MAIN_WRAPPER(TestObject, tw::test::isolate(); QTEST_QAPP_SETUP(QCoreApplication))

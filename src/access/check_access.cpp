@@ -5,6 +5,7 @@
 #include <QStringList>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 
 std::optional<int> octetValue(const QString &text)
 {
@@ -39,7 +40,8 @@ std::optional<int> octetValue(const QString &text)
     }
     const double value = std::strtod(QByteArray(start, p - start).constData(), nullptr);
     const double rounded = std::nearbyint(value); // half to even
-    if (!std::isfinite(rounded) || rounded < -32768 || rounded > 32767)
+    if (!std::isfinite(rounded) || rounded < std::numeric_limits<qint32>::min()
+        || rounded > std::numeric_limits<qint32>::max())
         return std::nullopt;
     return int(rounded);
 }
@@ -47,6 +49,11 @@ std::optional<int> octetValue(const QString &text)
 namespace {
 
 enum class Match { No, Yes, Failed };
+
+bool fits16(int value)
+{
+    return value >= std::numeric_limits<qint16>::min() && value <= std::numeric_limits<qint16>::max();
+}
 
 Match rowMatches(const QStringList &address, const AccessEntry &entry, QString *why)
 {
@@ -64,7 +71,13 @@ Match rowMatches(const QStringList &address, const AccessEntry &entry, QString *
             *why = QStringLiteral("an octet overflows");
             return Match::Failed;
         }
-        if ((*a & *m) != (*n & *m))
+        // The masked results are what must fit 16 bits: "40000" under 255 is 64.
+        const int maskedAddress = *a & *m, maskedNetwork = *n & *m;
+        if (!fits16(maskedAddress) || !fits16(maskedNetwork)) {
+            *why = QStringLiteral("an octet overflows");
+            return Match::Failed;
+        }
+        if (maskedAddress != maskedNetwork)
             return Match::No;
     }
     return Match::Yes;

@@ -26,9 +26,10 @@ class AccessList;
 // caller's business: the TFTP engine does it when the result is -1.
 
 namespace AccessDecision {
-// A row or address without four dot-separated parts, or an octet outside
-// -32768..32767, makes the decision fail: nothing is recorded, and the caller
-// answers nothing and keeps the slot as it was.
+// A row or address without four dot-separated parts, an octet beyond 32 bits,
+// or an octet whose masked result falls outside -32768..32767 makes the
+// decision fail: nothing is recorded, and the caller answers nothing and
+// keeps the slot as it was.
 constexpr int Failed = -2;
 constexpr int Refused = -1;
 constexpr int Read = 1;
@@ -56,5 +57,5 @@ int CheckAccess(const AccessList &list, const AccessRequest &request, const Tran
     const AccessVeto &veto = {}, QString *failure = nullptr);
 
 // The leading-number reading of one octet text, rounded to an integer;
-// nullopt when the value does not fit a 16-bit signed integer.
+// nullopt when the value does not fit a 32-bit signed integer.
 std::optional<int> octetValue(const QString &text);

@@ -51,6 +51,8 @@ Application::Application(const CommandLineOptions &options, QObject *parent)
     if (!m_options.logDir.isEmpty())
         m_logOptions->useLogDir(m_options.logDir);
     m_logRoutes->attach(*m_logReceiver);
+    // Log routing looks at console slots 3 up to the window count only.
+    m_logRoutes->setLastSlot([this] { return m_main ? int(m_main->windowTable().count) : 0; });
 }
 
 Application::~Application() = default;
@@ -202,6 +204,8 @@ void Application::loadMainWindow()
         reportBindFailure(QStringLiteral("TFTP"), m_options.tftpPort, QStringLiteral("--tftp-port"),
                           m_tftp->errorString());
     m_main->setSharedFolder(m_options.folderGiven ? m_options.folder : m_main->readFolderPathSetting());
+    if (m_options.folderGiven)
+        m_main->setRunOnlyFolder(m_options.folder);
     if (!m_logReceiver->bind(m_options.logPort))
         reportBindFailure(QStringLiteral("Log"), m_options.logPort, QStringLiteral("--log-port"),
                           m_logReceiver->errorString());

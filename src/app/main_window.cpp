@@ -302,7 +302,7 @@ QString MainWindow::tftpProfileText() const
 void MainWindow::saveSettings()
 {
     const std::unique_ptr<QSettings> settings = settingsStore();
-    if (!isMinimized()) {
+    if (m_everShown && !isMinimized()) {
         // Placement in twips, the window units of the designed layout.
         const QRect placement = geometry();
         settings->setValue(QStringLiteral("MainLeft"), placement.left() * tw::twipsPerPixel);
@@ -310,7 +310,8 @@ void MainWindow::saveSettings()
         settings->setValue(QStringLiteral("MainWidth"), placement.width() * tw::twipsPerPixel);
         settings->setValue(QStringLiteral("MainHeight"), placement.height() * tw::twipsPerPixel);
     }
-    settings->setValue(QStringLiteral("FolderPath"), m_sharedFolder);
+    if (m_sharedFolder != m_runOnlyFolder)
+        settings->setValue(QStringLiteral("FolderPath"), m_sharedFolder);
     settings->sync();
 }
 
@@ -334,6 +335,12 @@ void MainWindow::closeEvent(QCloseEvent *event)
         m_saved = true;
     }
     QMainWindow::closeEvent(event);
+}
+
+void MainWindow::showEvent(QShowEvent *event)
+{
+    m_everShown = true;
+    QMainWindow::showEvent(event);
 }
 
 bool MainWindow::eventFilter(QObject *watched, QEvent *event)

@@ -5,6 +5,7 @@
 #include <QHash>
 #include <QMainWindow>
 #include <functional>
+#include <optional>
 
 class QLabel;
 class QMdiArea;
@@ -69,6 +70,11 @@ public:
     // The status-bar panel that names the TFTP profile answering requests.
     void showTftpProfile(bool standard);
     QString tftpProfileText() const;
+    // A folder given for this run only (--folder): while it is the shared
+    // folder, unload leaves the stored "FolderPath" as it was.
+    void setRunOnlyFolder(const QString &folder) { m_runOnlyFolder = folder; }
+    // Unload steps: the placement (only for a window that has been on screen,
+    // so a --headless run writes none, and not while minimised) and the folder.
     void saveSettings();
 
     // A lasting problem (a port that could not be bound) shown in the status bar.
@@ -82,6 +88,7 @@ Q_SIGNALS:
 
 protected:
     void closeEvent(QCloseEvent *event) override;
+    void showEvent(QShowEvent *event) override;
     bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
@@ -101,4 +108,6 @@ private:
     ConsoleFactory m_consoleFactory;
     QString m_sharedFolder;
     bool m_saved = false;
+    bool m_everShown = false;
+    std::optional<QString> m_runOnlyFolder;
 };

@@ -167,9 +167,9 @@ void FolderScanner::Show_folders()
     const quint64 generation = ++m_generation;
     m_scanning = true;
     m_dirs.clear();
-    m_dirsCanonical.clear();
+    m_dirsRecord.clear();
+    m_records.clear();
     m_files.clear();
-    m_seen.clear();
     m_folders.setStringList({});
     m_currentFolder.clear();
     m_sinceYield.start();
@@ -181,8 +181,8 @@ void FolderScanner::Show_folders()
         m_currentFolder = m_sharedFolder;
         const QString canonical = QFileInfo(trimBlanks(m_sharedFolder)).canonicalFilePath();
         m_dirs.append(m_sharedFolder);
-        m_dirsCanonical.append(canonical);
-        m_seen.insert(canonical);
+        m_records.push_back({ canonical, -1 });
+        m_dirsRecord.append(0);
 
         QString anchor = QLatin1String(anchorSentinel);
         QStandardItem *anchorNode = nullptr;
@@ -196,12 +196,10 @@ void FolderScanner::Show_folders()
                 anchorNode = node;
                 anchor = current;
             }
-            // A copy: the scan appends to the queue, which may move its storage.
-            const QString canonical = m_dirsCanonical.first();
-            if (!scanFolder(current, canonical, node, generation))
+            if (!scanFolder(current, m_dirsRecord.first(), node, generation))
                 return; // a newer run has taken over
             m_dirs.removeFirst();
-            m_dirsCanonical.removeFirst();
+            m_dirsRecord.removeFirst();
         }
     }
     m_scanning = false;
@@ -228,9 +226,23 @@ bool FolderScanner::dropTree(quint64 generation)
     return true;
 }
 
-bool FolderScanner::scanFolder(
-    const QString &folder, const QString &canonical, QStandardItem *node, quint64 generation)
+bool FolderScanner::leadsBack(const QString &real, int record) const
 {
+    if (real.isEmpty())
+        return true; // cannot tell where it leads: not followed
+    const QString below = real.endsWith(QLatin1Char('/')) ? real : real + QLatin1Char('/');
+    for (int r = record; r >= 0; r = m_records[size_t(r)].parent) {
+        const QString &onRoute = m_records[size_t(r)].real;
+        if (onRoute == real || onRoute.startsWith(below))
+            return true;
+    }
+    return false;
+}
+
+bool FolderScanner::scanFolder(const QString &folder, int record, QStandardItem *node, quint64 generation)
+{
+    // A copy: the records grow during the scan, which may move their storage.
+    const QString canonical = m_records[size_t(record)].real;
     QString path = trimBlanks(folder);
     if (!path.endsWith(QLatin1Char('/')))
         path += QLatin1Char('/');
@@ -263,12 +275,12 @@ bool FolderScanner::scanFolder(
             const QString real = entry.isLink
                 ? QFileInfo(path + entry.name).canonicalFilePath()
                 : canonical + (canonical.endsWith(QLatin1Char('/')) ? "" : "/") + entry.name;
-            if (m_seen.contains(real))
-                continue; // a link back into the tree would never end
-            m_seen.insert(real);
+            if (entry.isLink && leadsBack(real, record))
+                continue; // following it would never end
             const QString sub = path + entry.name + QLatin1Char('/');
             m_dirs.append(sub);
-            m_dirsCanonical.append(real);
+            m_dirsRecord.append(int(m_records.size()));
+            m_records.push_back({ real, record });
             const int row = m_folders.rowCount();
             m_folders.insertRows(row, 1);
             m_folders.setData(m_folders.index(row), sub);

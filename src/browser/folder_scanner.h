@@ -2,11 +2,11 @@
 
 #include <QElapsedTimer>
 #include <QObject>
-#include <QSet>
 #include <QStandardItemModel>
 #include <QStringList>
 #include <QStringListModel>
 #include <functional>
+#include <vector>
 
 // The folder browser's engine: it owns what the "Files" window shows and what
 // the Add Network dialog copies, and rebuilds all of it from the shared folder
@@ -37,7 +37,10 @@
 //
 // Unreadable folders contribute nothing and stop nothing; no error is reported.
 // Folders whose names begin with "." are skipped with everything below them.
-// A folder reached twice (through a symbolic link) is scanned once only.
+// Every folder reachable by name is listed, a folder and each symbolic link to
+// it alike (so the same content may appear under several names); the one
+// guard is against loops: a link leading to the folder being scanned, to one
+// it was reached through, or to an ancestor of any of these is not followed.
 class FolderScanner : public QObject
 {
     Q_OBJECT
@@ -82,7 +85,8 @@ Q_SIGNALS:
 
 private:
     bool dropTree(quint64 generation);
-    bool scanFolder(const QString &folder, const QString &canonical, QStandardItem *node, quint64 generation);
+    bool scanFolder(const QString &folder, int record, QStandardItem *node, quint64 generation);
+    bool leadsBack(const QString &real, int record) const;
     void betweenEntries();
 
     QString m_sharedFolder;
@@ -90,9 +94,16 @@ private:
     QStandardItemModel m_tree;
     QStringListModel m_folders;
     QStringList m_dirs;
-    QStringList m_dirsCanonical; // real path of each queued folder, parallel to m_dirs
+    // Every folder queued so far: its real path and the folder it was found in,
+    // so the route to each folder can be followed back for the loop guard.
+    struct FolderRecord
+    {
+        QString real;
+        int parent; // -1 for the shared folder
+    };
+    std::vector<FolderRecord> m_records;
+    QList<int> m_dirsRecord; // the record of each queued folder, parallel to m_dirs
     QStringList m_files;
-    QSet<QString> m_seen;
     std::function<void()> m_eventHook;
     QElapsedTimer m_sinceYield;
     int m_yieldInterval = 15;

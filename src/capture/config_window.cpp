@@ -123,7 +123,12 @@ bool ConfigWindow::loadConfig(const QString &path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return false;
-    tw::setDocumentRichText(*m_configBox->document(), RtfReader::read(file.readAll()));
+    const QByteArray content = file.readAll();
+    // A file without the RTF header fails to load like an unreadable one: the
+    // view keeps what it shows rather than taking the file's raw text.
+    if (!content.startsWith("{\\rtf"))
+        return false;
+    tw::setDocumentRichText(*m_configBox->document(), RtfReader::read(content));
     return true;
 }
 

@@ -31,7 +31,8 @@ public:
 
     QTextEdit *configBox() const { return m_configBox; }
 
-    // Replace the contents with the file's (false, quietly, when unreadable);
+    // Replace the contents with the file's (false, quietly, when unreadable
+    // or not RTF: no "{\rtf" at its start);
     // write the whole view (false when the file cannot be written).
     bool loadConfig(const QString &path);
     bool saveConfig(const QString &path);

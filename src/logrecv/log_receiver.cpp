@@ -101,7 +101,7 @@ void LogReceiver::readPending()
     const bool toFile = m_options && m_options->logToFile();
     m_records.clear();
     QHostAddress from;
-    for (int batch = 0; batch < 256 && m_socket && m_socket->hasPendingDatagrams(); ++batch) {
+    for (int batch = 0; batch < batchLimit && m_socket && m_socket->hasPendingDatagrams(); ++batch) {
         const qint64 size = m_socket->readDatagram(m_buffer.data(), m_buffer.size(), &from);
         if (size < 0)
             break;

@@ -52,6 +52,10 @@ public:
     // The receive buffer the system actually granted, in bytes.
     int receiveBufferSize() const;
 
+    // Datagrams read per wake-up at most: what is left waits for the next turn
+    // of the event loop, so window events are served between batches.
+    static constexpr int batchLimit = 256;
+
     struct Counters
     {
         quint64 received = 0;

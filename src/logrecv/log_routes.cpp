@@ -7,6 +7,8 @@
 #include <QTextCursor>
 #include <QTextDocument>
 
+#include <limits>
+
 namespace {
 
 void insertAtEnd(QPlainTextEdit *logbox, const QString &chunk)
@@ -57,7 +59,9 @@ void LogRoutes::removeConsole(int slot)
 
 LogRoutes::Entry *LogRoutes::entryFor(const QString &sender)
 {
-    for (Entry &entry : m_consoles) {
+    const int last = m_lastSlot ? m_lastSlot() : std::numeric_limits<int>::max();
+    for (auto it = m_consoles.begin(); it != m_consoles.end() && it.key() <= last; ++it) {
+        Entry &entry = it.value();
         if (entry.logbox && entry.tagOf && entry.tagOf() == sender)
             return &entry;
     }

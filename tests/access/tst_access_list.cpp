@@ -132,7 +132,9 @@ private Q_SLOTS:
             { "short row fails", "10.0.0;255.0.0.0;;;;8", "10.1.1.1", 1, failed },
             { "blank row fails", "0.0.0.0;0.0.0.0;;;;0|", "10.1.1.1", 1, failed },
             { "short address fails", "0.0.0.0;0.0.0.0;;;;0", "10.1", 1, failed },
-            { "overflowing octet fails", "40000.0.0.0;255.0.0.0;;;;8", "10.1.1.1", 1, failed },
+            { "octet masked into range", "40000.0.0.0;255.0.0.0;;;;8", "64.1.1.1", 1, 1 },
+            { "masked octet overflows", "40000.0.0.0;65535.0.0.0;;;;8", "10.1.1.1", 1, failed },
+            { "octet beyond 32 bits fails", "1e10.0.0.0;0.0.0.0;;;;0", "10.1.1.1", 1, failed },
         };
         // A decision is always recorded exactly once, as allowed or blocked, unless it failed.
         for (const auto &[name, rows, address, kind, want] : cases) {
@@ -168,7 +170,7 @@ private Q_SLOTS:
     void octetValues()
     {
         const QList<QPair<QString, int>> cases { { " 255", 255 }, { " 0 ", 0 }, { "", 0 }, { "1e2", 100 },
-            { "2.5", 2 }, { "7.6", 8 }, { "-1", -1 }, { "abc", 0 }, { "12ab", 12 } };
+            { "2.5", 2 }, { "7.6", 8 }, { "-1", -1 }, { "abc", 0 }, { "12ab", 12 }, { "40000", 40000 } };
         for (const auto &[text, value] : cases)
             QCOMPARE(octetValue(text), std::optional<int>(value)); // halves round to even
     }

@@ -1,13 +1,21 @@
 #include "app/application.h"
 #include "app/main_window.h"
+#include "console/console_session.h"
+#include "console/console_window.h"
 #include "util/message_box.h"
 
 #include <QAction>
+#include <QApplication>
+#include <QComboBox>
 #include <QMdiArea>
 #include <QMdiSubWindow>
+#include <QPlainTextEdit>
+#include <QPushButton>
 #include <QSettings>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 #include <QToolBar>
 #include <QUdpSocket>
 
@@ -29,7 +37,8 @@ private:
         return probe.localPort();
     }
 
-    MainWindow *startApp(const QString &folderSetting = QString())
+    MainWindow *startApp(const QString &folderSetting = QString(),
+        const std::function<void(CommandLineOptions &)> &adjust = {})
     {
         QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
         settings.clear();
@@ -40,6 +49,8 @@ private:
         options.tftpPort = freeUdpPort();
         options.logPort = freeUdpPort();
         options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
+        if (adjust)
+            adjust(options);
         m_app = std::make_unique<Application>(options);
         m_app->start();
         return m_app->mainWindow();
@@ -160,6 +171,125 @@ private Q_SLOTS:
         QSettings settings = settingsStore();
         QCOMPARE(settings.value("Settings/MainLeft").toInt(), 4321);
         QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/other"));
+    }
+
+    // --folder serves one run: the stored folder survives it. A --headless run
+    // never shows its window and so stores no placement. A folder chosen during
+    // a --folder run is the user's choice and is stored as usual.
+    void folderForThisRunAndHeadlessPlacement()
+    {
+        const QString runFolder = m_temp.path();
+        MainWindow *main = startApp(QStringLiteral("/srv/stored"), [&](CommandLineOptions &options) {
+            options.folder = runFolder;
+            options.folderGiven = true;
+            options.headless = true;
+        });
+        QCOMPARE(main->sharedFolder(), runFolder);
+        QVERIFY(!main->isVisible());
+        m_app->shutDown();
+        {
+            QSettings settings = settingsStore();
+            QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/stored"));
+            for (const char *key :
+                { "Settings/MainLeft", "Settings/MainTop", "Settings/MainWidth", "Settings/MainHeight" })
+                QVERIFY2(!settings.contains(key), key);
+        }
+        m_app.reset();
+
+        main = startApp(QStringLiteral("/srv/stored"), [&](CommandLineOptions &options) {
+            options.folder = runFolder;
+            options.folderGiven = true;
+        });
+        main->setSharedFolder(QStringLiteral("/srv/chosen")); // "Change Folder" during the run
+        main->close();
+        QSettings settings = settingsStore();
+        QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/chosen"));
+        QVERIFY(settings.contains("Settings/MainLeft"));
+    }
+
+    // The real consoles as the program wires them: a console's TCP host is the
+    // address its log view answers to; routing looks at slots 3 up to the
+    // window count, so a console left above the count after a removal gets no
+    // lines; "Clear Log" empties the view and leaves the log file alone.
+    void logLinesReachTheRealConsoles()
+    {
+        QTcpServer r1, r2; // the devices the consoles connect to, on one port
+        QVERIFY(r1.listen(QHostAddress::LocalHost, 0));
+        QVERIFY(r2.listen(QHostAddress(QStringLiteral("127.0.0.2")), r1.serverPort()));
+        const quint16 logPort = freeUdpPort();
+        const QString logDir = m_temp.filePath(QStringLiteral("logs"));
+        MainWindow *main = startApp(QString(), [&](CommandLineOptions &options) {
+            options.telnetPort = r1.serverPort();
+            options.logPort = logPort;
+            options.connectHost = QStringLiteral("127.0.0.1");
+            options.logDir = logDir;
+        });
+        auto *first = qobject_cast<ConsoleWindow *>(main->child(WindowTable::firstConsoleIndex));
+        QVERIFY(first);
+        QCOMPARE(first->session()->deviceAddress(), QStringLiteral("127.0.0.1"));
+        // Datagrams to one socket from loopback arrive in the order sent: once the last one is
+        // shown, every earlier one has been routed or dropped.
+        const auto sendFrom = [logPort](const char *address, const QByteArray &text) {
+            QUdpSocket device;
+            QVERIFY(device.bind(QHostAddress(QLatin1String(address)), 0));
+            QCOMPARE(device.writeDatagram(text, QHostAddress::LocalHost, logPort), text.size());
+        };
+        sendFrom("127.0.0.1", "%SYS-5-CONFIG_I: r1 configured");
+        QTRY_COMPARE(first->logBox()->toPlainText(), QStringLiteral("%SYS-5-CONFIG_I: r1 configured\n"));
+
+        first->selectTab(2);
+        auto *clearLog = first->findChild<QPushButton *>(QStringLiteral("Command2"));
+        QVERIFY(clearLog && clearLog->text() == QStringLiteral("Clear Log"));
+        main->mdiArea()->setActiveSubWindow(main->frameOf(WindowTable::firstConsoleIndex));
+        QTRY_VERIFY(clearLog->isVisible());
+        QTest::mouseClick(clearLog, Qt::LeftButton);
+        QCOMPARE(first->logBox()->toPlainText(), QString());
+        const QStringList files = QDir(logDir).entryList(QDir::Files);
+        QCOMPARE(files.size(), 1);
+        QFile file(QDir(logDir).filePath(files.at(0)));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), QByteArray("%SYS-5-CONFIG_I: r1 configured\r\r\n"));
+
+        // Consoles at 5 and 6; the one at 6 talks to r2.
+        auto *fifth = qobject_cast<ConsoleWindow *>(main->newConsole());
+        auto *sixth = qobject_cast<ConsoleWindow *>(main->newConsole());
+        QVERIFY(fifth && sixth && main->child(6) == sixth);
+        sixth->session()->ConnectTCP(QStringLiteral("127.0.0.2"));
+        sendFrom("127.0.0.2", "r2 while in range");
+        QTRY_COMPARE(sixth->logBox()->toPlainText(), QStringLiteral("r2 while in range\n"));
+
+        QPointer<ConsoleWindow> closing = fifth;
+        main->frameOf(5)->close();
+        QTRY_VERIFY(!closing);
+        QCOMPARE(main->windowTable().count, qint16(5));
+        sendFrom("127.0.0.2", "r2 above the count");
+        sendFrom("127.0.0.1", "r1 after it");
+        QTRY_COMPARE(first->logBox()->toPlainText(), QStringLiteral("r1 after it\n"));
+        QCOMPARE(sixth->logBox()->toPlainText(), QStringLiteral("r2 while in range\n"));
+    }
+
+    // The Add Network dialog offers the folder browser's folders: a folder and
+    // a link to it that sorts first are both there.
+    void addNetworkOffersEveryFolderName()
+    {
+        QTemporaryDir shared;
+        QVERIFY(QDir(shared.path()).mkpath(QStringLiteral("ios-15")));
+        QVERIFY(QFile::link(QStringLiteral("ios-15"), shared.filePath(QStringLiteral("current"))));
+        MainWindow *main = startApp(shared.path());
+        QStringList offered;
+        QTimer::singleShot(0, this, [&offered] {
+            QWidget *dialog = QApplication::activeModalWidget();
+            QVERIFY(dialog);
+            auto *combo = dialog->findChild<QComboBox *>(QStringLiteral("Combo1"));
+            for (int i = 0; combo && i < combo->count(); ++i)
+                offered << combo->itemText(i);
+            dialog->close();
+        });
+        main->child(WindowTable::networkIndex)
+            ->findChild<QAction *>(QStringLiteral("MnuAddNetwork"))
+            ->trigger();
+        const QString s = shared.path() + '/';
+        QCOMPARE(offered, (QStringList { shared.path(), s + "current/", s + "ios-15/", QString() }));
     }
 
     void toolbarClicksMaximiseRestoreAndTile()

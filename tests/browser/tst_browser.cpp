@@ -88,6 +88,7 @@ class TestBrowser : public QObject
 private Q_SLOTS:
     void treeOfNestedFolders();
     void unreadableAndMissingFolders();
+    void everyFolderByEveryName();
     void scanLetsEventsInAndCanBeTakenOver();
     void windowChangesFolderAndCancels();
 };
@@ -145,6 +146,29 @@ void TestBrowser::unreadableAndMissingFolders()
         QVERIFY(scan(tmp.path()).at(1).contains(s + "a locked/secret.bin"));
 
     QCOMPARE(scan("/nonexistent/tftp"), lines("~\n\n\n~:1||", "/nonexistent/tftp"));
+}
+
+// A link that sorts before its folder hides nothing, nor does a second link
+// to it: each name is a folder of its own in the tree and the lists. Only a
+// link leading back to the folder being scanned, to one on the way to it or
+// to an ancestor is not followed, even when two links lead to each other's
+// folders.
+void TestBrowser::everyFolderByEveryName()
+{
+    QTemporaryDir tmp;
+    const QString s = tmp.path() + '/';
+    touch(tmp.path(), { "ios-15/image.bin", "a/x.txt", "c/y.txt" });
+    QVERIFY(QFile::link("ios-15", s + "current") && QFile::link(s + "ios-15", s + "zz-also"));
+    QVERIFY(QFile::link("..", s + "ios-15/up") && QFile::link(".", s + "ios-15/self"));
+    QVERIFY(QFile::link("../c", s + "a/b") && QFile::link("../a", s + "c/d"));
+    QCOMPARE(scan(tmp.path()),
+        lines("~,~/a/,~/c/,~/current/,~/ios-15/,~/zz-also/,~/a/b/,~/c/d/\n"
+              "~/a/x.txt,~/c/y.txt,~/current/image.bin,~/ios-15/image.bin,~/zz-also/image.bin,~/a/b/y.txt,"
+              "~/c/d/x.txt\n\n"
+              "~:1||~/a/:1,~/c/:1,~/current/:1,~/ios-15/:1,~/zz-also/:1,~/a/b/:1,~/c/d/:1\n"
+              "~/a/:1|~|x.txt:4\n~/c/:1|~|y.txt:4\n~/current/:1|~|image.bin:3\n~/ios-15/:1|~|image.bin:3\n"
+              "~/zz-also/:1|~|image.bin:3\n~/a/b/:1|~|y.txt:4\n~/c/d/:1|~|x.txt:4",
+            tmp.path()));
 }
 
 void TestBrowser::scanLetsEventsInAndCanBeTakenOver()

@@ -140,7 +140,8 @@ private Q_SLOTS:
     }
 
     // Save and load through the dialogs: the preset name, a cancelled dialog falling back to
-    // "config.rtf" in the working folder, a missing file loading nothing, a failed save reported.
+    // "config.rtf" in the working folder, a missing file or one that is not RTF loading nothing
+    // and saying nothing, a failed save reported.
     void windowSaveAndLoad()
     {
         ConfigWindow source, target;
@@ -165,6 +166,15 @@ private Q_SLOTS:
         QVERIFY(QFile::remove(m_dir.filePath(QStringLiteral("config.rtf"))));
         target.loadConfigClicked();
         QCOMPARE(contents(target), contents(source));
+        for (const QByteArray &notRtf : { QByteArray("hostname r1\n"), QByteArray(" {\\rtf1 late header}"),
+                 QByteArray("{\\rt"), QByteArray() }) {
+            chosen = m_dir.filePath(QStringLiteral("running-config.txt"));
+            QFile file(chosen);
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(notRtf) == notRtf.size());
+            file.close();
+            target.findChild<QAction *>(QStringLiteral("MnuLoadConfig"))->trigger();
+            QCOMPARE(contents(target), contents(source));
+        }
         QVERIFY(m_messages.isEmpty());
         chosen = m_dir.filePath(QStringLiteral("no/such/dir/x.rtf"));
         source.saveConfigClicked();

@@ -120,7 +120,7 @@ private Q_SLOTS:
         QVERIFY(shown(5).isEmpty() && shown(6).isEmpty());
         QCOMPARE(QDir(m_dir->path()).entryList(QDir::Files).size(), 2); // none for the dropped one
 
-        // "Clear Log" empties the view only; with the switch off nothing more is written.
+        // An emptied view takes the next line alone; with the switch off nothing more is written.
         m_consoles.at(3)->logbox->clear();
         m_options->setLogToFile(false);
         send("third, view only");
@@ -150,7 +150,9 @@ private Q_SLOTS:
     }
 
     // 10,000 messages at 10,000 a second from another process into a shown log view: every one
-    // is shown and written, and the event loop never stalls long enough for a user to notice.
+    // is shown and written, and the event loop keeps turning: between two of its turns the receiver
+    // takes at most one bounded batch, however fast or slow the machine. (The longest stall in
+    // processor time is printed for information; it depends on the machine.)
     void flood()
     {
         addConsole(3, QStringLiteral("127.0.0.1"));
@@ -168,23 +170,29 @@ private Q_SLOTS:
         sender.start(
             TW_FLOOD_SENDER, { "127.0.0.1", QString::number(m_receiver->localPort()), "10000", "10000" });
         QVERIFY2(sender.waitForStarted(), "flood sender missing");
-        // A real event loop (not QTest's sleeping wait), served exactly as in the program.
+        // A real event loop (not QTest's sleeping wait), served exactly as in the program. A zero
+        // timer runs once per turn of the loop.
         QEventLoop loop;
         QTimer ticker;
         qint64 longestGap = 0, last = cpuMs(); // starting the sender is not the receiver's stall
+        quint64 largestTurn = 0, before = 0;
         connect(&ticker, &QTimer::timeout, &loop, [&] {
             longestGap = qMax(longestGap, cpuMs() - std::exchange(last, cpuMs()));
-            if (m_receiver->counters().received >= 10000)
+            const quint64 received = m_receiver->counters().received;
+            largestTurn = qMax(largestTurn, received - std::exchange(before, received));
+            if (received >= 10000)
                 loop.quit();
         });
-        ticker.start(5);
+        ticker.start(0);
         QTimer::singleShot(30000, &loop, &QEventLoop::quit);
         loop.exec();
         sender.waitForFinished();
         QCOMPARE(m_receiver->counters().received, quint64(10000));
         QCOMPARE(m_receiver->counters().written, quint64(10000));
         QCOMPARE(view->document()->blockCount(), 10001);
-        QVERIFY2(longestGap < 50, qPrintable(QStringLiteral("event loop busy for %1 ms").arg(longestGap)));
+        qInfo("longest event-loop stall: %lld ms of processor time; most datagrams in one turn: %llu",
+            longestGap, largestTurn);
+        QVERIFY(largestTurn <= quint64(LogReceiver::batchLimit));
     }
 
     // "Log To File" and the folder are program-wide; a cancelled picker changes nothing. The popup's "Copy"

@@ -396,8 +396,10 @@ private Q_SLOTS:
             if (i % 3 == 0)
                 sendFrom(client, packet(1 + i % 4, 1).left(i / 4 % 4), client.peer);
             if (i % 25 == 24)
-                QVERIFY2(allHandled(), qPrintable(QString("%1 datagrams sent, %2 traced").arg(sent).arg(
-                                           readFile(f.tracePath).count('\n'))));
+                QVERIFY2(allHandled(),
+                    qPrintable(QString("%1 datagrams sent, %2 traced")
+                                   .arg(sent)
+                                   .arg(readFile(f.tracePath).count('\n'))));
         }
         QVERIFY(client.silent(200));
         QVERIFY(fuzzer.silent(1));
