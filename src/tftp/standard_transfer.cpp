@@ -1,6 +1,7 @@
 #include "tftp/standard_transfer.h"
 
 #include "tftp/capture_sink.h"
+#include "tftp/file_blocks.h"
 #include "tftp/tftp_packet.h"
 
 #include <QFile>
@@ -13,18 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-qint64 readAt(int fd, char *into, qint64 length, qint64 offset)
-{
-    qint64 got = 0;
-    while (got < length) {
-        const ssize_t n = ::pread(fd, into + got, size_t(length - got), off_t(offset + got));
-        if (n <= 0)
-            break;
-        got += n;
-    }
-    return got;
-}
 
 int wireNumber(const QByteArray &datagram)
 {

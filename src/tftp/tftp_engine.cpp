@@ -3,6 +3,7 @@
 #include "access/access_list.h"
 #include "access/check_access.h"
 #include "tftp/capture_sink.h"
+#include "tftp/file_blocks.h"
 #include "tftp/tftp_packet.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
@@ -47,18 +48,6 @@ public:
 private:
     int m_fd;
 };
-
-qint64 readAt(int fd, char *into, qint64 length, qint64 offset)
-{
-    qint64 got = 0;
-    while (got < length) {
-        const ssize_t n = ::pread(fd, into + got, size_t(length - got), off_t(offset + got));
-        if (n <= 0)
-            break;
-        got += n;
-    }
-    return got;
-}
 
 QString joinPath(const QString &folder, const QString &name)
 {
