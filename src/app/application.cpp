@@ -123,7 +123,9 @@ void Application::start()
 
     if (!m_options.headless) {
         m_main->show();
-        (new Splash)->show();
+        // Owned by the main window, so a run that ends before the splash's
+        // timer does not leave it behind.
+        (new Splash(Splash::defaultShowMilliseconds, m_main.get()))->show();
     }
     m_main->arrangeSideBySide();
 }

@@ -9,7 +9,8 @@ class Splash : public QWidget
 {
     Q_OBJECT
 public:
-    explicit Splash(int showMilliseconds = 2000, QWidget *parent = nullptr);
+    static constexpr int defaultShowMilliseconds = 2000;
+    explicit Splash(int showMilliseconds = defaultShowMilliseconds, QWidget *parent = nullptr);
 
     static QString versionText();
 };
