@@ -23,33 +23,12 @@
 #include <QTcpSocket>
 #include <QTest>
 
+#include "pty_device.h"
+
 #include <fcntl.h>
 #include <pty.h>
 #include <termios.h>
 #include <unistd.h>
-
-// The device on a serial line: the master side of a pseudo-terminal.
-struct PtyDevice
-{
-    int master = -1, slave = -1;
-    QString path;
-    QByteArray got; // everything the console has written so far
-    PtyDevice()
-    {
-        char name[128] = {};
-        if (openpty(&master, &slave, name, nullptr, nullptr) == 0)
-            path = QString::fromLocal8Bit(name);
-        ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK);
-    }
-    ~PtyDevice() { ::close(master), ::close(slave); }
-    QByteArray received()
-    {
-        char buffer[4096];
-        for (ssize_t n; (n = ::read(master, buffer, sizeof buffer)) > 0;)
-            got.append(buffer, n);
-        return got;
-    }
-};
 
 static const QString noCaption = QStringLiteral("(none)");
 using Appends = QList<QPair<QString, quint32>>;

@@ -10,6 +10,7 @@
 #include "tftp/tftp_options.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
+#include "tftp_test_peer.h"
 
 #include <QDir>
 #include <QNetworkDatagram>
@@ -25,41 +26,12 @@
 #include <sys/resource.h>
 
 using TM = TransferMonitor;
+using namespace tftptest;
 
 namespace {
-template <size_t N> QByteArray bytes(const char (&text)[N])
-{
-    return QByteArray(text, N - 1);
-}
-QByteArray request(
-    int op, const QByteArray &name, const QByteArray &mode = "octet", const QByteArray &options = {})
-{
-    return QByteArray(1, '\0') + char(op) + name + '\0' + mode + '\0' + options;
-}
-QByteArray packet(int op, int block, const QByteArray &payload = {})
-{
-    return QByteArray(1, '\0') + char(op) + char((block >> 8) & 0xff) + char(block & 0xff) + payload;
-}
 QByteArray error(int code, const QByteArray &text)
 {
     return packet(5, code, text + '\0');
-}
-QByteArray pattern(qint64 size)
-{
-    QByteArray out(size, Qt::Uninitialized);
-    for (qint64 i = 0; i < size; ++i)
-        out[i] = char((i * 31 + 7 + i / 509) & 0xff);
-    return out;
-}
-bool writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
-}
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
 }
 // Large images are written in 1 MB pieces so the test never holds two copies of them.
 bool writeLarge(const QString &path, qint64 size)
@@ -84,22 +56,6 @@ bool sameFiles(const QString &a, const QString &b)
     return true;
 }
 
-struct Client
-{
-    QUdpSocket socket;
-    quint16 peer = 0;
-    Client() { socket.bind(QHostAddress::LocalHost, 0); }
-    void send(const QByteArray &d, quint16 port) { socket.writeDatagram(d, QHostAddress::LocalHost, port); }
-    QByteArray next(int timeoutMs = 3000)
-    {
-        if (!QTest::qWaitFor([this] { return socket.hasPendingDatagrams(); }, timeoutMs))
-            return {};
-        const QNetworkDatagram d = socket.receiveDatagram();
-        peer = quint16(d.senderPort());
-        return d.data().isEmpty() ? "<empty datagram>" : d.data();
-    }
-    bool silent(int ms) { return next(ms).isEmpty(); }
-};
 
 struct Fixture
 {
