@@ -269,15 +269,8 @@ bool SshConnection::stepStage()
     case Stage::WaitPassword:
         return false;
     case Stage::Connecting: {
-        const int rc = ssh_connect(d->session);
-        if (rc == SSH_AGAIN)
-            return false;
-        if (rc != SSH_OK) {
-            fail(QStringLiteral("cannot connect to %1: %2").arg(d->host, libsshError()));
-            return false;
-        }
-        d->stage = Stage::HostKey;
-        return true;
+        return advance(ssh_connect(d->session), Stage::HostKey,
+            QStringLiteral("cannot connect to %1: %2").arg(d->host, QStringLiteral("%1")));
     }
     case Stage::HostKey:
         return checkHostKey();
@@ -299,40 +292,33 @@ bool SshConnection::stepStage()
     return false;
 }
 
+bool SshConnection::advance(int rc, Stage next, const QString &failure)
+{
+    if (rc == SSH_AGAIN)
+        return false;
+    if (rc != SSH_OK) {
+        fail(failure.arg(libsshError()));
+        return false;
+    }
+    d->stage = next;
+    return true;
+}
+
 bool SshConnection::openShell()
 {
     if (d->stage == Stage::OpenChannel) {
         if (!d->channel)
             d->channel = ssh_channel_new(d->session);
-        const int rc = d->channel ? ssh_channel_open_session(d->channel) : SSH_ERROR;
-        if (rc == SSH_AGAIN)
-            return false;
-        if (rc != SSH_OK) {
-            fail(QStringLiteral("%1 opened no session: %2").arg(d->host, libsshError()));
-            return false;
-        }
-        d->stage = Stage::RequestPty;
-        return true;
+        return advance(d->channel ? ssh_channel_open_session(d->channel) : SSH_ERROR, Stage::RequestPty,
+            QStringLiteral("%1 opened no session: %2").arg(d->host, QStringLiteral("%1")));
     }
-    if (d->stage == Stage::RequestPty) {
-        const int rc = ssh_channel_request_pty_size(d->channel, "vt100", m_columns, m_rows);
-        if (rc == SSH_AGAIN)
-            return false;
-        if (rc != SSH_OK) {
-            fail(QStringLiteral("%1 gave no terminal: %2").arg(d->host, libsshError()));
-            return false;
-        }
-        d->stage = Stage::RequestShell;
-        return true;
-    }
-    const int rc = ssh_channel_request_shell(d->channel);
-    if (rc == SSH_AGAIN)
+    if (d->stage == Stage::RequestPty)
+        return advance(ssh_channel_request_pty_size(d->channel, "vt100", m_columns, m_rows),
+            Stage::RequestShell,
+            QStringLiteral("%1 gave no terminal: %2").arg(d->host, QStringLiteral("%1")));
+    if (!advance(ssh_channel_request_shell(d->channel), Stage::Open,
+            QStringLiteral("%1 started no shell: %2").arg(d->host, QStringLiteral("%1"))))
         return false;
-    if (rc != SSH_OK) {
-        fail(QStringLiteral("%1 started no shell: %2").arg(d->host, libsshError()));
-        return false;
-    }
-    d->stage = Stage::Open;
     m_handshakeTimer->stop();
     Q_EMIT opened();
     return d->session != nullptr; // read what has arrived already

@@ -82,6 +82,9 @@ private:
     void onTcpConnected();
     void step();
     bool stepStage();
+    // One non-blocking libssh step's result: on to `next` when done, a failure
+    // (`failure` with %1 for libssh's reason) when refused, else wait.
+    bool advance(int rc, Stage next, const QString &failure);
     bool checkHostKey();
     bool authenticate();
     bool tryKeyFiles();
