@@ -314,12 +314,8 @@ void ConsoleSession::send(const QByteArray &bytes)
 {
     if (bytes.isEmpty())
         return;
-    if (m_serial->isOpen())
-        m_serial->write(bytes);
-    if (tcpConnected())
-        m_tcp->write(bytes);
-    if (m_ssh->isOpen())
-        m_ssh->write(bytes);
+    sendSerial(bytes);
+    writeNetwork(bytes);
 }
 
 void ConsoleSession::writeNetwork(const QByteArray &bytes)
