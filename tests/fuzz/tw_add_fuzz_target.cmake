@@ -9,6 +9,11 @@ set(TW_FUZZ_DIR ${CMAKE_CURRENT_LIST_DIR})
 
 function(tw_add_fuzz_target name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    foreach(lib ${ARG_LIBS})
+        if(NOT TARGET ${lib})
+            return() # its subsystem is not part of this build
+        endif()
+    endforeach()
     set(corpus ${TW_FUZZ_DIR}/corpus/${name})
     if(TW_FUZZ)
         add_executable(fuzz_${name} ${ARG_SOURCES})
