@@ -57,7 +57,8 @@ private Q_SLOTS:
             const QString parsed = t
                 ? QStringLiteral("%1 %2 %3 %4").arg(t->kind, t->host).arg(t->port).arg(t->user)
                 : QStringLiteral("-");
-            QVERIFY2(parsed == QLatin1String(expected), text);
+            QVERIFY2(parsed == QLatin1String(expected),
+                qPrintable(QStringLiteral("%1 gave %2").arg(text, parsed)));
         }
     }
 
