@@ -52,36 +52,12 @@ QByteArray digest(const QString &path)
     return file.open(QIODevice::ReadOnly) && hash.addData(&file) ? hash.result() : "<unreadable>";
 }
 
-struct Fixture
+// The standard profile's server, with its intervals long enough never to fire unasked.
+struct StandardFixture : Fixture
 {
-    QTemporaryDir dir;
-    TM monitor;
-    AccessList acl;
-    TftpServer server { &monitor, &acl };
-    quint16 port = 0;
-    QString folder = dir.filePath("share");
-
-    explicit Fixture(const QByteArray &content = {}, bool start = true)
-    {
-        port = [] {
-            QUdpSocket probe;
-            probe.bind(QHostAddress::LocalHost, 0);
-            return probe.localPort();
-        }();
-        QDir().mkpath(folder);
-        acl.appendEntry({ "0.0.0.0", maskDisplayForm(0), "yes", "yes", folder, 0 });
-        server.setPort(port);
-        server.setBindAddress(QHostAddress::LocalHost);
-        server.setTraceFilePath(dir.filePath("bugfix.ini"));
-        server.setIntervals(60000, 60000, 60000);
-        server.setStandardProfile(true);
-        if (!content.isNull())
-            writeFile(path("f.bin"), content);
-        if (start && !server.start())
-            qFatal("cannot start: %s", qPrintable(server.errorString()));
-    }
-    QString path(const QString &name) const { return folder + '/' + name; }
-    QString transfer(int row, int column) const { return monitor.transferText(row, column); }
+    explicit StandardFixture(const QByteArray &content = {}, bool start = true)
+        : Fixture(content, start, 60000, 60000, 60000, true)
+    { }
 };
 
 // Runs a client program to its end, keeping the event loop (and so the server) going.
@@ -136,7 +112,7 @@ private Q_SLOTS:
         QFETCH(bool, download);
         QFETCH(qint64, size);
         QFETCH(int, exitCode);
-        Fixture f;
+        StandardFixture f;
         const QString local = f.dir.filePath("local.bin"), remote = f.path("f.bin");
         QVERIFY(writeLarge(download ? remote : local, size));
         if (!download)
@@ -168,7 +144,7 @@ private Q_SLOTS:
     void netascii()
     {
         const QByteArray text = "hostname r1\ninterface e0\n ip address 10.0.0.1\r\nend\n";
-        Fixture f(text);
+        StandardFixture f(text);
         const QString got = f.dir.filePath("got.txt"), sent = f.dir.filePath("sent.txt");
         QVERIFY(writeFile(sent, text + "! uploaded\n"));
         const QString port = QString::number(f.port);
@@ -215,7 +191,7 @@ private Q_SLOTS:
         QFETCH(QByteArray, options);
         QFETCH(QByteArray, reply);
         QFETCH(int, blockSize);
-        Fixture f(pattern(1000));
+        StandardFixture f(pattern(1000));
         Client client;
         client.send(request(1, "f.bin", "octet", options), f.port);
         if (!reply.isEmpty()) { // the OACK, and DATA 1 only after ACK 0
@@ -230,7 +206,7 @@ private Q_SLOTS:
     void blockNumbersRollOver()
     {
         const qint64 size = 65537 * 8 + 3;
-        Fixture f(pattern(size));
+        StandardFixture f(pattern(size));
         Client client;
         client.send(request(1, "f.bin", "octet", bytes("blksize\0008\0windowsize\00064\0")), f.port);
         QCOMPARE(client.next(), bytes("\0\6blksize\0008\0windowsize\00064\0"));
@@ -253,7 +229,7 @@ private Q_SLOTS:
     // re-sends, five times, and then the transfer is given up.
     void windowsAndTimeouts()
     {
-        Fixture f(pattern(8 * 20));
+        StandardFixture f(pattern(8 * 20));
         f.server.setRetransmitInterval(150);
         Client client;
         client.send(request(1, "f.bin", "octet", bytes("blksize\0008\0windowsize\0004\0")), f.port);
@@ -290,7 +266,7 @@ private Q_SLOTS:
     // listening port is ignored; the client's own ERROR ends the transfer as in the classic profile.
     void strangersAndErrors()
     {
-        Fixture f(pattern(2000));
+        StandardFixture f(pattern(2000));
         Client client, stranger;
         stranger.send(error(0, "junk"), f.port);
         stranger.send(packet(4, 1), f.port);
@@ -326,7 +302,7 @@ private Q_SLOTS:
     // repeated final DATA is acknowledged again while the slot is held. Capture writes nothing.
     void uploadsReplaceWhole()
     {
-        Fixture f(QByteArray(3000, 'A'));
+        StandardFixture f(QByteArray(3000, 'A'));
         f.server.setRetransmitInterval(100);
         Client client;
         client.send(request(2, "f.bin"), f.port);
@@ -360,7 +336,7 @@ private Q_SLOTS:
     // classic profile.
     void failedDecision()
     {
-        Fixture f(pattern(100));
+        StandardFixture f(pattern(100));
         f.acl.appendEntry({ "", "", "", "", "", 0 }); // the blank line of a hand-edited file
         QSignalSpy reports(&f.server, &TftpServer::accessDecisionFailed);
         Client client;
@@ -382,7 +358,7 @@ private Q_SLOTS:
     // A full disk (here a file-size limit): ERROR 3, the old file kept, no temporary one.
     void diskFull()
     {
-        Fixture f(QByteArray(100, 'A'));
+        StandardFixture f(QByteArray(100, 'A'));
         Client client;
         client.send(request(2, "f.bin"), f.port);
         QCOMPARE(client.next(), packet(4, 0));
@@ -408,7 +384,6 @@ private Q_SLOTS:
     void classicProgressAndStrangers()
     {
         Fixture f(pattern(2000), false);
-        f.server.setStandardProfile(false);
         f.server.setIntervals(60000, 300, 60000);
         QVERIFY(f.server.start());
         Client client, stranger;
@@ -449,7 +424,7 @@ private Q_SLOTS:
     // catches an upload without touching the disk.
     void junkThenGoodTransfers()
     {
-        Fixture f(pattern(3000));
+        StandardFixture f(pattern(3000));
         Client client, fuzzer;
         client.send(request(1, "f.bin", "octet", bytes("blksize\000600\0")), f.port);
         QVERIFY(client.next().startsWith(bytes("\0\6")));
