@@ -298,8 +298,8 @@ private Q_SLOTS:
         QCOMPARE(f.server.listenerSlot(), 0);
     }
 
-    // An upload cut off half-way leaves the old file as it was; a finished one replaces it whole; a
-    // repeated final DATA is acknowledged again while the slot is held. Capture writes nothing.
+    // An upload cut off half-way or by a full disk leaves the old file as it was; a finished one replaces
+    // it whole; a repeated final DATA is acknowledged again while the slot is held.
     void uploadsReplaceWhole()
     {
         StandardFixture f(QByteArray(3000, 'A'));
@@ -330,6 +330,25 @@ private Q_SLOTS:
         second.send(packet(3, 2, "end"), second.peer);
         QCOMPARE(second.next(), packet(4, 2));
         QCOMPARE(f.transfer(2, TM::DataSentReceived), QString("515 bytes"));
+        // A full disk (here a file-size limit): ERROR 3, the old file kept, no temporary one.
+        Client client3;
+        client3.send(request(2, "f.bin"), f.port);
+        QCOMPARE(client3.next(), packet(4, 0));
+        ::signal(SIGXFSZ, SIG_IGN);
+        rlimit old {};
+        ::getrlimit(RLIMIT_FSIZE, &old);
+        const rlimit small { 1000, old.rlim_max };
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        QByteArray reply;
+        for (int block = 1; block <= 3 && !reply.startsWith(bytes("\0\5")); ++block) {
+            client3.send(packet(3, block, QByteArray(512, 'b')), client3.peer);
+            reply = client3.next();
+        }
+        ::setrlimit(RLIMIT_FSIZE, &old);
+        QCOMPARE(reply, error(3, "Disk full or allocation exceeded"));
+        QTRY_COMPARE(f.transfer(3, TM::Status), QString("DISK FULL"));
+        QCOMPARE(readFile(f.path("f.bin")), QByteArray(512, 'c') + "end");
+        QCOMPARE(QDir(f.folder).entryList(QDir::Hidden | QDir::Files), QStringList { "f.bin" });
     }
 
     // A broken access-list row is reported once per cause and answered with ERROR 2 here, silence in the
@@ -353,30 +372,6 @@ private Q_SLOTS:
         QVERIFY(client.silent(150));
         QCOMPARE(reports.count(), 1);
         QCOMPARE(f.monitor.transferCount(), 0);
-    }
-
-    // A full disk (here a file-size limit): ERROR 3, the old file kept, no temporary one.
-    void diskFull()
-    {
-        StandardFixture f(QByteArray(100, 'A'));
-        Client client;
-        client.send(request(2, "f.bin"), f.port);
-        QCOMPARE(client.next(), packet(4, 0));
-        ::signal(SIGXFSZ, SIG_IGN);
-        rlimit old {};
-        ::getrlimit(RLIMIT_FSIZE, &old);
-        const rlimit small { 1000, old.rlim_max };
-        ::setrlimit(RLIMIT_FSIZE, &small);
-        QByteArray reply;
-        for (int block = 1; block <= 3 && !reply.startsWith(bytes("\0\5")); ++block) {
-            client.send(packet(3, block, QByteArray(512, 'b')), client.peer);
-            reply = client.next();
-        }
-        ::setrlimit(RLIMIT_FSIZE, &old);
-        QCOMPARE(reply, error(3, "Disk full or allocation exceeded"));
-        QTRY_COMPARE(f.transfer(1, TM::Status), QString("DISK FULL"));
-        QCOMPARE(readFile(f.path("f.bin")), QByteArray(100, 'A'));
-        QCOMPARE(QDir(f.folder).entryList(QDir::Hidden | QDir::Files), QStringList { "f.bin" });
     }
 
     // The classic profile: progress in the request's own row, a stranger's ACK served (the block still goes
