@@ -1,13 +1,21 @@
 #pragma once
 
-// What both TFTP test executables build datagrams and files with, and the
-// hand-made client that checks what real clients cannot show.
+// What both TFTP test executables build datagrams and files with, the hand-made client
+// that checks what real clients cannot show, and a server on a free loopback port.
+
+#include "access/access_list.h"
+#include "access/mask_display.h"
+#include "tftp/tftp_server.h"
+#include "tftp/transfer_monitor.h"
 
 #include <QByteArray>
+#include <QDir>
 #include <QFile>
 #include <QHostAddress>
 #include <QNetworkDatagram>
+#include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 #include <QUdpSocket>
 
 namespace tftptest {
@@ -59,6 +67,68 @@ struct Client
         return d.data().isEmpty() ? "<empty datagram>" : d.data();
     }
     bool silent(int ms) { return next(ms).isEmpty(); }
+};
+
+struct Fixture
+{
+    QTemporaryDir dir;
+    TransferMonitor monitor;
+    AccessList acl;
+    TftpServer server { &monitor, &acl };
+    quint16 port = 0;
+    QString folder = dir.filePath("share"), tracePath = dir.filePath("bugfix.ini");
+
+    // Short timer intervals stand in for the 30 s hold, 10 s refresh and 8 s refusal. The server
+    // starts with `content` in f.bin unless `start` is false.
+    explicit Fixture(const QByteArray &content = {}, bool start = true, int holdMs = 60000,
+        int refreshMs = 60000, int refusalMs = 60000, bool standard = false)
+    {
+        port = [] {
+            QUdpSocket probe;
+            probe.bind(QHostAddress::LocalHost, 0);
+            return probe.localPort();
+        }();
+        QDir().mkpath(folder);
+        acl.appendEntry({ "0.0.0.0", maskDisplayForm(0), "yes", "yes", folder, 0 });
+        server.setPort(port);
+        server.setBindAddress(QHostAddress::LocalHost);
+        server.setTraceFilePath(tracePath);
+        server.setIntervals(holdMs, refreshMs, refusalMs);
+        server.setStandardProfile(standard);
+        if (!content.isNull())
+            writeFile(path("f.bin"), content);
+        if (start && !server.start())
+            qFatal("cannot start: %s", qPrintable(server.errorString()));
+    }
+    QString path(const QString &name) const { return folder + '/' + name; }
+    QString socket(int slot, int column = TransferMonitor::SocketStatus) const
+    {
+        return monitor.socketText(slot, column);
+    }
+    QString transfer(int row, int column) const { return monitor.transferText(row, column); }
+    // The interval the slot's own timer runs with, 0 when it is not running.
+    int slotTimer(int slot)
+    {
+        for (QTimer *timer : server.findChildren<QTimer *>("Timer1"))
+            if (timer->property("slot").toInt() == slot)
+                return timer->isActive() ? timer->interval() : 0;
+        return -1;
+    }
+    // Fetches a whole file whose size is not a multiple of 512.
+    QByteArray download(Client &client, const QByteArray &name)
+    {
+        client.send(request(1, name), port);
+        QByteArray got;
+        for (int block = 1;; ++block) {
+            const QByteArray d = client.next();
+            if (d.left(4) != packet(3, block))
+                return "<broken at block " + QByteArray::number(block) + ">";
+            got += d.mid(4);
+            client.send(packet(4, block), client.peer);
+            if (d.size() < 516)
+                return got;
+        }
+    }
 };
 
 } // namespace tftptest
