@@ -14,6 +14,7 @@ class BrowserWindow;
 class ChildWindow;
 class ConsoleWindow;
 class MainWindow;
+class StandardServer;
 class TftpServer;
 class TransferMonitor;
 class TransferWindow;
@@ -38,6 +39,7 @@ public:
     TransferMonitor *monitor() const { return m_monitor.get(); }
     AccessList *accessList() const { return m_accessList.get(); }
     TftpServer *tftpServer() const { return m_tftp.get(); }
+    StandardServer *standardServer() const { return m_standard.get(); }
     BrowserWindow *browser() const { return m_browser; }
     ConfigWindow *configWindow() const { return m_config; }
     LogReceiver *logReceiver() const { return m_logReceiver.get(); }
@@ -61,6 +63,7 @@ private:
     std::unique_ptr<TransferMonitor> m_monitor;
     std::unique_ptr<AccessList> m_accessList;
     std::unique_ptr<TftpServer> m_tftp;
+    std::unique_ptr<StandardServer> m_standard;
     std::unique_ptr<LogOptions> m_logOptions;
     std::unique_ptr<LogRoutes> m_logRoutes;
     std::unique_ptr<LogReceiver> m_logReceiver;

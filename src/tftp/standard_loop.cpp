@@ -1,0 +1,174 @@
+#include "tftp/standard_loop.h"
+
+#include <QSocketNotifier>
+#include <QTimer>
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+EpollNet::EpollNet()
+    : m_epoll(::epoll_create1(EPOLL_CLOEXEC))
+{ }
+
+EpollNet::~EpollNet()
+{
+    if (m_epoll >= 0)
+        ::close(m_epoll);
+}
+
+int EpollNet::open(quint32 address, quint16 port)
+{
+    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        m_error = QString::fromLocal8Bit(std::strerror(errno));
+        return -1;
+    }
+    const int on = 1;
+    // The listener learns which of the host's addresses each request reached,
+    // so the transfer can answer from that same address.
+    if (port != 0)
+        ::setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
+    sockaddr_in local {};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(address);
+    local.sin_port = htons(port);
+    epoll_event event {};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    if (::bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local) != 0
+        || ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &event) != 0) {
+        m_error = QString::fromLocal8Bit(std::strerror(errno));
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+void EpollNet::close(int socket)
+{
+    ::close(socket); // also leaves the epoll set
+}
+
+quint16 EpollNet::localPort(int socket) const
+{
+    sockaddr_in local {};
+    socklen_t length = sizeof local;
+    if (::getsockname(socket, reinterpret_cast<sockaddr *>(&local), &length) != 0)
+        return 0;
+    return ntohs(local.sin_port);
+}
+
+void EpollNet::send(int socket, const QByteArray &datagram, quint32 to, quint16 port)
+{
+    sockaddr_in peer {};
+    peer.sin_family = AF_INET;
+    peer.sin_addr.s_addr = htonl(to);
+    peer.sin_port = htons(port);
+    // A full send buffer drops the datagram; the retransmission timer covers it.
+    [[maybe_unused]] const ssize_t sent = ::sendto(socket, datagram.constData(), size_t(datagram.size()), 0,
+        reinterpret_cast<sockaddr *>(&peer), sizeof peer);
+}
+
+int EpollNet::sendBufferBytes(int socket) const
+{
+    int bytes = 0;
+    socklen_t length = sizeof bytes;
+    if (::getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, &length) != 0)
+        return 65536;
+    return bytes;
+}
+
+qint64 EpollNet::read(
+    int socket, char *buffer, qint64 size, quint32 *sender, quint16 *senderPort, quint32 *destination)
+{
+    sockaddr_in from {};
+    iovec io { buffer, size_t(size) };
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))];
+    msghdr message {};
+    message.msg_name = &from;
+    message.msg_namelen = sizeof from;
+    message.msg_iov = &io;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t n = ::recvmsg(socket, &message, 0);
+    if (n < 0)
+        return -1;
+    *sender = ntohl(from.sin_addr.s_addr);
+    *senderPort = ntohs(from.sin_port);
+    *destination = 0;
+    for (cmsghdr *c = CMSG_FIRSTHDR(&message); c; c = CMSG_NXTHDR(&message, c)) {
+        if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info;
+            std::memcpy(&info, CMSG_DATA(c), sizeof info);
+            *destination = ntohl(info.ipi_addr.s_addr);
+        }
+    }
+    return n;
+}
+
+StandardLoop::StandardLoop(QObject *parent)
+    : QObject(parent)
+    , m_engine(new StandardEngine(&m_net, this))
+    , m_notifier(new QSocketNotifier(m_net.epollFd(), QSocketNotifier::Read, this))
+    , m_timer(new QTimer(this))
+    , m_flush(new QTimer(this))
+    , m_buffer(65536 + 4, Qt::Uninitialized)
+{
+    m_timer->setSingleShot(true);
+    m_flush->setSingleShot(true);
+    m_flush->setInterval(flushMs);
+    connect(m_notifier, &QSocketNotifier::activated, this, &StandardLoop::readable);
+    connect(m_timer, &QTimer::timeout, this, [this] {
+        m_engine->expire(m_engine->now());
+        settle();
+    });
+    connect(m_flush, &QTimer::timeout, m_engine, &StandardEngine::flush);
+}
+
+StandardLoop::~StandardLoop()
+{
+    delete m_engine; // closes its sockets while the epoll set still exists
+    m_engine = nullptr;
+}
+
+void StandardLoop::readable()
+{
+    epoll_event events[256];
+    const int ready = ::epoll_wait(m_net.epollFd(), events, 256, 0);
+    for (int i = 0; i < ready; ++i) {
+        const int socket = events[i].data.fd;
+        for (int n = 0; n < datagramsPerWakeUp; ++n) {
+            quint32 sender = 0, destination = 0;
+            quint16 port = 0;
+            const qint64 size
+                = m_net.read(socket, m_buffer.data(), m_buffer.size(), &sender, &port, &destination);
+            if (size < 0)
+                break;
+            // The engine may close this socket while handling the datagram.
+            const bool open = m_engine->receive(
+                socket, QByteArray::fromRawData(m_buffer.constData(), size), sender, port, destination);
+            if (!open)
+                break;
+        }
+    }
+    m_engine->expire(m_engine->now());
+    settle();
+}
+
+void StandardLoop::settle()
+{
+    const qint64 next = m_engine->nextDeadline();
+    if (next >= 0) {
+        const qint64 wait = qMax<qint64>(0, next - m_engine->now());
+        if (!m_timer->isActive() || m_timer->remainingTime() > wait)
+            m_timer->start(int(qMin<qint64>(wait, 1 << 30)));
+    }
+    if (m_engine->hasUpdates() && !m_flush->isActive())
+        m_flush->start();
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "tftp/standard_engine.h"
+
+#include <QObject>
+
+class QSocketNotifier;
+class QTimer;
+
+// The standard engine's sockets, as plain non-blocking descriptors in one
+// epoll set. The engine's thread watches only the epoll descriptor, so a
+// wake-up costs the same with one open transfer as with a thousand (Qt's
+// own dispatcher polls every registered socket on every wake-up).
+class EpollNet : public EngineNet
+{
+public:
+    EpollNet();
+    ~EpollNet() override;
+
+    int epollFd() const { return m_epoll; }
+    int open(quint32 address, quint16 port) override;
+    void close(int socket) override;
+    quint16 localPort(int socket) const override;
+    void send(int socket, const QByteArray &datagram, quint32 to, quint16 port) override;
+    int sendBufferBytes(int socket) const override;
+    QString errorString() const override { return m_error; }
+
+    // The next datagram on socket into buffer; -1 when none is waiting. The
+    // local address it was sent to comes from IP_PKTINFO (0 when not given).
+    qint64 read(
+        int socket, char *buffer, qint64 size, quint32 *sender, quint16 *senderPort, quint32 *destination);
+
+private:
+    int m_epoll;
+    QString m_error;
+};
+
+// The engine's event loop side: it lives on the engine's thread, reads what
+// epoll reports (a bounded number of datagrams per socket and wake-up, so
+// one busy transfer cannot starve the others or the engine's timers), fires
+// retransmission timers through one QTimer, and flushes monitor updates in
+// batches every flushMs.
+class StandardLoop : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr int flushMs = 100;
+    static constexpr int datagramsPerWakeUp = 16; // per socket
+
+    explicit StandardLoop(QObject *parent = nullptr);
+    ~StandardLoop() override;
+
+    StandardEngine *engine() { return m_engine; }
+    // Call after anything that may have changed timers or rows from outside a wake-up.
+    void settle();
+
+private:
+    void readable();
+
+    EpollNet m_net;
+    StandardEngine *m_engine;
+    QSocketNotifier *m_notifier;
+    QTimer *m_timer;
+    QTimer *m_flush;
+    QByteArray m_buffer;
+};
