@@ -31,8 +31,14 @@ int EpollNet::open(quint32 address, quint16 port)
     const int on = 1;
     // The listener learns which of the host's addresses each request reached,
     // so the transfer can answer from that same address.
-    if (port != 0)
+    if (port != 0) {
         ::setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
+        // A rack booting at once sends its requests in one burst: room for a
+        // few thousand of them (beyond net.core.rmem_max only with the privilege).
+        const int bytes = 4 << 20;
+        if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    }
     sockaddr_in local {};
     local.sin_family = AF_INET;
     local.sin_addr.s_addr = htonl(address);
