@@ -301,9 +301,7 @@ private Q_SLOTS:
             return true;
         };
         for (int i = 0; i < 6000; ++i) {
-            QByteArray junk(int(rng.bounded(i % 2 ? 36 : 600)), Qt::Uninitialized);
-            for (char &c : junk)
-                c = char(rng.bounded(256));
+            QByteArray junk = tw::test::junk(rng, i % 2 ? 36 : 600);
             if (i % 2)
                 junk.prepend(packet(rng.bounded(7), rng.bounded(65536)));
             if (const int op = TftpPacket::opcode(junk); op >= 3 && op <= 5)
