@@ -193,7 +193,7 @@ private Q_SLOTS:
     void errorFromClientAndTrace()
     {
         Fixture f(pattern(2000), false);
-        f.acl.appendEntry({ "10.0.0.0", maskDisplayForm(8), "yes", "yes", "/nowhere", 8 });
+        f.acl.appendEntry({ "127.0.0.128", maskDisplayForm(25), "yes", "yes", "/nowhere", 25 });
         f.acl.insertRow(0, f.acl.takeRow(1));
         QVERIFY(f.server.start());
         Client client;

@@ -143,7 +143,7 @@ private Q_SLOTS:
     // tftp-hpa's client in netascii mode: line ends become CR LF on the wire and come back as they were.
     void netascii()
     {
-        const QByteArray text = "hostname r1\ninterface e0\n ip address 10.0.0.1\r\nend\n";
+        const QByteArray text = "hostname r1\ninterface e0\n ip address 127.0.0.5\r\nend\n";
         StandardFixture f(text);
         const QString got = f.dir.filePath("got.txt"), sent = f.dir.filePath("sent.txt");
         QVERIFY(writeFile(sent, text + "! uploaded\n"));
