@@ -41,6 +41,7 @@ struct StandardEngine::Transfer
     quint32 peer = 0;
     quint16 peerPort = 0;
     quint64 serial = 0;
+    QByteArray request;
     StandardRow row;
     std::unique_ptr<StandardTransfer> protocol;
     qint64 lastAdvance = 0;
@@ -170,7 +171,8 @@ void StandardEngine::handleRequest(
         return;
     // The client repeated its request before our first reply reached it: the
     // transfer it asked for already runs.
-    if (m_byPeer.contains(peerKey(sender, senderPort)))
+    const auto running = m_byPeer.constFind(peerKey(sender, senderPort));
+    if (running != m_byPeer.cend() && m_transfers.at(*running)->request == datagram)
         return;
     const quint32 local = destination ? destination : m_address;
     if (runningTransfers() >= m_maxTransfers) {
@@ -283,6 +285,7 @@ void StandardEngine::handleRequest(
     t.peer = sender;
     t.peerPort = senderPort;
     t.serial = ++m_nextSerial;
+    t.request = QByteArray(datagram.constData(), datagram.size()); // the datagram is only lent
     t.row = row;
     t.row.running = true;
     t.protocol = std::move(protocol);
@@ -374,7 +377,9 @@ void StandardEngine::end(Transfer &t, const QString &status)
     // file is already in place.
     const int socket = t.socket;
     m_net->close(socket);
-    m_byPeer.remove(peerKey(t.peer, t.peerPort));
+    const auto key = peerKey(t.peer, t.peerPort);
+    if (m_byPeer.value(key) == socket)
+        m_byPeer.remove(key);
     m_byAge.erase(t.serial);
     m_socketsDirty = true;
     m_transfers.erase(socket); // t is gone from here on

@@ -153,7 +153,7 @@ private:
     QStringList m_reportedFailures;
 
     std::unordered_map<int, std::unique_ptr<Transfer>> m_transfers; // by socket
-    QHash<quint64, int> m_byPeer; // (address << 16 | port) of the client -> socket
+    QHash<quint64, int> m_byPeer; // (address << 16 | port) of the client -> its latest transfer's socket
     std::map<quint64, int> m_byAge; // serial -> socket, oldest first
     using Due = std::pair<qint64, std::pair<int, quint64>>; // when, (socket, serial)
     std::priority_queue<Due, std::vector<Due>, std::greater<Due>> m_timers;
