@@ -4,6 +4,7 @@
 
 #include "access/access_list.h"
 #include "access/mask_display.h"
+#include "tftp/standard_engine.h"
 #include "tftp/standard_server.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
@@ -86,6 +87,24 @@ struct RawClient
         peer = ntohs(from.sin_port);
         return n < 0 ? QByteArray() : QByteArray(buffer, int(n));
     }
+};
+
+// The engine's sockets in memory, for driving it with a clock of the test's own.
+struct MemoryNet : EngineNet
+{
+    QList<QByteArray> sent;
+    QMap<int, quint16> ports;
+    int open(quint32, quint16 port) override
+    {
+        const int socket = ports.isEmpty() ? 3 : ports.lastKey() + 1;
+        ports.insert(socket, port ? port : quint16(40000 + socket));
+        return socket;
+    }
+    void close(int socket) override { ports.remove(socket); }
+    quint16 localPort(int socket) const override { return ports.value(socket); }
+    void send(int, const QByteArray &datagram, quint32, quint16) override { sent << datagram; }
+    int sendBufferBytes(int) const override { return 212992; }
+    QString errorString() const override { return {}; }
 };
 
 } // namespace
@@ -223,6 +242,37 @@ private Q_SLOTS:
         QTRY_COMPARE(f.transfer(2, TM::Status), QString("FINISHED OK"));
         QCOMPARE(f.transfer(2, TM::DataSentReceived), QString("1100 bytes"));
         QTRY_COMPARE(f.monitor.socketText(2, TM::SocketStatus), QString("ready"));
+    }
+
+    // The retransmission timer counts from the last progress: a transfer that moves on, however slowly,
+    // is never re-sent to; one that stops is, after the full interval.
+    void retransmitOnlyWhenQuiet()
+    {
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.filePath("f.bin"), pattern(512 * 40)));
+        MemoryNet net;
+        StandardEngine engine(&net);
+        qint64 clock = 0;
+        engine.setClock([&clock] { return clock; });
+        engine.setAccessEntries({ { "0.0.0.0", maskDisplayForm(0), "yes", "yes", dir.path(), 0 } });
+        engine.setAddress(0x7f000001, 69);
+        QVERIFY(engine.listen());
+        engine.receive(engine.listenerSocket(), request(1, "f.bin"), 0x7f000001, 5000, 0x7f000001);
+        const int socket = net.ports.lastKey();
+        for (int block = 1; block <= 30; ++block) {
+            QCOMPARE(net.sent.size(), block);
+            QCOMPARE(net.sent.last().left(4), packet(3, block));
+            clock += 3000; // well inside the 5 s timeout each time, far beyond it in total
+            engine.expire(clock);
+            engine.receive(socket, packet(4, block), 0x7f000001, 5000, 0x7f000001);
+        }
+        clock += 4999;
+        engine.expire(clock);
+        QCOMPARE(net.sent.size(), 31);
+        clock += 1;
+        engine.expire(clock);
+        QCOMPARE(net.sent.size(), 32);
+        QCOMPARE(net.sent.last(), net.sent[30]); // block 31 again
     }
 
     // The list keeps at most TftpKeepRows rows: the oldest finished go, a running one stays.
