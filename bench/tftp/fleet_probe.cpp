@@ -95,7 +95,8 @@ int main(int argc, char **argv)
             sockaddr_in from {};
             socklen_t length = sizeof from;
             if (::poll(&p, 1, 2000) == 1
-                && ::recvfrom(allowed, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&from), &length) >= 4
+                && ::recvfrom(allowed, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&from), &length)
+                    >= 4
                 && buffer[1] == 3) {
                 times.push_back(
                     std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count());

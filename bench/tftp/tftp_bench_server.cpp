@@ -57,9 +57,8 @@ int main(int argc, char **argv)
     standard.setBindAddress(QHostAddress::LocalHost);
     standard.setConfine(parser.isSet("confine"));
     standard.setMaxTransfers(parser.value("tftp-max-transfers").toInt());
-    QObject::connect(&standard, &StandardServer::limitReached, [](const QString &text) {
-        std::fprintf(stderr, "%s\n", qPrintable(text));
-    });
+    QObject::connect(&standard, &StandardServer::limitReached,
+        [](const QString &text) { std::fprintf(stderr, "%s\n", qPrintable(text)); });
     server.setStandardProfile(parser.isSet("tftp-standard"));
 
     std::unique_ptr<TransferWindow> window;

@@ -17,11 +17,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <netinet/in.h>
 #include <netinet/udp.h>
 #include <poll.h>
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -102,7 +102,8 @@ double roundTrips(bool epoll, int idle, int rounds)
     std::thread peer([&] {
         char block[516] = {};
         for (int i = 0; i < rounds; ++i) {
-            ::sendto(echo, block, sizeof block, 0, reinterpret_cast<sockaddr *>(&busyAddress), sizeof busyAddress);
+            ::sendto(
+                echo, block, sizeof block, 0, reinterpret_cast<sockaddr *>(&busyAddress), sizeof busyAddress);
             ::recv(echo, block, sizeof block, 0);
         }
     });
@@ -144,7 +145,8 @@ double windowCost(bool gso, bool batchReceive, int windows)
                     messages[i].msg_hdr.msg_iovlen = 1;
                 }
                 pollfd p { receiver, POLLIN, 0 };
-                const int n = ::poll(&p, 1, 1) == 1 ? ::recvmmsg(receiver, messages, 16, MSG_DONTWAIT, nullptr) : 0;
+                const int n
+                    = ::poll(&p, 1, 1) == 1 ? ::recvmmsg(receiver, messages, 16, MSG_DONTWAIT, nullptr) : 0;
                 if (n > 0)
                     received += n;
             } else {
@@ -176,7 +178,8 @@ double windowCost(bool gso, bool batchReceive, int windows)
                 std::perror("sendmsg with UDP_SEGMENT");
         } else {
             for (int i = 0; i < 16; ++i)
-                ::sendto(sender, window.data() + i * 1472, 1472, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+                ::sendto(
+                    sender, window.data() + i * 1472, 1472, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
         }
         // Stay within the receiver's buffer (and give up if datagrams are lost).
         const auto waitStart = Clock::now();

@@ -289,6 +289,9 @@ void StandardEngine::handleRequest(
     t.row = row;
     t.row.running = true;
     t.protocol = std::move(protocol);
+    t.protocol->setBatchSender([this, tp = &t](const QByteArray &datagrams, int segment) {
+        m_net->sendSegments(tp->socket, datagrams, segment, tp->peer, tp->peerPort);
+    });
     t.lastAdvance = now();
     m_byPeer.insert(peerKey(sender, senderPort), socket);
     m_byAge[t.serial] = socket;

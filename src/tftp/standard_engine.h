@@ -33,6 +33,13 @@ public:
     virtual void close(int socket) = 0;
     virtual quint16 localPort(int socket) const = 0;
     virtual void send(int socket, const QByteArray &datagram, quint32 to, quint16 port) = 0;
+    // Datagrams back to back, each `segment` bytes but the last; one by one
+    // unless the I/O can hand them to the kernel at once.
+    virtual void sendSegments(int socket, const QByteArray &datagrams, int segment, quint32 to, quint16 port)
+    {
+        for (qsizetype at = 0; at < datagrams.size(); at += segment)
+            send(socket, datagrams.mid(at, segment), to, port);
+    }
     // What the socket's send buffer holds, so a window never overflows it.
     virtual int sendBufferBytes(int socket) const = 0;
     virtual QString errorString() const = 0;

@@ -7,9 +7,14 @@
 #include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
+#include <netinet/udp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#ifndef UDP_SEGMENT
+#define UDP_SEGMENT 103 // Linux 4.18; older C libraries lack the name
+#endif
 
 EpollNet::EpollNet()
     : m_epoll(::epoll_create1(EPOLL_CLOEXEC))
@@ -78,6 +83,37 @@ void EpollNet::send(int socket, const QByteArray &datagram, quint32 to, quint16 
     // A full send buffer drops the datagram; the retransmission timer covers it.
     [[maybe_unused]] const ssize_t sent = ::sendto(socket, datagram.constData(), size_t(datagram.size()), 0,
         reinterpret_cast<sockaddr *>(&peer), sizeof peer);
+}
+
+void EpollNet::sendSegments(int socket, const QByteArray &datagrams, int segment, quint32 to, quint16 port)
+{
+    if (m_segments) {
+        sockaddr_in peer {};
+        peer.sin_family = AF_INET;
+        peer.sin_addr.s_addr = htonl(to);
+        peer.sin_port = htons(port);
+        iovec io { const_cast<char *>(datagrams.constData()), size_t(datagrams.size()) };
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(quint16))] = {};
+        msghdr message {};
+        message.msg_name = &peer;
+        message.msg_namelen = sizeof peer;
+        message.msg_iov = &io;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        cmsghdr *c = CMSG_FIRSTHDR(&message);
+        c->cmsg_level = SOL_UDP;
+        c->cmsg_type = UDP_SEGMENT;
+        c->cmsg_len = CMSG_LEN(sizeof(quint16));
+        const quint16 size = quint16(segment);
+        std::memcpy(CMSG_DATA(c), &size, sizeof size);
+        if (::sendmsg(socket, &message, 0) >= 0 || errno == EAGAIN || errno == EWOULDBLOCK)
+            return; // a full buffer drops the window; the retransmission timer covers it
+        if (errno != EIO && errno != EINVAL && errno != ENOPROTOOPT && errno != EOPNOTSUPP)
+            return;
+        m_segments = false; // no GSO on this kernel or route: one by one from now on
+    }
+    EngineNet::sendSegments(socket, datagrams, segment, to, port);
 }
 
 int EpollNet::sendBufferBytes(int socket) const

@@ -22,6 +22,9 @@ public:
     void close(int socket) override;
     quint16 localPort(int socket) const override;
     void send(int socket, const QByteArray &datagram, quint32 to, quint16 port) override;
+    // UDP GSO (UDP_SEGMENT): one system call for a window; one by one where the kernel refuses it.
+    void sendSegments(
+        int socket, const QByteArray &datagrams, int segment, quint32 to, quint16 port) override;
     int sendBufferBytes(int socket) const override;
     QString errorString() const override { return m_error; }
 
@@ -32,6 +35,7 @@ public:
 
 private:
     int m_epoll;
+    bool m_segments = true; // UDP GSO works here, until the kernel says otherwise
     QString m_error;
 };
 

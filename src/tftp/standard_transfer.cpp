@@ -134,14 +134,45 @@ void StandardTransfer::start()
 void StandardTransfer::sendWindow(qint64 from)
 {
     const qint64 end = m_acked + m_options.windowSize;
-    // The last block may turn up (netascii, a shrunk file) while the window is made.
-    for (qint64 block = from; block <= end && block <= m_lastBlock; ++block) {
-        sendBlock(block);
-        m_sentUpTo = qMax(m_sentUpTo, block);
+    const int segment = 4 + m_options.blockSize;
+    // Up to 64 KB of datagrams go out in one call where a batch sender is set.
+    const int perBatch = qMin(maxBatch, 65000 / segment);
+    if (!m_sendBatch || perBatch < 2 || end == from) {
+        // The last block may turn up (netascii, a shrunk file) while the window is made.
+        for (qint64 block = from; block <= end && block <= m_lastBlock; ++block) {
+            sendBlock(block);
+            m_sentUpTo = qMax(m_sentUpTo, block);
+        }
+        return;
     }
+    m_batch.clear();
+    int count = 0;
+    const auto flush = [&] {
+        if (count == 1)
+            m_send(m_batch);
+        else if (count > 1)
+            m_sendBatch(m_batch, segment);
+        m_batch.clear();
+        count = 0;
+    };
+    for (qint64 block = from; block <= end && block <= m_lastBlock; ++block) {
+        makeBlock(block);
+        m_batch += m_buffer;
+        ++count;
+        m_sentUpTo = qMax(m_sentUpTo, block);
+        if (count == perBatch || m_buffer.size() < segment)
+            flush();
+    }
+    flush();
 }
 
 void StandardTransfer::sendBlock(qint64 block)
+{
+    makeBlock(block);
+    m_send(m_buffer);
+}
+
+void StandardTransfer::makeBlock(qint64 block)
 {
     const int blockSize = m_options.blockSize;
     qint64 length;
@@ -166,7 +197,6 @@ void StandardTransfer::sendBlock(qint64 block)
         m_lastLength = length;
     }
     m_buffer.resize(4 + length);
-    m_send(m_buffer);
 }
 
 qint64 StandardTransfer::fillText(qint64 block, char *into)

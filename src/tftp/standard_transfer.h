@@ -38,6 +38,10 @@ class StandardTransfer
 public:
     enum class Outcome { Running, Finished, Failed };
     using Sender = std::function<void(const QByteArray &datagram)>;
+    // Sends several datagrams at once: `datagrams` holds them back to back,
+    // each `segment` bytes long but the last, which may be shorter.
+    using BatchSender = std::function<void(const QByteArray &datagrams, int segment)>;
+    static constexpr int maxBatch = 64; // datagrams per batch (the kernel's limit for UDP GSO)
 
     static constexpr int maxTries = 5;
 
@@ -51,6 +55,9 @@ public:
     static std::unique_ptr<StandardTransfer> forWrite(const QString &targetPath,
         const TftpOptions::Negotiation &options, bool netascii, CaptureSink *capture, Sender send,
         QString *errorText);
+
+    // Windows of more than one block go out through `send` in one call per batch.
+    void setBatchSender(BatchSender send) { m_sendBatch = std::move(send); }
 
     // Sends the first datagram: the OACK when options were accepted,
     // otherwise DATA 1 (read) or ACK 0 (write).
@@ -83,6 +90,7 @@ private:
     StandardTransfer(bool read, const TftpOptions::Negotiation &options, Sender send);
     void sendWindow(qint64 from);
     void sendBlock(qint64 block);
+    void makeBlock(qint64 block); // into m_buffer
     qint64 fillText(qint64 block, char *into);
     Outcome failWith(int code, const QByteArray &message, const QString &why);
     bool store(const QByteArray &local); // bytes as they go to disk or capture
@@ -92,6 +100,8 @@ private:
     bool m_read;
     TftpOptions::Negotiation m_options;
     Sender m_send;
+    BatchSender m_sendBatch;
+    QByteArray m_batch;
     int m_tries = 0;
     quint64 m_advances = 0;
     bool m_done = false;
