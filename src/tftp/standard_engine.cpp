@@ -385,14 +385,18 @@ void StandardEngine::end(Transfer &t, const QString &status)
         m_byPeer.remove(key);
     m_byAge.erase(t.serial);
     m_socketsDirty = true;
+    m_progressDue.remove(socket);
     m_transfers.erase(socket); // t is gone from here on
 }
 
 void StandardEngine::showProgress(Transfer &t, bool final)
 {
     const qint64 at = now();
-    if (!final && t.lastShown >= 0 && at - t.lastShown < progressMs)
+    if (!final && t.lastShown >= 0 && at - t.lastShown < progressMs) {
+        // Shown by a later flush, so a transfer that stops mid-way still shows how far it got.
+        m_progressDue.insert(t.socket);
         return;
+    }
     t.lastShown = at;
     const qint64 done = t.protocol->bytesDone(), total = t.protocol->totalBytes();
     QString text;
@@ -439,6 +443,17 @@ void StandardEngine::expire(qint64 at)
 
 void StandardEngine::flush()
 {
+    for (auto it = m_progressDue.begin(); it != m_progressDue.end();) {
+        const auto found = m_transfers.find(*it);
+        if (found == m_transfers.end()) {
+            it = m_progressDue.erase(it);
+        } else if (now() - found->second->lastShown >= progressMs) {
+            it = m_progressDue.erase(it);
+            showProgress(*found->second, false);
+        } else {
+            ++it;
+        }
+    }
     if (!m_pendingRows.empty()) {
         QList<StandardRow> rows;
         rows.reserve(qsizetype(m_pendingRows.size()));

@@ -7,6 +7,7 @@
 #include <QHash>
 #include <QList>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <array>
@@ -115,7 +116,7 @@ public:
     qint64 nextDeadline() const;
     void expire(qint64 now);
 
-    bool hasUpdates() const { return !m_pendingRows.empty() || m_socketsDirty; }
+    bool hasUpdates() const { return !m_pendingRows.empty() || m_socketsDirty || !m_progressDue.isEmpty(); }
     void flush(); // sends what changed since the last flush
 
 Q_SIGNALS:
@@ -166,6 +167,7 @@ private:
     std::priority_queue<Due, std::vector<Due>, std::greater<Due>> m_timers;
 
     std::map<quint64, StandardRow> m_pendingRows;
+    QSet<int> m_progressDue; // sockets of transfers whose newest progress is not shown yet
     bool m_socketsDirty = true;
     StandardSocketRows m_shownSockets;
 };

@@ -170,7 +170,10 @@ StandardLoop::StandardLoop(QObject *parent)
         m_engine->expire(m_engine->now());
         settle();
     });
-    connect(m_flush, &QTimer::timeout, m_engine, &StandardEngine::flush);
+    connect(m_flush, &QTimer::timeout, this, [this] {
+        m_engine->flush();
+        settle(); // progress held back by the rate limit is shown by the next flush
+    });
 }
 
 StandardLoop::~StandardLoop()
