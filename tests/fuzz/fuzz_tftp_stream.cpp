@@ -1,7 +1,7 @@
-// libFuzzer target: the classic TFTP server and then the standard engine fed
-// a stream of datagrams from a few senders, with their sockets replaced by
-// in-memory ones and their timers fired on demand (the engine's clock moved
-// on), so nothing waits.
+// libFuzzer target: the classic TFTP server fed a stream of datagrams from a
+// few senders, with its sockets replaced by in-memory ones and its timers
+// fired on demand, so nothing waits. (The standard engine has its own target,
+// fuzz_tftp_standard.cpp, reading the same records.)
 //
 // Input: records of [control][length][length bytes].
 //   control bits 0-1: the sender (three addresses, two ports each);
@@ -14,7 +14,6 @@
 #include "access/mask_display.h"
 #include "tftp/capture_sink.h"
 #include "tftp/datagram_socket.h"
-#include "tftp/standard_engine.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
 
@@ -25,7 +24,6 @@
 #include <QTemporaryDir>
 #include <QTimer>
 
-#include <algorithm>
 #include <cstdint>
 #include <deque>
 
@@ -138,82 +136,6 @@ void resetFiles()
         exact.write(QByteArray(1024, 'e'));
 }
 
-// The standard engine's sockets: handles with ports, datagrams sent into the void.
-class MemoryNet : public EngineNet
-{
-public:
-    QMap<int, quint16> ports; // handle -> port, in the order opened
-    int open(quint32, quint16 port) override
-    {
-        if (port != 0 && std::find(ports.cbegin(), ports.cend(), port) != ports.cend())
-            return -1;
-        ports.insert(m_next, port ? port : m_nextPort++);
-        return m_next++;
-    }
-    void close(int socket) override { ports.remove(socket); }
-    quint16 localPort(int socket) const override { return ports.value(socket); }
-    void send(int, const QByteArray &datagram, quint32, quint16) override
-    {
-        m_sent += quint64(datagram.size());
-    }
-    int sendBufferBytes(int) const override { return 212992; }
-    QString errorString() const override { return QStringLiteral("in use"); }
-
-private:
-    int m_next = 3;
-    quint16 m_nextPort = 40000;
-    quint64 m_sent = 0;
-};
-
-void runStandard(const uint8_t *data, size_t size)
-{
-    resetFiles();
-    MemoryNet network;
-    StandardEngine engine(&network);
-    qint64 clock = 0;
-    engine.setClock([&clock] { return clock; });
-    const QString share = folder().filePath(QStringLiteral("share"));
-    engine.setAccessEntries({ { QStringLiteral("0.0.0.0"), maskDisplayForm(0), QStringLiteral("yes"),
-                                  QStringLiteral("yes"), share, 0 },
-        { QStringLiteral("10.0.0.3"), maskDisplayForm(32), QStringLiteral("no"), QStringLiteral("no"), share,
-            32 } });
-    engine.setAddress(0, 69);
-    engine.setMaxTransfers(4);
-    engine.setCapturing(size > 0 && (data[0] & 1));
-    engine.setConfine(size > 0 && (data[0] & 2));
-    engine.listen();
-    const quint32 senders[3] = { 0x0a000001, 0x0a000002, 0x0a000003 };
-    size_t at = 1;
-    while (at + 2 <= size) {
-        const uint8_t control = data[at];
-        const uint8_t length = data[at + 1];
-        at += 2;
-        const int target = (control >> 2) & 7;
-        if (target == 7) { // time moves on by up to 25.5 s and the due timers fire
-            clock += qint64(length) * 100;
-            engine.expire(clock);
-            engine.flush();
-            continue;
-        }
-        const QByteArray datagram(
-            reinterpret_cast<const char *>(data + at), int(qMin<size_t>(length, size - at)));
-        at += size_t(datagram.size());
-        int socket = -1;
-        if (target == 0) {
-            socket = engine.listenerSocket();
-        } else {
-            int n = 0;
-            for (auto it = network.ports.cbegin(); it != network.ports.cend() && socket < 0; ++it)
-                if (it.key() != engine.listenerSocket() && ++n == target)
-                    socket = it.key();
-        }
-        if (socket >= 0)
-            engine.receive(socket, datagram, senders[(control & 3) % 3],
-                quint16(1000 + (control & 3) + (control >> 5)), 0x7f000001);
-    }
-    engine.flush();
-}
-
 void runClassic(const uint8_t *data, size_t size)
 {
     resetFiles();
@@ -282,7 +204,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static char *argv[] = { name, nullptr };
     static QCoreApplication app(argc, argv);
     runClassic(data, size);
-    runStandard(data, size);
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     return 0;
 }
