@@ -125,33 +125,44 @@ int EpollNet::sendBufferBytes(int socket) const
     return bytes;
 }
 
-qint64 EpollNet::read(
-    int socket, char *buffer, qint64 size, quint32 *sender, quint16 *senderPort, quint32 *destination)
+int EpollNet::readBatch(int socket, Datagram *out, int count)
 {
-    sockaddr_in from {};
-    iovec io { buffer, size_t(size) };
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))];
-    msghdr message {};
-    message.msg_name = &from;
-    message.msg_namelen = sizeof from;
-    message.msg_iov = &io;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    const ssize_t n = ::recvmsg(socket, &message, 0);
-    if (n < 0)
-        return -1;
-    *sender = ntohl(from.sin_addr.s_addr);
-    *senderPort = ntohs(from.sin_port);
-    *destination = 0;
-    for (cmsghdr *c = CMSG_FIRSTHDR(&message); c; c = CMSG_NXTHDR(&message, c)) {
-        if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
-            in_pktinfo info;
-            std::memcpy(&info, CMSG_DATA(c), sizeof info);
-            *destination = ntohl(info.ipi_addr.s_addr);
+    // One system call for everything waiting (up to count): a lock-step
+    // transfer then costs one call per ACK, not a second one to learn that
+    // nothing more is there.
+    mmsghdr messages[maxBatch];
+    iovec io[maxBatch];
+    sockaddr_in from[maxBatch];
+    alignas(cmsghdr) char control[maxBatch][CMSG_SPACE(sizeof(in_pktinfo))];
+    count = qMin(count, int(maxBatch));
+    for (int i = 0; i < count; ++i) {
+        out[i].bytes.resize(65536 + 4);
+        io[i] = { out[i].bytes.data(), size_t(out[i].bytes.size()) };
+        messages[i] = {};
+        messages[i].msg_hdr.msg_name = &from[i];
+        messages[i].msg_hdr.msg_namelen = sizeof from[i];
+        messages[i].msg_hdr.msg_iov = &io[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+        messages[i].msg_hdr.msg_control = control[i];
+        messages[i].msg_hdr.msg_controllen = sizeof control[i];
+    }
+    const int n = ::recvmmsg(socket, messages, unsigned(count), MSG_DONTWAIT, nullptr);
+    for (int i = 0; i < n; ++i) {
+        Datagram &d = out[i];
+        d.size = qint64(messages[i].msg_len);
+        d.sender = ntohl(from[i].sin_addr.s_addr);
+        d.senderPort = ntohs(from[i].sin_port);
+        d.destination = 0;
+        msghdr &message = messages[i].msg_hdr;
+        for (cmsghdr *c = CMSG_FIRSTHDR(&message); c; c = CMSG_NXTHDR(&message, c)) {
+            if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO) {
+                in_pktinfo info;
+                std::memcpy(&info, CMSG_DATA(c), sizeof info);
+                d.destination = ntohl(info.ipi_addr.s_addr);
+            }
         }
     }
-    return n;
+    return qMax(0, n);
 }
 
 StandardLoop::StandardLoop(QObject *parent)
@@ -160,7 +171,6 @@ StandardLoop::StandardLoop(QObject *parent)
     , m_notifier(new QSocketNotifier(m_net.epollFd(), QSocketNotifier::Read, this))
     , m_timer(new QTimer(this))
     , m_flush(new QTimer(this))
-    , m_buffer(65536 + 4, Qt::Uninitialized)
 {
     m_timer->setSingleShot(true);
     m_flush->setSingleShot(true);
@@ -188,17 +198,12 @@ void StandardLoop::readable()
     const int ready = ::epoll_wait(m_net.epollFd(), events, 256, 0);
     for (int i = 0; i < ready; ++i) {
         const int socket = events[i].data.fd;
-        for (int n = 0; n < datagramsPerWakeUp; ++n) {
-            quint32 sender = 0, destination = 0;
-            quint16 port = 0;
-            const qint64 size
-                = m_net.read(socket, m_buffer.data(), m_buffer.size(), &sender, &port, &destination);
-            if (size < 0)
-                break;
-            // The engine may close this socket while handling the datagram.
-            const bool open = m_engine->receive(
-                socket, QByteArray::fromRawData(m_buffer.constData(), size), sender, port, destination);
-            if (!open)
+        const int n = m_net.readBatch(socket, m_received, datagramsPerWakeUp);
+        for (int k = 0; k < n; ++k) {
+            const EpollNet::Datagram &d = m_received[k];
+            // The engine may close this socket while handling a datagram: the rest were for it.
+            if (!m_engine->receive(socket, QByteArray::fromRawData(d.bytes.constData(), d.size), d.sender,
+                    d.senderPort, d.destination))
                 break;
         }
     }

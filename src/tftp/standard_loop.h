@@ -28,10 +28,17 @@ public:
     int sendBufferBytes(int socket) const override;
     QString errorString() const override { return m_error; }
 
-    // The next datagram on socket into buffer; -1 when none is waiting. The
-    // local address it was sent to comes from IP_PKTINFO (0 when not given).
-    qint64 read(
-        int socket, char *buffer, qint64 size, quint32 *sender, quint16 *senderPort, quint32 *destination);
+    struct Datagram
+    {
+        QByteArray bytes; // a buffer kept between reads; its first `size` bytes are the datagram
+        qint64 size = 0;
+        quint32 sender = 0;
+        quint16 senderPort = 0;
+        quint32 destination = 0; // the local address it was sent to (IP_PKTINFO), 0 when not given
+    };
+    static constexpr int maxBatch = 16;
+    // What is waiting on socket, up to count datagrams, in one recvmmsg; returns how many.
+    int readBatch(int socket, Datagram *out, int count);
 
 private:
     int m_epoll;
@@ -49,7 +56,7 @@ class StandardLoop : public QObject
     Q_OBJECT
 public:
     static constexpr int flushMs = 100;
-    static constexpr int datagramsPerWakeUp = 16; // per socket
+    static constexpr int datagramsPerWakeUp = EpollNet::maxBatch; // per socket
 
     explicit StandardLoop(QObject *parent = nullptr);
     ~StandardLoop() override;
@@ -66,5 +73,5 @@ private:
     QSocketNotifier *m_notifier;
     QTimer *m_timer;
     QTimer *m_flush;
-    QByteArray m_buffer;
+    EpollNet::Datagram m_received[EpollNet::maxBatch];
 };
