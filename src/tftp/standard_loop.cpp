@@ -194,17 +194,23 @@ StandardLoop::~StandardLoop()
 
 void StandardLoop::readable()
 {
-    epoll_event events[256];
-    const int ready = ::epoll_wait(m_net.epollFd(), events, 256, 0);
-    for (int i = 0; i < ready; ++i) {
-        const int socket = events[i].data.fd;
-        const int n = m_net.readBatch(socket, m_received, datagramsPerWakeUp);
-        for (int k = 0; k < n; ++k) {
-            const EpollNet::Datagram &d = m_received[k];
-            // The engine may close this socket while handling a datagram: the rest were for it.
-            if (!m_engine->receive(socket, QByteArray::fromRawData(d.bytes.constData(), d.size), d.sender,
-                    d.senderPort, d.destination))
-                break;
+    // While datagrams keep coming, a few rounds are handled per wake-up
+    // before the event loop gets its turn again (timers, queued calls).
+    for (int round = 0; round < roundsPerWakeUp; ++round) {
+        epoll_event events[256];
+        const int ready = ::epoll_wait(m_net.epollFd(), events, 256, 0);
+        if (ready <= 0)
+            break;
+        for (int i = 0; i < ready; ++i) {
+            const int socket = events[i].data.fd;
+            const int n = m_net.readBatch(socket, m_received, datagramsPerWakeUp);
+            for (int k = 0; k < n; ++k) {
+                const EpollNet::Datagram &d = m_received[k];
+                // The engine may close this socket while handling a datagram: the rest were for it.
+                if (!m_engine->receive(socket, QByteArray::fromRawData(d.bytes.constData(), d.size), d.sender,
+                        d.senderPort, d.destination))
+                    break;
+            }
         }
     }
     m_engine->expire(m_engine->now());

@@ -56,7 +56,8 @@ class StandardLoop : public QObject
     Q_OBJECT
 public:
     static constexpr int flushMs = 100;
-    static constexpr int datagramsPerWakeUp = EpollNet::maxBatch; // per socket
+    static constexpr int datagramsPerWakeUp = EpollNet::maxBatch; // per socket and round
+    static constexpr int roundsPerWakeUp = 4;
 
     explicit StandardLoop(QObject *parent = nullptr);
     ~StandardLoop() override;
