@@ -281,6 +281,9 @@ int HttpEngine::beginUpload(
         return reply(
             connection, &request, MHD_HTTP_FORBIDDEN, "Forbidden\n", QStringLiteral("ACCESS VIOLATION"));
     }
+    bool known = false;
+    const qint64 length = header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH).toLongLong(&known);
+    request.total = known ? length : -1;
     return MHD_YES; // the body follows (after "100 Continue" when the client asks for it)
 }
 
