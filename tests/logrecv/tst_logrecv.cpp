@@ -253,6 +253,5 @@ private Q_SLOTS:
     }
 };
 
-#include "test_main.h"
-TW_TEST_MAIN(TestLogrecv)
+QTEST_MAIN(TestLogrecv)
 #include "tst_logrecv.moc"

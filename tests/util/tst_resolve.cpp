@@ -36,6 +36,5 @@ private Q_SLOTS:
     }
 };
 
-#include "test_main.h"
-TW_TEST_GUILESS_MAIN(TestResolve)
+QTEST_GUILESS_MAIN(TestResolve)
 #include "tst_resolve.moc"
