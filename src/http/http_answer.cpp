@@ -193,8 +193,9 @@ int HttpEngine::serveFile(
     const bool notModified = !noneMatch.isEmpty() ? HttpWire::tagListMatches(noneMatch, tag)
                                                   : since && qint64(st.st_mtim.tv_sec) <= *since;
     if (notModified) {
-        ::close(fd);
-        MHD_Response *response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+        // Built on the file, though no body goes out: the library states the
+        // response's length, and a 304 may only carry the one a 200 would have.
+        MHD_Response *response = MHD_create_response_from_fd64(uint64_t(size), fd);
         validators(response);
         const MHD_Result queued = MHD_queue_response(connection, MHD_HTTP_NOT_MODIFIED, response);
         MHD_destroy_response(response);

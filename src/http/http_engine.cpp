@@ -132,7 +132,9 @@ bool HttpEngine::start()
     // The library's own hard limit sits above ours, so that connections past
     // our limit can still be told 503 instead of being dropped unanswered.
     const unsigned int hardLimit = unsigned(m_settings.maxConnections) + 64;
-    unsigned int flags = MHD_USE_EPOLL | MHD_USE_ERROR_LOG;
+    // Pedantic: a request the protocol calls malformed (an HTTP/1.1 request
+    // without Host, say) gets 400 rather than a guess.
+    unsigned int flags = MHD_USE_EPOLL | MHD_USE_PEDANTIC_CHECKS;
     if (tls)
         flags |= MHD_USE_TLS;
     m_daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &answerCallback, this, MHD_OPTION_LISTEN_SOCKET,

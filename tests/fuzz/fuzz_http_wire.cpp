@@ -21,7 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             std::abort();
         // A name that climbs or starts at the root never stays inside, whatever exists on disk.
         const bool climbs = name->split(QLatin1Char('/')).contains(QStringLiteral(".."));
-        if ((climbs || name->startsWith(QLatin1Char('/'))) && ServedPath::staysInside(QDir::tempPath(), *name))
+        if ((climbs || name->startsWith(QLatin1Char('/')))
+            && ServedPath::staysInside(QDir::tempPath(), *name))
             std::abort();
     }
 

@@ -1,5 +1,5 @@
-#include "test_main.h"
 #include "http/http_wire.h"
+#include "test_support.h"
 
 #include <QTest>
 
@@ -45,18 +45,30 @@ private Q_SLOTS:
         QTest::addColumn<qint64>("first");
         QTest::addColumn<qint64>("last");
         const qint64 big = qint64(5) << 30;
-        QTest::newRow("closed") << QByteArray("bytes=100-199") << qint64(1000) << int(ByteRange::Part) << qint64(100) << qint64(199);
-        QTest::newRow("open, as curl -C - sends") << QByteArray("bytes=500-") << qint64(1000) << int(ByteRange::Part) << qint64(500) << qint64(999);
-        QTest::newRow("suffix") << QByteArray("bytes=-10") << qint64(1000) << int(ByteRange::Part) << qint64(990) << qint64(999);
-        QTest::newRow("suffix past the start") << QByteArray("bytes=-5000") << qint64(1000) << int(ByteRange::Part) << qint64(0) << qint64(999);
-        QTest::newRow("end clipped") << QByteArray("bytes=900-5000") << qint64(1000) << int(ByteRange::Part) << qint64(900) << qint64(999);
-        QTest::newRow("past 4 GiB") << QByteArray("bytes=4294967396-") << big << int(ByteRange::Part) << qint64(4294967396) << big - 1;
-        QTest::newRow("start at the end") << QByteArray("bytes=1000-") << qint64(1000) << int(ByteRange::Unsatisfiable) << qint64(0) << qint64(0);
-        QTest::newRow("empty suffix") << QByteArray("bytes=-0") << qint64(1000) << int(ByteRange::Unsatisfiable) << qint64(0) << qint64(0);
-        QTest::newRow("several: whole file") << QByteArray("bytes=0-1,5-6") << qint64(1000) << int(ByteRange::Whole) << qint64(0) << qint64(999);
-        QTest::newRow("backwards: ignored") << QByteArray("bytes=5-1") << qint64(1000) << int(ByteRange::Whole) << qint64(0) << qint64(999);
-        QTest::newRow("other unit") << QByteArray("items=0-1") << qint64(1000) << int(ByteRange::Whole) << qint64(0) << qint64(999);
-        QTest::newRow("overflowing number") << QByteArray("bytes=99999999999999999999-") << qint64(1000) << int(ByteRange::Whole) << qint64(0) << qint64(999);
+        QTest::newRow("closed") << QByteArray("bytes=100-199") << qint64(1000) << int(ByteRange::Part)
+                                << qint64(100) << qint64(199);
+        QTest::newRow("open, as curl -C - sends")
+            << QByteArray("bytes=500-") << qint64(1000) << int(ByteRange::Part) << qint64(500) << qint64(999);
+        QTest::newRow("suffix") << QByteArray("bytes=-10") << qint64(1000) << int(ByteRange::Part)
+                                << qint64(990) << qint64(999);
+        QTest::newRow("suffix past the start")
+            << QByteArray("bytes=-5000") << qint64(1000) << int(ByteRange::Part) << qint64(0) << qint64(999);
+        QTest::newRow("end clipped") << QByteArray("bytes=900-5000") << qint64(1000) << int(ByteRange::Part)
+                                     << qint64(900) << qint64(999);
+        QTest::newRow("past 4 GiB") << QByteArray("bytes=4294967396-") << big << int(ByteRange::Part)
+                                    << qint64(4294967396) << big - 1;
+        QTest::newRow("start at the end") << QByteArray("bytes=1000-") << qint64(1000)
+                                          << int(ByteRange::Unsatisfiable) << qint64(0) << qint64(0);
+        QTest::newRow("empty suffix") << QByteArray("bytes=-0") << qint64(1000)
+                                      << int(ByteRange::Unsatisfiable) << qint64(0) << qint64(0);
+        QTest::newRow("several: whole file") << QByteArray("bytes=0-1,5-6") << qint64(1000)
+                                             << int(ByteRange::Whole) << qint64(0) << qint64(999);
+        QTest::newRow("backwards: ignored")
+            << QByteArray("bytes=5-1") << qint64(1000) << int(ByteRange::Whole) << qint64(0) << qint64(999);
+        QTest::newRow("other unit") << QByteArray("items=0-1") << qint64(1000) << int(ByteRange::Whole)
+                                    << qint64(0) << qint64(999);
+        QTest::newRow("overflowing number") << QByteArray("bytes=99999999999999999999-") << qint64(1000)
+                                            << int(ByteRange::Whole) << qint64(0) << qint64(999);
     }
     void rangeHeader()
     {
@@ -88,5 +100,5 @@ private Q_SLOTS:
     }
 };
 
-TW_TEST_GUILESS_MAIN(HttpWireTest)
+QTEST_GUILESS_MAIN(HttpWireTest)
 #include "tst_http_wire.moc"
