@@ -6,10 +6,12 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <linux/tcp.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -86,7 +88,7 @@ HttpEngine::~HttpEngine()
     if (m_thread.joinable())
         m_thread.join();
     if (m_daemon)
-        MHD_stop_daemon(m_daemon); // ends what is still open, through the callbacks, on this thread
+        MHD_stop_daemon(m_daemon); // started, but the thread was not
     if (m_listenFd >= 0)
         ::close(m_listenFd);
 }
@@ -140,9 +142,9 @@ bool HttpEngine::start()
     m_daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &answerCallback, this, MHD_OPTION_LISTEN_SOCKET,
         m_listenFd, MHD_OPTION_CONNECTION_LIMIT, hardLimit, MHD_OPTION_NOTIFY_COMPLETED, &completedCallback,
         this, MHD_OPTION_NOTIFY_CONNECTION, &connectionCallback, this, MHD_OPTION_UNESCAPE_CALLBACK,
-        &keepEscapes, this, tls ? MHD_OPTION_HTTPS_MEM_CERT : MHD_OPTION_END,
-        m_settings.certificatePem.constData(), MHD_OPTION_HTTPS_MEM_KEY, m_settings.keyPem.constData(),
-        MHD_OPTION_END);
+        &keepEscapes, this, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1,
+        tls ? MHD_OPTION_HTTPS_MEM_CERT : MHD_OPTION_END, m_settings.certificatePem.constData(),
+        MHD_OPTION_HTTPS_MEM_KEY, m_settings.keyPem.constData(), MHD_OPTION_END);
     if (!m_daemon) {
         m_error = tls ? QStringLiteral("the HTTPS certificate or key was not accepted")
                       : QStringLiteral("the HTTP library could not start");
@@ -155,6 +157,12 @@ bool HttpEngine::start()
 
 void HttpEngine::run()
 {
+    // A peer that goes away mid-body must not kill the program: SIGPIPE is
+    // blocked on this thread, which lets the library use sendfile().
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     const int tick = qBound(20, m_settings.idleTimeoutMs / 4, progressIntervalMs);
     qint64 lastWatch = now();
     while (!m_stop) {
@@ -165,6 +173,10 @@ void HttpEngine::run()
         }
         flush();
     }
+    // Ends what is still open, through the callbacks, on this thread.
+    MHD_stop_daemon(m_daemon);
+    m_daemon = nullptr;
+    flush();
 }
 
 void HttpEngine::flush()
