@@ -163,10 +163,7 @@ private Q_SLOTS:
         QCOMPARE(out.terminal.size(), flood.size());
         QRandomGenerator random(20261122);
         for (int round = 0; round < 500; ++round) {
-            QByteArray block(int(random.bounded(300)), '\0');
-            for (char &byte : block)
-                byte = char(random.bounded(256));
-            session.processReceived(block);
+            session.processReceived(tw::test::junk(random, 300));
         }
         for (const QChar ch : std::as_const(out.terminal))
             QVERIFY2((ch >= u' ' && ch <= u'~') || ch == u'\r' || ch == u'\n',

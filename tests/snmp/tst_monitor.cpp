@@ -126,8 +126,7 @@ void TestMonitor::encoderAndDecoder()
     for (int i = 0; i < 20000; ++i) {
         QByteArray d = seeds.at(rng.bounded(int(seeds.size())));
         if (i % 2) {
-            d.resize(rng.bounded(300));
-            std::generate(d.begin(), d.end(), [&rng] { return char(rng.bounded(256)); });
+            d = tw::test::junk(rng, 300);
         } else {
             d[rng.bounded(int(d.size()))] = char(rng.bounded(256));
             d.truncate(rng.bounded(int(d.size()) + 1) + (rng.bounded(2) ? int(d.size()) : 0));
@@ -278,10 +277,8 @@ void TestMonitor::realAgent()
 
     QTimer junkTimer; // random datagrams arriving between the agent's answers are dropped
     connect(&junkTimer, &QTimer::timeout, this, [&] {
-        QByteArray bytes(QRandomGenerator::global()->bounded(200), '\0');
-        std::generate(
-            bytes.begin(), bytes.end(), [] { return char(QRandomGenerator::global()->bounded(256)); });
-        QUdpSocket().writeDatagram(bytes, QHostAddress::LocalHost, poller.localPort());
+        QUdpSocket().writeDatagram(
+            tw::test::junk(*QRandomGenerator::global(), 200), QHostAddress::LocalHost, poller.localPort());
     });
     junkTimer.start(2);
 

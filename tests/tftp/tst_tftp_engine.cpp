@@ -193,7 +193,7 @@ private Q_SLOTS:
     void errorFromClientAndTrace()
     {
         Fixture f(pattern(2000), false);
-        f.acl.appendEntry({ "10.0.0.0", maskDisplayForm(8), "yes", "yes", "/nowhere", 8 });
+        f.acl.appendEntry({ "127.0.0.128", maskDisplayForm(25), "yes", "yes", "/nowhere", 25 });
         f.acl.insertRow(0, f.acl.takeRow(1));
         QVERIFY(f.server.start());
         Client client;
@@ -301,9 +301,7 @@ private Q_SLOTS:
             return true;
         };
         for (int i = 0; i < 6000; ++i) {
-            QByteArray junk(int(rng.bounded(i % 2 ? 36 : 600)), Qt::Uninitialized);
-            for (char &c : junk)
-                c = char(rng.bounded(256));
+            QByteArray junk = tw::test::junk(rng, i % 2 ? 36 : 600);
             if (i % 2)
                 junk.prepend(packet(rng.bounded(7), rng.bounded(65536)));
             if (const int op = TftpPacket::opcode(junk); op >= 3 && op <= 5)

@@ -143,7 +143,7 @@ private Q_SLOTS:
     // tftp-hpa's client in netascii mode: line ends become CR LF on the wire and come back as they were.
     void netascii()
     {
-        const QByteArray text = "hostname r1\ninterface e0\n ip address 10.0.0.1\r\nend\n";
+        const QByteArray text = "hostname r1\ninterface e0\n ip address 127.0.0.5\r\nend\n";
         StandardFixture f(text);
         const QString got = f.dir.filePath("got.txt"), sent = f.dir.filePath("sent.txt");
         QVERIFY(writeFile(sent, text + "! uploaded\n"));
@@ -434,9 +434,7 @@ private Q_SLOTS:
             request(1, "f.bin", "octet", bytes("tsize\0")),
             request(1, "../../etc/passwd", "octet", bytes("blksize\0-5\0windowsize\00099999999999\0")) };
         for (int i = 0; i < 3000; ++i) {
-            QByteArray junk(int(rng.bounded(i % 2 ? 40 : 700)), Qt::Uninitialized);
-            for (char &c : junk)
-                c = char(rng.bounded(256));
+            QByteArray junk = tw::test::junk(rng, i % 2 ? 40 : 700);
             if (i % 2)
                 junk.prepend(packet(rng.bounded(9), rng.bounded(65536)));
             fuzzer.send(i % 50 == 0 ? nasty[i / 50 % nasty.size()] : junk, i % 3 ? f.port : client.peer);
