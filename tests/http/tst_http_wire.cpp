@@ -5,8 +5,9 @@
 
 using HttpWire::ByteRange;
 
-// The parts of a request the HTTP server reads itself. Each table row is a
-// case a real client or a hostile one sends.
+// The parts of a request the HTTP server reads itself, in the cases nginx
+// cannot be the oracle for: names it never sees decoded this way, and Range
+// headers where the protocol lets servers choose (we serve the whole file).
 class HttpWireTest : public QObject
 {
     Q_OBJECT
@@ -44,19 +45,10 @@ private Q_SLOTS:
         QTest::addColumn<int>("kind");
         QTest::addColumn<qint64>("first");
         QTest::addColumn<qint64>("last");
-        const qint64 big = qint64(5) << 30;
-        QTest::newRow("closed") << QByteArray("bytes=100-199") << qint64(1000) << int(ByteRange::Part)
-                                << qint64(100) << qint64(199);
-        QTest::newRow("open, as curl -C - sends")
-            << QByteArray("bytes=500-") << qint64(1000) << int(ByteRange::Part) << qint64(500) << qint64(999);
-        QTest::newRow("suffix") << QByteArray("bytes=-10") << qint64(1000) << int(ByteRange::Part)
-                                << qint64(990) << qint64(999);
         QTest::newRow("suffix past the start")
             << QByteArray("bytes=-5000") << qint64(1000) << int(ByteRange::Part) << qint64(0) << qint64(999);
         QTest::newRow("end clipped") << QByteArray("bytes=900-5000") << qint64(1000) << int(ByteRange::Part)
                                      << qint64(900) << qint64(999);
-        QTest::newRow("past 4 GiB") << QByteArray("bytes=4294967396-") << big << int(ByteRange::Part)
-                                    << qint64(4294967396) << big - 1;
         QTest::newRow("start at the end") << QByteArray("bytes=1000-") << qint64(1000)
                                           << int(ByteRange::Unsatisfiable) << qint64(0) << qint64(0);
         QTest::newRow("empty suffix") << QByteArray("bytes=-0") << qint64(1000)
@@ -83,20 +75,6 @@ private Q_SLOTS:
             QCOMPARE(range.first, first);
             QCOMPARE(range.last, last);
         }
-    }
-
-    void validators()
-    {
-        // The example date of the HTTP standard, both ways; other forms are not read.
-        QCOMPARE(HttpWire::httpDate(784111777), QByteArray("Sun, 06 Nov 1994 08:49:37 GMT"));
-        QCOMPARE(HttpWire::parseHttpDate("Sun, 06 Nov 1994 08:49:37 GMT"), std::optional<qint64>(784111777));
-        QVERIFY(!HttpWire::parseHttpDate("Sunday, 06-Nov-94 08:49:37 GMT"));
-        QVERIFY(!HttpWire::parseHttpDate("Sun, 06 Nov 1994 08:49:37 CET"));
-        const QByteArray tag = HttpWire::entityTag(0x6553f100, 42);
-        QCOMPARE(tag, QByteArray("\"6553f100-2a\""));
-        QVERIFY(HttpWire::tagListMatches("\"x\", W/\"6553f100-2a\"", tag));
-        QVERIFY(HttpWire::tagListMatches("*", tag));
-        QVERIFY(!HttpWire::tagListMatches("\"6553f100-2b\"", tag));
     }
 };
 
