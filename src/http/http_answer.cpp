@@ -69,7 +69,6 @@ int HttpEngine::answer(MHD_Connection *connection, const char *url, const char *
     Connection *from = info ? static_cast<Connection *>(info->socket_context) : nullptr;
     if (!from)
         return MHD_NO;
-    from->headersDone = true;
     from->markMs = now();
     if (from->overLimit)
         return reply(connection, nullptr, MHD_HTTP_SERVICE_UNAVAILABLE, "Too many connections\n");

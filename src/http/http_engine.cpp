@@ -19,6 +19,7 @@ namespace {
 
 constexpr quint64 progressBytes = 1024; // what counts as progress for the watchdog
 constexpr int progressIntervalMs = 250; // about four monitor updates a second per row
+constexpr int batchMs = 40; // events handed to the windows' thread at most this often
 
 MHD_Result answerCallback(void *cls, MHD_Connection *connection, const char *url, const char *method,
     const char *, const char *upload, size_t *uploadSize, void **requestContext)
@@ -143,6 +144,8 @@ bool HttpEngine::start()
         m_listenFd, MHD_OPTION_CONNECTION_LIMIT, hardLimit, MHD_OPTION_NOTIFY_COMPLETED, &completedCallback,
         this, MHD_OPTION_NOTIFY_CONNECTION, &connectionCallback, this, MHD_OPTION_UNESCAPE_CALLBACK,
         &keepEscapes, this, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1,
+        // Upload bodies are read in pieces of about half this (16 KiB by default).
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, size_t(256 * 1024),
         tls ? MHD_OPTION_HTTPS_MEM_CERT : MHD_OPTION_END, m_settings.certificatePem.constData(),
         MHD_OPTION_HTTPS_MEM_KEY, m_settings.keyPem.constData(), MHD_OPTION_END);
     if (!m_daemon) {
@@ -165,13 +168,19 @@ void HttpEngine::run()
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     const int tick = qBound(20, m_settings.idleTimeoutMs / 4, progressIntervalMs);
     qint64 lastWatch = now();
+    qint64 lastFlush = now();
     while (!m_stop) {
-        MHD_run_wait(m_daemon, tick);
+        MHD_run_wait(m_daemon, m_pending.isEmpty() ? tick : batchMs);
         if (now() - lastWatch >= tick) {
             lastWatch = now();
             watch();
         }
-        flush();
+        // One hand-over per batch interval at most, however many turns the
+        // loop makes: the windows' thread gets a few dozen signals a second.
+        if (!m_pending.isEmpty() && now() - lastFlush >= batchMs) {
+            flush();
+            lastFlush = now();
+        }
     }
     // Ends what is still open, through the callbacks, on this thread.
     MHD_stop_daemon(m_daemon);

@@ -12,7 +12,6 @@ struct HttpEngine::Connection
     QString remote, local; // dotted IPv4
     bool overLimit = false; // answered 503 and closed
     bool timedOut = false; // shut down by the watchdog
-    bool headersDone = false;
     quint64 movedAtMark = 0; // bytes both ways when progress was last seen
     qint64 markMs = 0;
     Request *current = nullptr;
