@@ -343,7 +343,7 @@ private Q_SLOTS:
         const QList<QByteArray> malformed
             = { "GARBAGE\r\n\r\n", "GET\r\n\r\n", "GET / HTTP/9.9\r\nHost: x\r\n\r\n",
                   "GET /ios.bin HTTP/1.1\r\n\r\n", "GET /ios.bin HTTP/1.1\r\nHost x\r\n\r\n",
-                  "GET /" + QByteArray(100000, 'a') + " HTTP/1.1\r\nHost: x\r\n\r\n",
+                  "GET /" + QByteArray(300000, 'a') + " HTTP/1.1\r\nHost: x\r\n\r\n",
                   "DELETE /ios.bin HTTP/1.1\r\nHost: x\r\n\r\n",
                   "PUT /n.bin HTTP/1.1\r\nHost: x\r\nContent-Length: -1\r\n\r\n",
                   "PUT /n.bin HTTP/1.1\r\nHost: x\r\nContent-Length: 99999999999999999999999\r\n\r\n" };
