@@ -3,7 +3,14 @@
 #include <QFileInfo>
 #include <QStringList>
 
-bool pathStaysInside(const QString &folder, const QString &name)
+namespace ServedPath {
+
+QString join(const QString &folder, const QString &name)
+{
+    return folder + QLatin1Char('/') + name;
+}
+
+bool staysInside(const QString &folder, const QString &name)
 {
     if (folder.isEmpty() || name.isEmpty() || name.startsWith(QLatin1Char('/')))
         return false;
@@ -15,7 +22,7 @@ bool pathStaysInside(const QString &folder, const QString &name)
         return false;
     // Links are followed: the file (or, for a new upload, its folder) must
     // resolve to somewhere under the access row's folder.
-    const QFileInfo target(folder + QLatin1Char('/') + name);
+    const QFileInfo target(join(folder, name));
     QString resolved = target.canonicalFilePath();
     if (resolved.isEmpty()) {
         if (target.isSymLink())
@@ -28,3 +35,5 @@ bool pathStaysInside(const QString &folder, const QString &name)
     const QString prefix = root.endsWith(QLatin1Char('/')) ? root : root + QLatin1Char('/');
     return resolved.startsWith(prefix) && resolved.size() > prefix.size();
 }
+
+} // namespace ServedPath

@@ -2,8 +2,18 @@
 
 #include <QString>
 
-// Whether the file `name`, asked for under an access row's `folder`, stays
-// inside that folder: no "..", no absolute name, and links (or, for a new
-// upload, its folder) resolve to somewhere under it. What --confine checks
-// for both TFTP profiles.
-bool pathStaysInside(const QString &folder, const QString &name);
+// How a requested file name becomes a path under an access row's folder, for
+// every protocol that serves those folders (TFTP, HTTP).
+namespace ServedPath {
+
+// The row's folder and the name joined with the platform's separator, as is:
+// nothing is resolved or refused here.
+QString join(const QString &folder, const QString &name);
+
+// Whether `name` stays inside `folder`: no "..", no absolute name, and once
+// links are followed the file (or, for a file still to be created, its
+// folder) resolves to somewhere under the folder's own resolved path. An
+// empty name, a missing folder and a dangling link never stay inside.
+bool staysInside(const QString &folder, const QString &name);
+
+} // namespace ServedPath

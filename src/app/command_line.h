@@ -21,6 +21,8 @@ struct CommandLineOptions
     bool confine = false;
     bool tftpStandard = false; // --tftp-standard: the standard TFTP profile for this run
     int tftpMaxTransfers = 0; // --tftp-max-transfers: 0 when not given (the setting decides)
+    quint16 httpPort = 0;      // --http-port: serve HTTP on this port for this run (0: as the setting says)
+    QString httpsCert, httpsKey; // --https-cert, --https-key: PEM files; both given: HTTPS
 };
 
 struct CommandLineResult

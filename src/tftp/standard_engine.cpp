@@ -208,7 +208,7 @@ void StandardEngine::handleRequest(
           };
     AccessVeto veto;
     if (m_confine)
-        veto = [&](int entry) { return pathStaysInside(m_acl->entry(entry).folder, fileName); };
+        veto = [&](int entry) { return ServedPath::staysInside(m_acl->entry(entry).folder, fileName); };
     QString failure;
     const int entry = CheckAccess(*m_acl, asked, record, veto, &failure);
     if (row.id)
@@ -225,7 +225,7 @@ void StandardEngine::handleRequest(
     }
     if (entry == AccessDecision::Refused)
         return reject(AccessViolation, "Access violation");
-    const QString fullPath = m_acl->entry(entry).folder + QLatin1Char('/') + fileName;
+    const QString fullPath = ServedPath::join(m_acl->entry(entry).folder, fileName);
 
     auto transfer = std::make_unique<Transfer>();
     transfer->socket = openFrom(local);

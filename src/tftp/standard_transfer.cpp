@@ -23,19 +23,6 @@ int wireNumber(const QByteArray &datagram)
     return (static_cast<unsigned char>(datagram[2]) << 8) | static_cast<unsigned char>(datagram[3]);
 }
 
-// The process's umask as it is now, read without changing it (umask() would,
-// for a moment, for every thread).
-mode_t processUmask()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (status.open(QIODevice::ReadOnly)) {
-        for (const QByteArray &line : status.readAll().split('\n'))
-            if (line.startsWith("Umask:"))
-                return mode_t(line.mid(6).trimmed().toUInt(nullptr, 8));
-    }
-    return mode_t(022);
-}
-
 bool diskFull(int error)
 {
     return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EIO;
@@ -52,9 +39,7 @@ StandardTransfer::StandardTransfer(bool read, const TftpOptions::Negotiation &op
 StandardTransfer::~StandardTransfer()
 {
     if (m_fd >= 0)
-        ::close(m_fd);
-    if (!m_tempPath.isEmpty())
-        ::unlink(m_tempPath.constData()); // never committed: the old file stays as it was
+        ::close(m_fd); // a read's file; an upload never committed is dropped by UploadFile
 }
 
 std::unique_ptr<StandardTransfer> StandardTransfer::forRead(
@@ -87,29 +72,11 @@ std::unique_ptr<StandardTransfer> StandardTransfer::forWrite(const QString &targ
         t->m_capture = capture;
         return t;
     }
-    const QFileInfo target(targetPath);
-    const QByteArray folder = QFile::encodeName(target.absolutePath());
-    // A new file gets the usual permissions under the umask; a replaced one keeps its own.
-    struct stat st;
-    const QByteArray nativeTarget = QFile::encodeName(targetPath);
-    const mode_t mode
-        = ::stat(nativeTarget.constData(), &st) == 0 ? st.st_mode & 07777 : 0666 & ~processUmask();
-    int fd = ::open(folder.constData(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
-    if (fd < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
-        QByteArray pattern = QFile::encodeName(
-            target.absolutePath() + QLatin1String("/.") + target.fileName() + QLatin1String(".XXXXXX"));
-        fd = ::mkstemp(pattern.data());
-        if (fd >= 0)
-            t->m_tempPath = pattern;
-    }
-    if (fd < 0) {
+    if (!t->m_upload.open(targetPath)) {
         if (errorText)
-            *errorText = QString::fromLocal8Bit(std::strerror(errno));
+            *errorText = QString::fromLocal8Bit(std::strerror(t->m_upload.errorNumber()));
         return nullptr;
     }
-    ::fchmod(fd, mode);
-    t->m_fd = fd;
-    t->m_targetPath = nativeTarget;
     return t;
 }
 
@@ -363,14 +330,7 @@ bool StandardTransfer::store(const QByteArray &local)
             m_capture->CaptureData(local);
         return true;
     }
-    qint64 done = 0;
-    while (done < local.size()) {
-        const ssize_t n = ::write(m_fd, local.constData() + done, size_t(local.size() - done));
-        if (n <= 0)
-            return false;
-        done += n;
-    }
-    return true;
+    return m_upload.write(local.constData(), local.size());
 }
 
 int StandardTransfer::commit()
@@ -378,49 +338,15 @@ int StandardTransfer::commit()
     if (m_netascii) {
         const QByteArray tail = m_decoder.finish();
         if (!tail.isEmpty() && !store(tail))
-            return ENOSPC;
+            return m_upload.errorNumber() ? m_upload.errorNumber() : ENOSPC;
     }
-    if (m_capture)
+    if (m_capture || m_upload.commit())
         return 0;
-    int error = 0;
-    if (m_tempPath.isEmpty()) {
-        // The unnamed file gets a hidden name only now, complete, and at once
-        // takes the target's place.
-        char proc[64];
-        std::snprintf(proc, sizeof proc, "/proc/self/fd/%d", m_fd);
-        const QByteArray folder
-            = QFile::encodeName(QFileInfo(QFile::decodeName(m_targetPath)).absolutePath());
-        for (int attempt = 0; attempt < 8 && m_tempPath.isEmpty(); ++attempt) {
-            const QByteArray name
-                = folder + "/.tftp-" + QByteArray::number(QRandomGenerator::global()->generate64(), 36);
-            if (::linkat(AT_FDCWD, proc, AT_FDCWD, name.constData(), AT_SYMLINK_FOLLOW) == 0)
-                m_tempPath = name;
-            else if (errno != EEXIST)
-                break;
-        }
-        if (m_tempPath.isEmpty())
-            error = errno ? errno : EEXIST;
-    }
-    if (::close(m_fd) != 0 && error == 0)
-        error = errno;
-    m_fd = -1;
-    if (error == 0 && ::rename(m_tempPath.constData(), m_targetPath.constData()) != 0)
-        error = errno;
-    if (error == 0)
-        m_tempPath.clear();
-    else
-        discard();
-    return error;
+    return m_upload.errorNumber() ? m_upload.errorNumber() : EIO;
 }
 
 void StandardTransfer::discard()
 {
-    if (m_read)
-        return;
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = -1;
-    if (!m_tempPath.isEmpty())
-        ::unlink(m_tempPath.constData());
-    m_tempPath.clear();
+    if (!m_read)
+        m_upload.discard();
 }

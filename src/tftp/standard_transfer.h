@@ -1,5 +1,6 @@
 #pragma once
 
+#include "access/upload_file.h"
 #include "tftp/tftp_options.h"
 
 #include <QByteArray>
@@ -27,12 +28,10 @@ class CaptureSink;
 // duplicates cannot snowball. Anything else stale is ignored. A file that
 // shrinks while it is read ends the transfer with the short block it gives.
 //
-// Writes go to an unnamed temporary file in the target's folder (a hidden
-// named one where the file system cannot make unnamed files) that replaces
-// the target only when the final block is in; a transfer that ends otherwise
-// drops it, so the old file is never touched and a partial upload can never
-// be fetched by name. In capture mode the blocks go to the capture sink and
-// nothing is written to disk.
+// Writes go to an UploadFile, which replaces the target only when the final
+// block is in; a transfer that ends otherwise drops it, so the old file is
+// never touched and a partial upload can never be fetched by name. In capture mode the blocks go to the
+// capture sink and nothing is written to disk.
 class StandardTransfer
 {
 public:
@@ -124,8 +123,7 @@ private:
     std::map<qint64, TextCursor> m_cursors; // netascii: where each block of the window starts
 
     // writes
-    QByteArray m_targetPath;
-    QByteArray m_tempPath; // only when the folder cannot hold an unnamed file
+    UploadFile m_upload;
     CaptureSink *m_capture = nullptr;
     TftpOptions::NetasciiDecoder m_decoder;
     qint64 m_received = 0; // highest block taken in order

@@ -10,7 +10,6 @@
 #include "tftp/transfer_monitor.h"
 
 #include <QFile>
-#include <QFileInfo>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -49,11 +48,6 @@ public:
 private:
     int m_fd;
 };
-
-QString joinPath(const QString &folder, const QString &name)
-{
-    return folder + QLatin1Char('/') + name;
-}
 
 } // namespace
 
@@ -141,7 +135,7 @@ void TftpServer::handleRequest(int s, int opcode, const QByteArray &datagram, co
         return;
     }
 
-    const QString fullPath = joinPath(m_acl->entry(row).folder, fileName);
+    const QString fullPath = ServedPath::join(m_acl->entry(row).folder, fileName);
     slot.filePath = fullPath;
     slot.nativePath = QFile::encodeName(fullPath);
 
@@ -205,7 +199,8 @@ int TftpServer::decideAccess(
           };
     AccessVeto veto;
     if (m_confine) {
-        veto = [this, &fileName](int row) { return pathStaysInside(m_acl->entry(row).folder, fileName); };
+        veto = [this, &fileName](
+                   int row) { return ServedPath::staysInside(m_acl->entry(row).folder, fileName); };
     }
     QString failure;
     const int row = CheckAccess(*m_acl, request, record, veto, &failure);
