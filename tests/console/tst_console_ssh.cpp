@@ -278,8 +278,9 @@ private Q_SLOTS:
 
         killServer();
         QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
-        QVERIFY2(
-            consoleText().endsWith(QLatin1String("Connection timed out\n>\n")), qPrintable(consoleText()));
+        QVERIFY2(consoleText().contains(QLatin1String("R1#Connection to fake-r1 lost: ")),
+            qPrintable(consoleText()));
+        QVERIFY(consoleText().endsWith(QLatin1String("\nPress Enter to reconnect\n")));
     }
 
     void changedKeyRefusedNamingItsLine()
