@@ -139,7 +139,9 @@ void SshAgentAuth::start(
     QThread *thread = QThread::create([job] {
         for (;;) {
             job->rc = ssh_userauth_agent(job->session, nullptr);
-            if (job->rc != SSH_AUTH_AGAIN || job->stop)
+            // A server that hung up leaves libssh saying "again" for ever.
+            if (job->rc != SSH_AUTH_AGAIN || job->stop || !ssh_is_connected(job->session)
+                || (ssh_get_status(job->session) & (SSH_CLOSED | SSH_CLOSED_ERROR)))
                 return;
             pollfd wait { ssh_get_fd(job->session), POLLIN, 0 };
             ::poll(&wait, 1, 100);

@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHostInfo>
+#include <QRegularExpression>
 #include <QSocketNotifier>
 #include <QTimer>
 
@@ -48,10 +49,7 @@ void SshConnection::onAgentFinished(int rc, bool timedOut)
     d->agentKeys = m_agentAuth->listedKeys();
     if (timedOut)
         Q_EMIT notice(QStringLiteral("SSH agent did not answer; trying other methods"));
-    if (rc == SSH_AUTH_SUCCESS)
-        d->stage = Stage::OpenChannel;
-    else if (!loginClosed())
-        d->stage = Stage::AuthKeys;
+    d->stage = rc == SSH_AUTH_SUCCESS ? Stage::OpenChannel : Stage::AuthKeys;
     step();
 }
 
@@ -323,9 +321,9 @@ void SshConnection::watchSocket()
     // While a user answers (or a key loads), what arrives is read at once
     // (loginClosed()), so a server that gives up is reported then.
     m_readNotifier->setEnabled(true);
-    // Writable is only news while connecting or while libssh holds output.
-    const bool wantWrite = d->stage == Stage::Connecting
-        || (ssh_get_poll_flags(d->session) & SSH_WRITE_PENDING) || !d->pending.isEmpty();
+    // Writable is only news while libssh holds output (or typed bytes wait);
+    // otherwise a writable socket would spin the handshake.
+    const bool wantWrite = (ssh_get_poll_flags(d->session) & SSH_WRITE_PENDING) || !d->pending.isEmpty();
     m_writeNotifier->setEnabled(wantWrite);
 }
 
@@ -358,8 +356,10 @@ bool SshConnection::loginClosed()
     }
     if (ssh_is_connected(d->session) && !(ssh_get_status(d->session) & (SSH_CLOSED | SSH_CLOSED_ERROR)))
         return false;
-    const char *message = ssh_get_disconnect_message(d->session);
-    const QString reason = message && *message ? QString::fromUtf8(message) : libsshError();
+    // libssh keeps the server's reason as "Received SSH_MSG_DISCONNECT: code:reason".
+    QString reason = libsshError();
+    static const QRegularExpression disconnect(QStringLiteral("^Received SSH_MSG_DISCONNECT: \\d+:"));
+    reason.remove(disconnect);
     fail(QStringLiteral("Connection closed by %1 during login: %2").arg(d->host, reason));
     return true;
 }
@@ -471,8 +471,13 @@ void SshConnection::readChannel()
             } else if (n < 0 || ssh_channel_is_eof(d->channel) || ssh_channel_is_closed(d->channel)) {
                 const int status = d->exitStatus;
                 const QString reason = libsshError();
+                // A shell that ended closes its channel, which libssh reads
+                // as an error too; the line itself is lost only when the
+                // session is.
+                const bool broken = !ssh_is_connected(d->session)
+                    || (n < 0 && !ssh_channel_is_eof(d->channel) && !ssh_channel_is_closed(d->channel));
                 endSession();
-                if (n < 0)
+                if (broken)
                     Q_EMIT lost(QStringLiteral("Connection to %1 lost: %2").arg(d->host, reason));
                 else
                     Q_EMIT closed(status);

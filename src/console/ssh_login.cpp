@@ -217,7 +217,8 @@ bool SshConnection::nextMethod()
             continue;
         return true;
     }
-    fail(QStringLiteral("authentication refused for %1@%2").arg(d->user, d->host));
+    if (!loginClosed())
+        fail(QStringLiteral("authentication refused for %1@%2").arg(d->user, d->host));
     return false;
 }
 
