@@ -102,9 +102,7 @@ public:
                                    .arg(port)
                                    .arg(path(hostKey), path("authorized_keys"), path("device.sh"));
         QVERIFY(writeFile(path("sshd_config"), serverLines + '\n' + config.toUtf8()));
-        QVERIFY(writeFile(sshFile("config"),
-            "Host fake-r1\n    HostName 127.0.0.1\n    Port " + QByteArray::number(port) + "\n    User "
-                + user.toUtf8() + "\n" + clientLines));
+        QVERIFY(writeClientConfig(clientLines));
         const QByteArray key
             = readFile(path(hostKey + QStringLiteral(".pub"))).split(' ').mid(0, 2).join(' ');
         QVERIFY(
@@ -119,6 +117,14 @@ public:
             return client.waitForConnected(500);
         };
         QTRY_VERIFY2_WITH_TIMEOUT(listening(), process.readAll().constData(), 15000);
+    }
+
+    // home()/.ssh/config: fake-r1 for this server, then the given lines.
+    bool writeClientConfig(const QByteArray &lines)
+    {
+        return writeFile(sshFile("config"),
+            "Host fake-r1\n    HostName 127.0.0.1\n    Port " + QByteArray::number(port) + "\n    User "
+                + user.toUtf8() + "\n" + lines);
     }
 
     void stop()
