@@ -92,6 +92,7 @@ ConsoleSession::ConsoleSession(QObject *parent)
     m_timer1->setObjectName(QStringLiteral("Timer1"));
     m_timer2->setObjectName(QStringLiteral("Timer2"));
     m_timer2->setInterval(1000);
+    m_breakTimer->setObjectName(QStringLiteral("BreakTimer"));
     m_breakTimer->setSingleShot(true);
     m_breakTimer->setInterval(breakMilliseconds);
 

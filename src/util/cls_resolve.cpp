@@ -16,7 +16,50 @@ QString dottedText(const in_addr &address)
     return QStringLiteral("%1.%2.%3.%4").arg(bytes[0]).arg(bytes[1]).arg(bytes[2]).arg(bytes[3]);
 }
 
+std::optional<QString> systemNameOf(const QString &dotted)
+{
+    sockaddr_in socketAddress {};
+    socketAddress.sin_family = AF_INET;
+    socketAddress.sin_addr.s_addr = inet_addr(dotted.toLatin1().constData());
+    char host[NI_MAXHOST] = {};
+    const int rc = getnameinfo(reinterpret_cast<const sockaddr *>(&socketAddress), sizeof socketAddress, host,
+        sizeof host, nullptr, 0, NI_NAMEREQD);
+    if (rc != 0)
+        return std::nullopt;
+    return QString::fromLocal8Bit(host);
+}
+
+std::optional<QString> systemAddressOf(const QByteArray &name)
+{
+    addrinfo hints {};
+    hints.ai_family = AF_INET;
+    addrinfo *result = nullptr;
+    if (getaddrinfo(name.constData(), nullptr, &hints, &result) != 0 || !result)
+        return std::nullopt;
+    std::optional<QString> dotted;
+    for (const addrinfo *entry = result; entry; entry = entry->ai_next) {
+        if (entry->ai_family == AF_INET && entry->ai_addrlen >= sizeof(sockaddr_in)) {
+            dotted = dottedText(reinterpret_cast<const sockaddr_in *>(entry->ai_addr)->sin_addr);
+            break;
+        }
+    }
+    freeaddrinfo(result);
+    return dotted;
+}
+
+clsResolve::Lookup &lookup()
+{
+    static clsResolve::Lookup current { systemNameOf, systemAddressOf };
+    return current;
+}
+
 } // namespace
+
+void clsResolve::setLookup(Lookup replacement)
+{
+    lookup() = Lookup { replacement.nameOf ? replacement.nameOf : systemNameOf,
+        replacement.addressOf ? replacement.addressOf : systemAddressOf };
+}
 
 QString clsResolve::GetHostNameFromIP(const QString &address) const
 {
@@ -28,18 +71,14 @@ QString clsResolve::GetHostNameFromIP(const QString &address) const
         tw::messageBox(QStringLiteral("Invalid IP address"));
         return {};
     }
-
-    sockaddr_in socketAddress {};
-    socketAddress.sin_family = AF_INET;
-    socketAddress.sin_addr.s_addr = value;
-    char host[NI_MAXHOST] = {};
-    const int rc = getnameinfo(reinterpret_cast<const sockaddr *>(&socketAddress), sizeof socketAddress, host,
-        sizeof host, nullptr, 0, NI_NAMEREQD);
-    if (rc != 0) {
+    in_addr parsed {};
+    parsed.s_addr = value;
+    const std::optional<QString> name = lookup().nameOf(dottedText(parsed));
+    if (!name) {
         tw::messageBox(QStringLiteral("Call to gethostbyaddr failed."));
         return {};
     }
-    return QString::fromLocal8Bit(host);
+    return *name;
 }
 
 QString clsResolve::GetIPFromHostName(const QString &hostName) const
@@ -47,19 +86,5 @@ QString clsResolve::GetIPFromHostName(const QString &hostName) const
     const QByteArray name = hostName.toLocal8Bit();
     if (name.isEmpty() || name.contains('\0'))
         return {};
-
-    addrinfo hints {};
-    hints.ai_family = AF_INET;
-    addrinfo *result = nullptr;
-    if (getaddrinfo(name.constData(), nullptr, &hints, &result) != 0 || !result)
-        return {};
-    QString dotted;
-    for (const addrinfo *entry = result; entry; entry = entry->ai_next) {
-        if (entry->ai_family == AF_INET && entry->ai_addrlen >= sizeof(sockaddr_in)) {
-            dotted = dottedText(reinterpret_cast<const sockaddr_in *>(entry->ai_addr)->sin_addr);
-            break;
-        }
-    }
-    freeaddrinfo(result);
-    return dotted;
+    return lookup().addressOf(name).value_or(QString());
 }

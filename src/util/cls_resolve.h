@@ -2,6 +2,9 @@
 
 #include <QString>
 
+#include <functional>
+#include <optional>
+
 // Translates between dotted IPv4 addresses and host names with one blocking
 // look-up per call, on the caller's (the user-interface) thread. It keeps no
 // state between calls, so an instance may be created per use.
@@ -16,6 +19,16 @@
 class clsResolve
 {
 public:
+    // The look-ups themselves: the system's resolver unless replaced (tests put
+    // a hosts table in its place, so that no query leaves the machine). Each
+    // takes and gives addresses as dotted text.
+    struct Lookup
+    {
+        std::function<std::optional<QString>(const QString &dotted)> nameOf;
+        std::function<std::optional<QString>(const QByteArray &name)> addressOf;
+    };
+    static void setLookup(Lookup lookup);
+
     // The host name registered for the address, or "".
     QString GetHostNameFromIP(const QString &address) const;
     // The first IPv4 address of the name as dotted text, or "".

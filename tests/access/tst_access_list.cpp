@@ -176,6 +176,5 @@ private Q_SLOTS:
     }
 };
 
-#include "test_main.h"
-TW_TEST_GUILESS_MAIN(TestAccessList)
+QTEST_GUILESS_MAIN(TestAccessList)
 #include "tst_access_list.moc"

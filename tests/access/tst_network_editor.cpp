@@ -124,6 +124,5 @@ void TestNetworkEditor::windowAddsSavesAndRemoves()
     QCOMPARE(saved(), expected);
 }
 
-#include "test_main.h"
-TW_TEST_MAIN(TestNetworkEditor)
+QTEST_MAIN(TestNetworkEditor)
 #include "tst_network_editor.moc"

@@ -11,7 +11,7 @@ home=$work/home
 mkdir -p "$home/.config/Tarnwick" "$home/.local/share/Tarnwick/logs"
 printf '[Settings]\nFolderPath=/srv/tftp\nMainLeft=1500\nhistroy1=192\n' \
     >"$home/.config/Tarnwick/Tarnwick.conf"
-echo "<189>link up" >"$home/.local/share/Tarnwick/logs/192.0.2.1 01-01-2026.log"
+echo "<189>link up" >"$home/.local/share/Tarnwick/logs/127.0.0.2 01-01-2026.log"
 
 # Every file and folder with its size, time, mode and checksum.
 manifest() {

@@ -2,6 +2,7 @@
 #include "app/main_window.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
+#include "test_support.h"
 #include "util/message_box.h"
 
 #include <QAction>
@@ -30,35 +31,23 @@ private:
     std::unique_ptr<Application> m_app;
     QStringList m_messages;
 
-    static quint16 freeUdpPort()
-    {
-        QUdpSocket probe;
-        probe.bind(QHostAddress::LocalHost, 0);
-        return probe.localPort();
-    }
-
     MainWindow *startApp(const QString &folderSetting = QString(),
         const std::function<void(CommandLineOptions &)> &adjust = {})
     {
-        QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
+        QSettings settings = tw::test::settingsStore();
         settings.clear();
         if (!folderSetting.isNull())
             settings.setValue(QStringLiteral("Settings/FolderPath"), folderSetting);
         settings.sync();
         CommandLineOptions options;
-        options.tftpPort = freeUdpPort();
-        options.logPort = freeUdpPort();
+        options.tftpPort = tw::test::freeUdpPort();
+        options.logPort = tw::test::freeUdpPort();
         options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
         if (adjust)
             adjust(options);
         m_app = std::make_unique<Application>(options);
         m_app->start();
         return m_app->mainWindow();
-    }
-
-    static QSettings settingsStore()
-    {
-        return QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
     }
 
     static QList<QMdiSubWindow *> tiledFrames(MainWindow *main)
@@ -105,7 +94,6 @@ private Q_SLOTS:
     {
         MainWindow *main = startApp();
         QCOMPARE(main->windowTitle(), QStringLiteral("Tarnwick"));
-        QCOMPARE(main->objectName(), QStringLiteral("frmForm"));
         const QStringList names { "Files", "Network", "Transfer", "Console", "Config" };
         const QList<QAction *> buttons = main->toolbar()->actions();
         QCOMPARE(buttons.size(), 5);
@@ -120,7 +108,6 @@ private Q_SLOTS:
         }
         QCOMPARE(main->windowTable().count, qint16(4));
         QVERIFY(main->windowTable().names[5].isEmpty());
-        QVERIFY(main->findChild<QObject *>(QStringLiteral("StatusBar1")));
     }
 
     // Without a stored folder the folder browser stays in front; with one it is
@@ -147,7 +134,7 @@ private Q_SLOTS:
         const QRect placement = main->geometry();
         main->close();
         {
-            QSettings settings = settingsStore();
+            QSettings settings = tw::test::settingsStore();
             QCOMPARE(settings.value("Settings/MainLeft").toInt(), placement.left() * 15);
             QCOMPARE(settings.value("Settings/MainTop").toInt(), placement.top() * 15);
             QCOMPARE(settings.value("Settings/MainWidth").toInt(), placement.width() * 15);
@@ -161,14 +148,14 @@ private Q_SLOTS:
         main = startApp(QStringLiteral("/srv/tftp"));
         QVERIFY(main->geometry() != placement);
         {
-            QSettings settings = settingsStore();
+            QSettings settings = tw::test::settingsStore();
             settings.setValue("Settings/MainLeft", 4321);
         }
         main->setSharedFolder(QStringLiteral("/srv/other"));
         main->showMinimized();
         QTRY_VERIFY(main->isMinimized());
         main->close();
-        QSettings settings = settingsStore();
+        QSettings settings = tw::test::settingsStore();
         QCOMPARE(settings.value("Settings/MainLeft").toInt(), 4321);
         QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/other"));
     }
@@ -188,7 +175,7 @@ private Q_SLOTS:
         QVERIFY(!main->isVisible());
         m_app->shutDown();
         {
-            QSettings settings = settingsStore();
+            QSettings settings = tw::test::settingsStore();
             QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/stored"));
             for (const char *key :
                 { "Settings/MainLeft", "Settings/MainTop", "Settings/MainWidth", "Settings/MainHeight" })
@@ -202,7 +189,7 @@ private Q_SLOTS:
         });
         main->setSharedFolder(QStringLiteral("/srv/chosen")); // "Change Folder" during the run
         main->close();
-        QSettings settings = settingsStore();
+        QSettings settings = tw::test::settingsStore();
         QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/chosen"));
         QVERIFY(settings.contains("Settings/MainLeft"));
     }
@@ -216,7 +203,7 @@ private Q_SLOTS:
         QTcpServer r1, r2; // the devices the consoles connect to, on one port
         QVERIFY(r1.listen(QHostAddress::LocalHost, 0));
         QVERIFY(r2.listen(QHostAddress(QStringLiteral("127.0.0.2")), r1.serverPort()));
-        const quint16 logPort = freeUdpPort();
+        const quint16 logPort = tw::test::freeUdpPort();
         const QString logDir = m_temp.filePath(QStringLiteral("logs"));
         MainWindow *main = startApp(QString(), [&](CommandLineOptions &options) {
             options.telnetPort = r1.serverPort();
@@ -310,8 +297,9 @@ private Q_SLOTS:
         // While maximised, a resize of the frame does not re-tile the others.
         QMdiSubWindow *transfer = main->frameOf(WindowTable::transferIndex);
         const QRect before = transfer->geometry();
+        const QSize area = main->mdiArea()->size();
         main->resize(main->width() + 120, main->height() + 40);
-        QTest::qWait(50);
+        QTRY_VERIFY(main->mdiArea()->size() != area); // the resize has been handled
         QCOMPARE(transfer->geometry(), before);
 
         network->trigger(); // active and maximised: back to normal, tiled again
@@ -383,6 +371,5 @@ private Q_SLOTS:
     }
 };
 
-#include "test_main.h"
-TW_TEST_MAIN(StartupTest)
+QTEST_MAIN(StartupTest)
 #include "tst_startup.moc"

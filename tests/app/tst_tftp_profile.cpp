@@ -1,7 +1,7 @@
-#include "test_main.h"
 #include "app/application.h"
 #include "app/command_line.h"
 #include "app/main_window.h"
+#include "test_support.h"
 #include "tftp/tftp_server.h"
 
 #include <QAction>
@@ -25,23 +25,16 @@ class TftpProfileTest : public QObject
 private:
     QTemporaryDir m_temp;
 
-    static quint16 freeUdpPort()
-    {
-        QUdpSocket probe;
-        probe.bind(QHostAddress::LocalHost, 0);
-        return probe.localPort();
-    }
-
     std::unique_ptr<Application> startApp(bool option, const QVariant &stored)
     {
-        QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
+        QSettings settings = tw::test::settingsStore();
         settings.clear();
         if (stored.isValid())
             settings.setValue(QStringLiteral("Settings/TftpStandard"), stored);
         settings.sync();
         CommandLineOptions options;
-        options.tftpPort = freeUdpPort();
-        options.logPort = freeUdpPort();
+        options.tftpPort = tw::test::freeUdpPort();
+        options.logPort = tw::test::freeUdpPort();
         options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
         options.tftpStandard = option;
         auto app = std::make_unique<Application>(options);
@@ -51,9 +44,7 @@ private:
 
     static bool storedStandard()
     {
-        return QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"))
-            .value(QStringLiteral("Settings/TftpStandard"), false)
-            .toBool();
+        return tw::test::settingsStore().value(QStringLiteral("Settings/TftpStandard"), false).toBool();
     }
 
 private Q_SLOTS:
@@ -117,23 +108,14 @@ private Q_SLOTS:
         QVERIFY(acl.open(QIODevice::WriteOnly));
         acl.write(QStringLiteral("0.0.0.0; 0 . 0 . 0 . 0 ;yes;no;%1;0;\r\n").arg(folder).toLocal8Bit());
         acl.close();
-        const quint16 port = freeUdpPort();
+        const quint16 port = tw::test::freeUdpPort();
         QProcess server;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_temp.filePath(QStringLiteral("config")));
-        server.setProcessEnvironment(env);
-        server.start(QStringLiteral(TW_PROGRAM),
-            { "--headless", "--tftp-standard", "--tftp-port", QString::number(port), "--log-port",
-                QString::number(freeUdpPort()), "--acl", acl.fileName() });
+        tw::test::startHeadless(server, m_temp.path(),
+            { "--tftp-standard", "--tftp-port", QString::number(port), "--acl", acl.fileName() });
         QVERIFY(server.waitForStarted());
         QByteArray out;
-        QElapsedTimer clock;
-        clock.start();
-        while (!out.contains("Listen") && clock.elapsed() < 60000 && server.state() == QProcess::Running) {
-            server.waitForReadyRead(500);
-            out += server.readAllStandardOutput();
-        }
-        QVERIFY2(out.contains("Listen"), (out + server.readAllStandardError()).constData());
+        QVERIFY2(tw::test::waitForOutput(server, "Listen", out),
+            (out + server.readAllStandardError()).constData());
         QProcess curl;
         curl.start(QStandardPaths::findExecutable(QStringLiteral("curl")),
             { "-sS", "-o", m_temp.filePath(QStringLiteral("got.bin")),
@@ -142,11 +124,7 @@ private Q_SLOTS:
         QVERIFY(curl.waitForFinished(60000));
         QCOMPARE(curl.exitCode(), 0);
         QCOMPARE(QFileInfo(m_temp.filePath(QStringLiteral("got.bin"))).size(), 3000000);
-        clock.restart();
-        while (!out.contains("3000000 bytes") && clock.elapsed() < 10000) {
-            server.waitForReadyRead(200);
-            out += server.readAllStandardOutput();
-        }
+        tw::test::waitForOutput(server, "FINISHED OK", out);
         server.terminate();
         QVERIFY(server.waitForFinished(10000));
         out += server.readAllStandardOutput();
@@ -155,5 +133,5 @@ private Q_SLOTS:
     }
 };
 
-TW_TEST_MAIN(TftpProfileTest)
+QTEST_MAIN(TftpProfileTest)
 #include "tst_tftp_profile.moc"

@@ -267,8 +267,6 @@ void TestBrowser::windowChangesFolderAndCancels()
     QCOMPARE(window.combo()->count(), 0);
 }
 
-#include "test_main.h"
-
 int main(int argc, char **argv)
 {
     if (argc == 3 && qstrcmp(argv[1], "--scan-as-nobody") == 0) {
@@ -279,7 +277,6 @@ int main(int argc, char **argv)
         return std::fputs(qUtf8Printable(scan(QString::fromLocal8Bit(argv[2])).join('\n')), stdout) < 0 ? 4
                                                                                                         : 0;
     }
-    tw::test::isolate(); // the branch above runs only as this test's own child
     QApplication app(argc, argv);
     TestBrowser test;
     return QTest::qExec(&test, argc, argv);

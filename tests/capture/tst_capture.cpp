@@ -251,6 +251,5 @@ private Q_SLOTS:
     }
 };
 
-#include "test_main.h"
-TW_TEST_MAIN(TestCapture)
+QTEST_MAIN(TestCapture)
 #include "tst_capture.moc"

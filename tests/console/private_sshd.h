@@ -1,10 +1,11 @@
 #pragma once
 
+#include "test_support.h"
+
 #include <QDir>
 #include <QFile>
 #include <QHostAddress>
 #include <QProcess>
-#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
@@ -90,10 +91,7 @@ public:
         const QString &hostKey = QStringLiteral("host_key"))
     {
         stop();
-        QTcpServer probe;
-        QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-        port = probe.serverPort();
-        probe.close();
+        port = tw::test::freeTcpPort();
         const QString config = QStringLiteral("Port %1\nListenAddress 127.0.0.1\nHostKey %2\nPidFile none\n"
                                               "AuthorizedKeysFile %3\nUsePAM no\nStrictModes no\n"
                                               "PermitRootLogin yes\nPasswordAuthentication no\n"

@@ -1,7 +1,7 @@
 #include "console/console_session.h"
 #include "console/ssh_config.h"
 #include "private_sshd.h"
-#include "test_main.h"
+#include "test_support.h"
 
 // ~/.ssh/config as OpenSSH's client reads it (`ssh -G` is the oracle), and
 // the README's lines for old devices against an sshd that speaks nothing else.
@@ -181,5 +181,5 @@ private Q_SLOTS:
     }
 };
 
-TW_TEST_MAIN(TestConsoleSshConfig)
+QTEST_MAIN(TestConsoleSshConfig)
 #include "tst_console_ssh_config.moc"

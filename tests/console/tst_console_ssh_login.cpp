@@ -1,7 +1,7 @@
 #include "console/console_session.h"
 #include "console/ssh_connection.h"
 #include "private_sshd.h"
-#include "test_main.h"
+#include "test_support.h"
 #include "tftp/tftp_test_peer.h"
 
 #include <QLocalServer>
@@ -182,5 +182,5 @@ private Q_SLOTS:
     }
 };
 
-TW_TEST_MAIN(TestConsoleSshLogin)
+QTEST_MAIN(TestConsoleSshLogin)
 #include "tst_console_ssh_login.moc"

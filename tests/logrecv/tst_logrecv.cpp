@@ -129,8 +129,9 @@ private Q_SLOTS:
 
         for (const auto &[locale, name] :
             { std::pair { "en_GB", "26-05-2024" }, { "en_US", "5-26-24" }, { "de_DE", "26.05.24" } })
-            QCOMPARE(LogReceiver::logFileName("10.1.1.1", QDate(2024, 5, 26), QLocale(QLatin1String(locale))),
-                QStringLiteral("10.1.1.1 %1.log").arg(QLatin1String(name)));
+            QCOMPARE(
+                LogReceiver::logFileName("127.0.0.5", QDate(2024, 5, 26), QLocale(QLatin1String(locale))),
+                QStringLiteral("127.0.0.5 %1.log").arg(QLatin1String(name)));
 
         // A missing folder is made; one that cannot exist costs only the file. A taken port is refused.
         m_options->setLogToFile(true);
@@ -253,6 +254,5 @@ private Q_SLOTS:
     }
 };
 
-#include "test_main.h"
-TW_TEST_MAIN(TestLogrecv)
+QTEST_MAIN(TestLogrecv)
 #include "tst_logrecv.moc"

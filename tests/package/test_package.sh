@@ -54,8 +54,8 @@ for p in libqt6widgets6 libqt6network6 libqt6serialport6 libssh-4; do
 done
 
 if [ "$(id -u)" -ne 0 ]; then
-    echo "not root: install and capability steps not run"
-    exit 0
+    echo "SKIPPED: not root, so the install and capability steps cannot run"
+    exit 77
 fi
 need setpriv util-linux
 need getcap libcap2-bin
@@ -63,11 +63,11 @@ DEBIAN_FRONTEND=noninteractive dpkg -i "$deb" >"$work/dpkg.log" 2>&1 || { cat "$
 trap 'dpkg -r tarnwick >/dev/null 2>&1; rm -rf "$work"' EXIT
 if ! getcap /usr/bin/tarnwick | grep -q cap_net_bind_service; then
     echo "SKIPPED capability check: this file system does not keep file capabilities ($(cat "$work/dpkg.log" | grep -i tarnwick: | head -1))"
-    exit 0
+    exit 77
 fi
 if ss -uln 'sport = :69' | grep -q ':69'; then
     echo "SKIPPED unprivileged bind check: UDP port 69 is already in use on this machine"
-    exit 0
+    exit 77
 fi
 chmod 755 "$work"
 cd "$work"

@@ -2,6 +2,7 @@
 #include "snmp/snmp_page.h"
 #include "snmp/snmp_poller.h"
 #include "snmp/translate_snmp.h"
+#include "test_support.h"
 #include "util/message_box.h"
 
 #include <QtNetwork>
@@ -125,8 +126,7 @@ void TestMonitor::encoderAndDecoder()
     for (int i = 0; i < 20000; ++i) {
         QByteArray d = seeds.at(rng.bounded(int(seeds.size())));
         if (i % 2) {
-            d.resize(rng.bounded(300));
-            std::generate(d.begin(), d.end(), [&rng] { return char(rng.bounded(256)); });
+            d = tw::test::junk(rng, 300);
         } else {
             d[rng.bounded(int(d.size()))] = char(rng.bounded(256));
             d.truncate(rng.bounded(int(d.size()) + 1) + (rng.bounded(2) ? int(d.size()) : 0));
@@ -181,10 +181,13 @@ void TestMonitor::pollCycleAndFigures()
             got << device.receiveDatagram();
         return got.size();
     };
+    int ticks = 0;
+    connect(poller->snmpDelay(), &QTimer::timeout, &page, [&ticks] { ++ticks; });
     for (int round = 1; round <= 2; ++round) {
         click("SNMPStart");
         QTRY_COMPARE(received(), 6 * round);
-        QTest::qWait(150); // thirty more ticks: nothing more may go out
+        const int then = ticks;
+        QTRY_VERIFY(ticks >= then + 30); // thirty more ticks: nothing more may go out
         QCOMPARE(received(), 6 * round);
         QCOMPARE(poller->state() + ' ' + poller->bindTag(), QStringLiteral("Waiting Bind"));
         for (int i = 0; i < 6; ++i) {
@@ -228,10 +231,7 @@ void TestMonitor::realAgent()
     const QString snmpget = QStandardPaths::findExecutable(QStringLiteral("snmpget"));
     QVERIFY2(!snmpd.isEmpty() && !snmpget.isEmpty(), "install the Debian packages snmpd and snmp");
     QTemporaryDir dir;
-    QUdpSocket probe; // a free port for the agent
-    QVERIFY(probe.bind(QHostAddress::LocalHost, 0));
-    const quint16 port = probe.localPort();
-    probe.close();
+    const quint16 port = tw::test::freeUdpPort(); // for the agent
     const QString address = QStringLiteral("127.0.0.1:%1").arg(port);
 
     // No MIB files: numeric identifiers only and no screens of MIB warnings.
@@ -277,10 +277,8 @@ void TestMonitor::realAgent()
 
     QTimer junkTimer; // random datagrams arriving between the agent's answers are dropped
     connect(&junkTimer, &QTimer::timeout, this, [&] {
-        QByteArray bytes(QRandomGenerator::global()->bounded(200), '\0');
-        std::generate(
-            bytes.begin(), bytes.end(), [] { return char(QRandomGenerator::global()->bounded(256)); });
-        QUdpSocket().writeDatagram(bytes, QHostAddress::LocalHost, poller.localPort());
+        QUdpSocket().writeDatagram(
+            tw::test::junk(*QRandomGenerator::global(), 200), QHostAddress::LocalHost, poller.localPort());
     });
     junkTimer.start(2);
 
@@ -308,6 +306,5 @@ void TestMonitor::realAgent()
     QTRY_COMPARE(poller.state(), QStringLiteral("Waiting"));
 }
 
-#include "test_main.h"
-TW_TEST_MAIN(TestMonitor)
+QTEST_MAIN(TestMonitor)
 #include "tst_monitor.moc"

@@ -5,6 +5,7 @@
 
 #include "access/access_list.h"
 #include "access/mask_display.h"
+#include "test_support.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
 
@@ -57,8 +58,8 @@ struct Client
     quint16 peer = 0; // the port the last datagram came from: a transfer's own port
     Client() { socket.bind(QHostAddress::LocalHost, 0); }
     void send(const QByteArray &d, quint16 port) { socket.writeDatagram(d, QHostAddress::LocalHost, port); }
-    // The next datagram within timeoutMs (empty if none), running the event loop and so the server.
-    QByteArray next(int timeoutMs = 3000)
+    // The next datagram (empty if none comes within timeoutMs), running the event loop and so the server.
+    QByteArray next(int timeoutMs = 30000)
     {
         if (!QTest::qWaitFor([this] { return socket.hasPendingDatagrams(); }, timeoutMs))
             return {};
@@ -66,7 +67,9 @@ struct Client
         peer = quint16(d.senderPort());
         return d.data().isEmpty() ? "<empty datagram>" : d.data();
     }
-    bool silent(int ms) { return next(ms).isEmpty(); }
+    // Nothing has come. Silence is only asserted once the server is known to have handled what was sent
+    // (its trace, a row, the answer to a later datagram): its answers leave while it handles a datagram.
+    bool quiet() { return !socket.hasPendingDatagrams(); }
 };
 
 struct Fixture
@@ -83,11 +86,7 @@ struct Fixture
     explicit Fixture(const QByteArray &content = {}, bool start = true, int holdMs = 60000,
         int refreshMs = 60000, int refusalMs = 60000, bool standard = false)
     {
-        port = [] {
-            QUdpSocket probe;
-            probe.bind(QHostAddress::LocalHost, 0);
-            return probe.localPort();
-        }();
+        port = tw::test::freeUdpPort();
         QDir().mkpath(folder);
         acl.appendEntry({ "0.0.0.0", maskDisplayForm(0), "yes", "yes", folder, 0 });
         server.setPort(port);
@@ -106,13 +105,22 @@ struct Fixture
         return monitor.socketText(slot, column);
     }
     QString transfer(int row, int column) const { return monitor.transferText(row, column); }
-    // The interval the slot's own timer runs with, 0 when it is not running.
-    int slotTimer(int slot)
+    // The slot's own timer.
+    QTimer *slotTimer(int slot)
     {
         for (QTimer *timer : server.findChildren<QTimer *>("Timer1"))
             if (timer->property("slot").toInt() == slot)
-                return timer->isActive() ? timer->interval() : 0;
-        return -1;
+                return timer;
+        return nullptr;
+    }
+    // The interval the slot's timer runs with, 0 when it is not running.
+    int slotInterval(int slot) { return slotTimer(slot)->isActive() ? slotTimer(slot)->interval() : 0; }
+    // True once the trace holds `lines` lines (one per datagram the classic server handled), false if it
+    // never does or holds more.
+    bool traced(qsizetype lines)
+    {
+        return QTest::qWaitFor([&] { return readFile(tracePath).count('\n') >= lines; }, 30000)
+            && readFile(tracePath).count('\n') == lines;
     }
     // Fetches a whole file whose size is not a multiple of 512.
     QByteArray download(Client &client, const QByteArray &name)

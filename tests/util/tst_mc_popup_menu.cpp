@@ -93,6 +93,5 @@ private Q_SLOTS:
     void cleanup() { mcPopupMenu::setExecHook({}); }
 };
 
-#include "test_main.h"
-TW_TEST_MAIN(TestMcPopupMenu)
+QTEST_MAIN(TestMcPopupMenu)
 #include "tst_mc_popup_menu.moc"

@@ -3,10 +3,10 @@
 
 #include <QTest>
 
-// Name resolution against the machine's own resolver: /etc/hosts always maps
-// localhost, so both directions have an answer without any network. Text that
-// is not an address and an address without a name are reported; a name that
-// does not resolve is not.
+// Name resolution. The system's resolver answers for localhost from /etc/hosts in both directions,
+// without any query leaving the machine; the other names come from a hosts table put in its place.
+// Text that is not an address and an address without a name are reported; a name that does not
+// resolve is not.
 class TestResolve : public QObject
 {
     Q_OBJECT
@@ -19,23 +19,40 @@ private Q_SLOTS:
         for (const auto &[toName, input, result, message] :
             std::initializer_list<std::tuple<bool, QString, QString, QString>> {
                 { true, "127.0.0.1", "localhost", "" }, { false, "localhost", "127.0.0.1", "" },
+                { true, "127.0.0.7", "router7.lab", "" }, { false, "router7.lab", "127.0.0.7", "" },
+                { true, "0177.0.0.7", "router7.lab", "" }, // the octal form users have always typed
                 { true, "255.255.255.255", "", invalid }, { true, "router1", "", invalid },
-                { true, "", "", invalid }, { true, "10.1.1.256", "", invalid },
+                { true, "", "", invalid }, { true, "127.0.0.256", "", invalid },
                 { true, QStringLiteral("127.0.0.1") + QChar(0) + "x", "", invalid },
-                // A documentation-only address: nothing may be registered for it.
-                { true, "192.0.2.123", "", "Call to gethostbyaddr failed." },
-                { false, "no-such-host.invalid", "", "" }, { false, "", "", "" },
+                { true, "127.0.0.123", "", "Call to gethostbyaddr failed." },
+                { false, "no-such-host.lab", "", "" }, { false, "", "", "" },
                 { false, QString(300, QChar('a')), "", "" } }) {
+            // localhost goes to the system's resolver, everything else to the table.
+            const bool system = input == QLatin1String("127.0.0.1") || input == QLatin1String("localhost");
+            clsResolve::setLookup(system ? clsResolve::Lookup {} : hostsTable());
             messages.clear();
             const clsResolve resolve;
             QCOMPARE(toName ? resolve.GetHostNameFromIP(input) : resolve.GetIPFromHostName(input), result);
             QVERIFY2(
                 messages.join('|') == message, qPrintable(input + QStringLiteral(": ") + messages.join('|')));
         }
+        clsResolve::setLookup({});
         tw::setMessageBoxHook({});
+    }
+
+private:
+    static clsResolve::Lookup hostsTable()
+    {
+        static const QMap<QString, QString> hosts { { "127.0.0.7", "router7.lab" } };
+        return { [](const QString &dotted) {
+                    return hosts.contains(dotted) ? std::optional(hosts[dotted]) : std::nullopt;
+                },
+            [](const QByteArray &name) {
+                const QString address = hosts.key(QString::fromLatin1(name));
+                return address.isEmpty() ? std::nullopt : std::optional(address);
+            } };
     }
 };
 
-#include "test_main.h"
-TW_TEST_GUILESS_MAIN(TestResolve)
+QTEST_GUILESS_MAIN(TestResolve)
 #include "tst_resolve.moc"

@@ -1,15 +1,14 @@
-#pragma once
+// Linked into every test executable (tw_add_test): before main, and so before
+// any QSettings or QStandardPaths lookup, HOME and the XDG folders point at a
+// temporary folder removed at exit. Environment variables rather than Qt's
+// test mode, so that the program a test starts (and any peer) shares the
+// test's isolated home instead of falling back to the real one.
 
-// Every test executable starts through TW_TEST_MAIN (widgets),
-// TW_TEST_GUILESS_MAIN (no widgets) or, with a main of its own, calls
-// tw::test::isolate() first. Whether CTest runs it or a developer types its
-// name, the test then cannot read or write the user's own settings, log files
-// or home folder, and shows no window on the user's screen.
+#include "test_support.h"
 
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
-#include <QTest>
 
 #include <cstdio>
 #include <cstdlib>
@@ -17,18 +16,19 @@
 
 namespace tw::test {
 
-// Points HOME and the XDG folders at a temporary folder removed at exit, before
-// any QSettings or QStandardPaths lookup. Environment variables rather than
-// QStandardPaths' test mode, so that the program a test starts (and any peer)
-// shares the test's isolated home instead of falling back to the real one.
-inline void isolate()
+QString isolatedHome()
 {
+    // A test's own child (a helper mode of the same executable) keeps its
+    // parent's home rather than making, and failing to remove, one of its own.
+    if (qEnvironmentVariableIsSet("TW_TEST_HOME"))
+        return qEnvironmentVariable("TW_TEST_HOME");
     static QTemporaryDir home(QDir::tempPath() + QStringLiteral("/tarnwick-test-XXXXXX"));
     if (!home.isValid()) {
         std::fprintf(stderr, "cannot create a temporary home folder: %s\n", qPrintable(home.errorString()));
         std::exit(1);
     }
     const QString path = home.path();
+    qputenv("TW_TEST_HOME", QFile::encodeName(path));
     qputenv("HOME", QFile::encodeName(path));
     const std::pair<const char *, const char *> folders[]
         = { { "XDG_CONFIG_HOME", "/.config" }, { "XDG_DATA_HOME", "/.local/share" },
@@ -40,11 +40,12 @@ inline void isolate()
     QDir::setCurrent(path); // files a test names relatively (a trace file, say) land here too
     if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
+    return path;
 }
 
-} // namespace tw::test
+namespace {
+// Runs during static initialisation, before main.
+const QString home = isolatedHome();
+} // namespace
 
-// Qt's own main, with the isolation first.
-#define TW_TEST_MAIN(TestObject) QTEST_MAIN_WRAPPER(TestObject, tw::test::isolate(); QTEST_MAIN_SETUP())
-#define TW_TEST_GUILESS_MAIN(TestObject)                                                                     \
-    QTEST_MAIN_WRAPPER(TestObject, tw::test::isolate(); QTEST_QAPP_SETUP(QCoreApplication))
+} // namespace tw::test
