@@ -131,6 +131,7 @@ private:
     bool canAsk(const char *signal) const;
     QString libsshError() const;
     QString changedKeyLine() const;
+    QString saveHostKey();
 
     std::unique_ptr<State> d;
     QSocketNotifier *m_readNotifier = nullptr;

@@ -4,8 +4,10 @@
 #include "console/ssh_agent_auth.h"
 
 #include <QCryptographicHash>
+#include <QFileInfo>
 #include <QMessageAuthenticationCode>
 #include <QMetaMethod>
+#include <QRandomGenerator>
 #include <QTimer>
 
 // The host key check and user authentication of SshConnection.
@@ -117,14 +119,56 @@ QString SshConnection::changedKeyLine() const
     return QStringLiteral("the entry for %1 in %2").arg(hostText, file);
 }
 
+// Appends the host's key to known_hosts, leaving every other line as it
+// was; hashed with HashKnownHosts, as OpenSSH writes it; a new file is 0600.
+// An empty result, or why it failed.
+QString SshConnection::saveHostKey()
+{
+    char *entry = nullptr;
+    if (ssh_session_export_known_hosts_entry(d->session, &entry) != SSH_OK)
+        return libsshError();
+    QByteArray line = takeString(entry).trimmed().toUtf8();
+    if (d->config.flag(QStringLiteral("hashknownhosts"), false)) {
+        const qsizetype space = line.indexOf(' ');
+        QByteArray salt(20, Qt::Uninitialized);
+        QRandomGenerator::system()->fillRange(reinterpret_cast<quint32 *>(salt.data()), salt.size() / 4);
+        const QByteArray hash
+            = QMessageAuthenticationCode::hash(line.left(space), salt, QCryptographicHash::Sha1);
+        line = "|1|" + salt.toBase64() + '|' + hash.toBase64() + line.mid(space);
+    }
+    char *path = nullptr;
+    QString name = sshDir() + QStringLiteral("/known_hosts");
+    if (ssh_options_get(d->session, SSH_OPTIONS_KNOWNHOSTS, &path) == SSH_OK)
+        name = expandPath(takeString(path));
+    QDir().mkpath(QFileInfo(name).absolutePath());
+    QFile file(name);
+    const bool existed = file.exists();
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Append))
+        return file.errorString();
+    if (file.size() > 0) {
+        // A last line without its line end gets one first.
+        file.seek(file.size() - 1);
+        if (file.read(1) != "\n")
+            line.prepend('\n');
+    }
+    if (!existed)
+        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner);
+    if (file.write(line + '\n') != line.size() + 1 || !file.flush())
+        return file.errorString();
+    return {};
+}
+
 void SshConnection::answerHostKey(HostKeyAnswer answer)
 {
     if (d->stage != Stage::WaitHostKey)
         return;
     if (answer == HostKeyAnswer::Cancel)
         return fail(QStringLiteral("the host key of %1 was not accepted").arg(d->host));
-    if (answer == HostKeyAnswer::AcceptAndSave && ssh_session_update_known_hosts(d->session) != SSH_OK)
-        return fail(QStringLiteral("cannot save the host key of %1: %2").arg(d->host, libsshError()));
+    if (answer == HostKeyAnswer::AcceptAndSave) {
+        const QString error = saveHostKey();
+        if (!error.isEmpty())
+            return fail(QStringLiteral("cannot save the host key of %1: %2").arg(d->host, error));
+    }
     d->stage = Stage::AuthNone;
     m_handshakeTimer->start();
     QTimer::singleShot(0, this, &SshConnection::step);

@@ -90,7 +90,8 @@ class TestConsoleSsh : public QObject
         writeFile(path("sshd_config"), config.toUtf8());
         // Per-host settings come from $HOME/.ssh/config: "fake-r1" is this server.
         writeFile(sshFile("config"),
-            QStringLiteral("Host fake-r1\n    HostName 127.0.0.1\n    Port %1\n    User %2\n")
+            QStringLiteral("Host 127.0.0.1\n    HashKnownHosts yes\n"
+                           "Host fake-r1\n    HostName 127.0.0.1\n    Port %1\n    User %2\n")
                 .arg(m_port)
                 .arg(m_user)
                 .toUtf8());
@@ -213,7 +214,10 @@ private Q_SLOTS:
 
     void unknownKeyAskedThenSavedAndSessionWorks()
     {
-        QFile::remove(sshFile("known_hosts"));
+        // A file kept by hand: its line and its mode stay, the new entry is hashed.
+        writeFile(sshFile("known_hosts"), "# kept by hand");
+        QFile::setPermissions(
+            sshFile("known_hosts"), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup);
         LogOptions logOptions;
         LogReceiver receiver(&logOptions);
         LogRoutes routes;
@@ -238,8 +242,11 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
         QVERIFY(session().sshOpen());
         QCOMPARE(m_window->windowTitle(), QStringLiteral("R1#"));
-        QVERIFY(readFile(sshFile("known_hosts"))
-                    .startsWith(QStringLiteral("[127.0.0.1]:%1 ssh-ed25519 ").arg(m_port).toLatin1()));
+        QVERIFY(readFile(sshFile("known_hosts")).startsWith("# kept by hand\n|1|"));
+        QVERIFY(run(QStringLiteral("ssh-keygen"),
+            { "-F", QStringLiteral("[127.0.0.1]:%1").arg(m_port), "-f", sshFile("known_hosts") }));
+        QCOMPARE(QFile::permissions(sshFile("known_hosts")) & ~(QFile::ReadUser | QFile::WriteUser),
+            QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup);
 
         // Typed keys reach the device; its echo and answer come back.
         QTest::keyClicks(m_window->consoleBox(), "show version");
