@@ -131,6 +131,8 @@ private:
     bool canAsk(const char *signal) const;
     QString libsshError() const;
     QString changedKeyLine() const;
+    QString knownHostsFile() const;
+    QString knownHostsLine(bool revoked, const QString &keyText) const;
     QString saveHostKey();
 
     std::unique_ptr<State> d;

@@ -58,8 +58,18 @@ bool SshConnection::checkHostKey()
         fingerprint = takeString(ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, hashLength));
         ssh_clean_pubkey_hash(&hash);
     }
+    char *base64 = nullptr;
+    const QString keyText
+        = ssh_pki_export_pubkey_base64(key, &base64) == SSH_OK ? takeString(base64) : QString();
     ssh_key_free(key);
 
+    // libssh does not read markers: a revoked key would pass as unknown.
+    const QString revoked = knownHostsLine(true, keyText);
+    if (!keyText.isEmpty() && !revoked.isEmpty()) {
+        fail(QStringLiteral("the host key of %1 (%2) is revoked (@revoked at %3); refused")
+                 .arg(d->host, fingerprint, revoked));
+        return false;
+    }
     switch (ssh_session_is_known_server(d->session)) {
     case SSH_KNOWN_HOSTS_OK:
         d->stage = Stage::AuthNone;
@@ -91,10 +101,23 @@ bool SshConnection::checkHostKey()
 
 QString SshConnection::changedKeyLine() const
 {
+    const QString line = knownHostsLine(false, QString());
+    return line.isEmpty() ? QStringLiteral("the entry for this host in %1").arg(knownHostsFile()) : line;
+}
+
+QString SshConnection::knownHostsFile() const
+{
     char *path = nullptr;
-    QString file = sshDir() + QStringLiteral("/known_hosts");
     if (ssh_options_get(d->session, SSH_OPTIONS_KNOWNHOSTS, &path) == SSH_OK)
-        file = expandPath(takeString(path));
+        return expandPath(takeString(path));
+    return sshDir() + QStringLiteral("/known_hosts");
+}
+
+// "line N of FILE" of the first known_hosts entry for this host: a plain one,
+// or with `revoked` an @revoked one holding keyText; empty when none.
+QString SshConnection::knownHostsLine(bool revoked, const QString &keyText) const
+{
+    const QString file = knownHostsFile();
     char *hostName = nullptr;
     QString host = d->host;
     if (ssh_options_get(d->session, SSH_OPTIONS_HOST, &hostName) == SSH_OK)
@@ -108,15 +131,20 @@ QString SshConnection::changedKeyLine() const
         int lineNumber = 0;
         while (!known.atEnd()) {
             ++lineNumber;
-            const QStringList fields = QString::fromUtf8(known.readLine())
-                                           .simplified()
-                                           .split(QLatin1Char(' '), Qt::SkipEmptyParts);
+            QStringList fields = QString::fromUtf8(known.readLine())
+                                     .simplified()
+                                     .split(QLatin1Char(' '), Qt::SkipEmptyParts);
+            // Marker lines (@revoked, @cert-authority) are never plain entries.
+            const bool marked = fields.value(0).startsWith(QLatin1Char('@'));
+            if (marked != revoked || (revoked && fields.takeFirst() != QLatin1String("@revoked")))
+                continue;
             if (fields.size() >= 3 && !fields[0].startsWith(QLatin1Char('#'))
-                && namesHost(fields[0], hostText))
+                && (namesHost(fields[0], hostText) || (revoked && fields[0] == QLatin1String("*")))
+                && (!revoked || fields[2] == keyText))
                 return QStringLiteral("line %1 of %2").arg(lineNumber).arg(file);
         }
     }
-    return QStringLiteral("the entry for %1 in %2").arg(hostText, file);
+    return {};
 }
 
 // Appends the host's key to known_hosts, leaving every other line as it

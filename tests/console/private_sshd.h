@@ -17,7 +17,9 @@
 // port in front of a fake device shell (device.sh: a banner, the "R1#"
 // prompt, "show version", and "exit"/"logout N" that end the shell with
 // that status). HOME points at home() so nobody's own ~/.ssh is read or
-// written; "fake-r1" in home()/.ssh/config names the server.
+// written; "fake-r1" in home()/.ssh/config names the server. The device's
+// shell gets that HOME too, so the account's own shell start-up files (which
+// may hang on a lock of their own) stay out of the test.
 class PrivateSshd
 {
 public:
@@ -96,9 +98,9 @@ public:
                                               "AuthorizedKeysFile %3\nUsePAM no\nStrictModes no\n"
                                               "PermitRootLogin yes\nPasswordAuthentication no\n"
                                               "KbdInteractiveAuthentication no\nLogLevel DEBUG3\n"
-                                              "ForceCommand %4\n")
+                                              "ForceCommand %4\nSetEnv HOME=%5\n")
                                    .arg(port)
-                                   .arg(path(hostKey), path("authorized_keys"), path("device.sh"));
+                                   .arg(path(hostKey), path("authorized_keys"), path("device.sh"), home());
         QVERIFY(writeFile(path("sshd_config"), serverLines + '\n' + config.toUtf8()));
         QVERIFY(writeClientConfig(clientLines));
         const QByteArray key

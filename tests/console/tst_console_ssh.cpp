@@ -84,9 +84,9 @@ class TestConsoleSsh : public QObject
                                               "AuthorizedKeysFile %3\nUsePAM no\nStrictModes no\n"
                                               "PermitRootLogin prohibit-password\nPasswordAuthentication no\n"
                                               "KbdInteractiveAuthentication no\nLogLevel DEBUG3\n"
-                                              "ForceCommand %4\n")
+                                              "ForceCommand %4\nSetEnv HOME=%5\n")
                                    .arg(m_port)
-                                   .arg(path(hostKey), path("authorized_keys"), path("device.sh"));
+                                   .arg(path(hostKey), path("authorized_keys"), path("device.sh"), m_home);
         writeFile(path("sshd_config"), config.toUtf8());
         // Per-host settings come from $HOME/.ssh/config: "fake-r1" is this server.
         writeFile(sshFile("config"),
@@ -302,6 +302,20 @@ private Q_SLOTS:
         QVERIFY2(text.contains(QStringLiteral("line 2 of %1").arg(sshFile("known_hosts"))), qPrintable(text));
         QVERIFY(text.endsWith(QLatin1String("\n>\n")));
         QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
+
+        // A revoked key is refused even beside an entry that names it; a
+        // certificate authority line is not taken for an entry.
+        const QByteArray key = readFile(path("host_key.pub")).split(' ').value(1);
+        writeFile(sshFile("known_hosts"),
+            "@cert-authority * ssh-ed25519 " + otherKey + "\n@revoked * ssh-ed25519 " + key
+                + "\n[127.0.0.1]:" + QByteArray::number(m_port) + " ssh-ed25519 " + key + "\n");
+        m_window->consoleBox()->clear();
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QVERIFY2(
+            consoleText().contains(
+                QStringLiteral("is revoked (@revoked at line 2 of %1); refused").arg(sshFile("known_hosts"))),
+            qPrintable(consoleText()));
     }
 
     void passphraseAskedForAnEncryptedKey()
