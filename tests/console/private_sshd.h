@@ -15,7 +15,7 @@
 
 // OpenSSH's sshd, started by a test as the current user on a free loopback
 // port in front of a fake device shell (device.sh: a banner, the "R1#"
-// prompt, "show version", and "exit"/"logout N" that end the shell with
+// prompt, "show version", "conf t", and "exit"/"logout N" that end the shell with
 // that status). HOME points at home() so nobody's own ~/.ssh is read or
 // written; "fake-r1" in home()/.ssh/config names the server. The device's
 // shell gets that HOME too, so the account's own shell start-up files (which
@@ -75,13 +75,15 @@ public:
             && writeFile(path("device.sh"),
                 "#!/bin/sh\n"
                 "printf '\\r\\nFake R1 on an SSH line.\\r\\n\\r\\nR1#'\n"
+                "prompt='R1#'\n"
                 "while IFS= read -r line; do\n"
                 "  case \"$line\" in\n"
                 "    'show version'*) printf 'Fake IOS Software, Version 15.1.4M\\r\\n' ;;\n"
+                "    'conf t'*) prompt='R1(config)#' ;;\n"
                 "    logout*) exit ${line#logout } ;;\n"
                 "    exit*) exit 0 ;;\n"
                 "  esac\n"
-                "  printf 'R1#'\n"
+                "  printf '%s' \"$prompt\"\n"
                 "done\n")
             && QFile::setPermissions(
                 path("device.sh"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
