@@ -23,6 +23,9 @@
 class PrivateSshd
 {
 public:
+    // A login under the sanitizer on a loaded machine takes tens of seconds; waits end on the fact.
+    static constexpr int waitMs = 120000;
+
     QTemporaryDir dir;
     QString user; // sshd logs in the account the test runs as, whatever USER says
     QProcess process;
@@ -118,7 +121,7 @@ public:
             client.connectToHost(QHostAddress::LocalHost, port);
             return client.waitForConnected(500);
         };
-        QTRY_VERIFY2_WITH_TIMEOUT(listening(), process.readAll().constData(), 15000);
+        QTRY_VERIFY2_WITH_TIMEOUT(listening(), process.readAll().constData(), waitMs);
     }
 
     // home()/.ssh/config: fake-r1 for this server, then the given lines.

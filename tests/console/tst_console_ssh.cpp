@@ -65,7 +65,8 @@ class TestConsoleSsh : public QObject
     void clickHostKeyAnswer(const QString &answer)
     {
         QMessageBox *box = nullptr;
-        QTRY_VERIFY_WITH_TIMEOUT((box = m_window->findChild<QMessageBox *>("SshHostKeyQuestion")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            (box = m_window->findChild<QMessageBox *>("SshHostKeyQuestion")), PrivateSshd::waitMs);
         QVERIFY(box->text().contains(QLatin1String("SHA256:")));
         for (QAbstractButton *button : box->buttons()) {
             if (button->text() == answer)
@@ -124,7 +125,7 @@ private Q_SLOTS:
             (ConnectTarget { "SSH", "127.0.0.1", m_server.port, m_server.user }));
         QCOMPARE(session().connectionKind(), QStringLiteral("TCP/IP"));
         clickHostKeyAnswer(QStringLiteral("Accept and save"));
-        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(session().sshOpen());
         QCOMPARE(m_window->windowTitle(), QStringLiteral("R1#"));
         QVERIFY(PrivateSshd::readFile(sshFile("known_hosts")).startsWith("# kept by hand\n|1|"));
@@ -151,7 +152,7 @@ private Q_SLOTS:
         m_window->sendBreakAction()->trigger();
         QByteArray log;
         QTRY_VERIFY2_WITH_TIMEOUT((log += m_server.process.readAll()).contains("request break"),
-            log.right(3000).constData(), 10000);
+            log.right(3000).constData(), PrivateSshd::waitMs);
 
         m_window->disconnectAction()->trigger();
         QVERIFY(!session().sshOpen() && consoleText().endsWith(QLatin1String("Disconected\n")));
@@ -163,12 +164,12 @@ private Q_SLOTS:
         QVERIFY(PrivateSshd::readFile(sshFile("known_hosts")).contains("ssh-ed25519"));
         session().setTimerIntervals(0, 50);
         connectRemembered(m_window->session(), *parseConnectTarget(QStringLiteral("ssh://fake-r1")));
-        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
         QCOMPARE(session().deviceAddress(), QStringLiteral("fake-r1"));
 
         killServer();
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         QVERIFY2(consoleText().contains(QLatin1String("R1#Connection to fake-r1 lost: ")),
             qPrintable(consoleText()));
         QVERIFY(consoleText().endsWith(QLatin1String("\nPress Enter to reconnect\n")));
@@ -181,7 +182,7 @@ private Q_SLOTS:
             "# kept by hand\n[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + otherKey
                 + "\n");
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         const QString text = consoleText();
         QVERIFY2(text.contains(QStringLiteral("SSH Err: WARNING: the host key of 127.0.0.1 has changed")),
             qPrintable(text));
@@ -197,7 +198,7 @@ private Q_SLOTS:
                 + "\n[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + key + "\n");
         m_window->consoleBox()->clear();
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         QVERIFY2(
             consoleText().contains(
                 QStringLiteral("is revoked (@revoked at line 2 of %1); refused").arg(sshFile("known_hosts"))),
@@ -211,12 +212,13 @@ private Q_SLOTS:
         trustServer();
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
         QDialog *prompt = nullptr;
-        QTRY_VERIFY_WITH_TIMEOUT((prompt = m_window->findChild<QDialog *>("SshSecretsDialog")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            (prompt = m_window->findChild<QDialog *>("SshSecretsDialog")), PrivateSshd::waitMs);
         QLineEdit *edit = prompt->findChild<QLineEdit *>();
         QCOMPARE(edit->echoMode(), QLineEdit::Password);
         QTest::keyClicks(edit, "open sesame");
         prompt->accept();
-        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(session().sshOpen());
         session().disconnectSession();
         QFile::remove(sshFile("id_ecdsa"));
@@ -238,8 +240,9 @@ private Q_SLOTS:
         QByteArray log;
         QTRY_VERIFY2_WITH_TIMEOUT(
             (log += m_server.process.readAll()).contains("Accepted publickey for " + m_server.user.toUtf8()),
-            log.right(2000).constData(), 20000);
-        QTRY_VERIFY_WITH_TIMEOUT((log += m_server.process.readAll()).contains("session_pty_req"), 20000);
+            log.right(2000).constData(), PrivateSshd::waitMs);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            (log += m_server.process.readAll()).contains("session_pty_req"), PrivateSshd::waitMs);
         program.terminate();
         QVERIFY(program.waitForFinished(10000));
     }
@@ -250,13 +253,13 @@ private Q_SLOTS:
         QFile::remove(sshFile("known_hosts"));
         SshConnection::setInteractive(false);
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         QVERIFY(consoleText().contains(QLatin1String("is not in")));
         QVERIFY(!QFile::exists(sshFile("known_hosts")));
 
         // A name that does not resolve: looked up without blocking, then refused.
         session().ConnectSSH(QStringLiteral("no..device"), 0, m_server.user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         QVERIFY2(consoleText().contains(QLatin1String("SSH Err: cannot find no..device")),
             qPrintable(consoleText()));
 
@@ -268,7 +271,7 @@ private Q_SLOTS:
         m_window->consoleBox()->clear();
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
         clickHostKeyAnswer(QStringLiteral("Accept once"));
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         QVERIFY2(
             consoleText().contains(
                 QStringLiteral("SSH Err: authentication refused for %1@127.0.0.1\n>\n").arg(m_server.user)),

@@ -46,7 +46,7 @@ class TestConsoleSshConfig : public QObject
                 return session.sshOpen() ? text.endsWith(QLatin1String("R1#"))
                                          : session.connectionKind().isEmpty();
             },
-            20000);
+            PrivateSshd::waitMs);
         session.disconnectSession();
         QObject::disconnect(collect);
         return text;
