@@ -77,7 +77,7 @@ private Q_SLOTS:
                   "    IDENTITIESONLY yes\n"
                   "    ServerAliveInterval=15\n"
                   "Host r1 r2\n"
-                  "    HostName 10.0.0.1\n"
+                  "    HostName 127.0.0.9\n"
                   "    IdentityFile ~/.ssh/k1\n"
                   "    IdentityFile %d/.ssh/k2\n"
                   "    PreferredAuthentications keyboard-interactive,password\n"
@@ -87,7 +87,7 @@ private Q_SLOTS:
                   "Match originalhost r2\n"
                   "    ServerAliveCountMax 9\n"
                   "    User later\n"
-                  "Match host 10.0.0.1 user later\n"
+                  "Match host 127.0.0.9 user later\n"
                   "    Port 2222\n"
                   "Host *\n"
                   "    User everyone\n"
@@ -154,9 +154,12 @@ private Q_SLOTS:
         for (const QByteArray kind : { "KexAlgorithms +", "HostKeyAlgorithms +", "Ciphers +", "MACs +" })
             QVERIFY2(block.contains(kind), kind.constData());
         QVERIFY(PrivateSshd::keygen(m_sshd.path("rsa_host_key"), "rsa"));
+        // The device's address becomes the private sshd's.
+        const qsizetype hostName = block.indexOf("HostName ") + 9;
+        block.replace(hostName, block.indexOf('\n', hostName) - hostName, "127.0.0.1");
         const auto clientLines = [&] {
-            return "\n" + block.replace("10.1.1.20", "127.0.0.1") + "\n    Port "
-                + QByteArray::number(m_sshd.port) + "\n    User " + m_sshd.user.toUtf8() + "\n";
+            return "\n" + block + "\n    Port " + QByteArray::number(m_sshd.port) + "\n    User "
+                + m_sshd.user.toUtf8() + "\n";
         };
 
         // A device with only group 14, ssh-rsa, aes128-cbc and hmac-sha1: the
