@@ -12,8 +12,7 @@ std::optional<quint32> elapsedTicks(quint32 before, quint32 after)
 {
     if (after > before)
         return after - before;
-    const bool wrapped
-        = before >= std::numeric_limits<quint32>::max() - ticksPerHour && after < ticksPerHour;
+    const bool wrapped = before >= std::numeric_limits<quint32>::max() - ticksPerHour && after < ticksPerHour;
     if (wrapped)
         return after - before; // unsigned arithmetic counts across the wrap
     return std::nullopt;

@@ -41,8 +41,8 @@ void RateGraph::paintEvent(QPaintEvent *)
     QPainter p(this);
     p.setRenderHint(QPainter::Antialiasing);
     const QFontMetrics fm = fontMetrics();
-    const QRect plot = rect().adjusted(fm.horizontalAdvance(QStringLiteral("999 Mb/s")) + 12, fm.height() + 8, -12,
-        -(fm.height() + 8));
+    const QRect plot = rect().adjusted(
+        fm.horizontalAdvance(QStringLiteral("999 Mb/s")) + 12, fm.height() + 8, -12, -(fm.height() + 8));
     if (plot.width() < 20 || plot.height() < 20)
         return;
 
@@ -68,8 +68,8 @@ void RateGraph::paintEvent(QPaintEvent *)
         p.setPen(grid);
         p.drawLine(plot.left(), yy, plot.right(), yy);
         p.setPen(text);
-        p.drawText(QRect(0, yy - fm.height() / 2, plot.left() - 6, fm.height()), Qt::AlignRight | Qt::AlignVCenter,
-            CounterRates::bitRateText(v));
+        p.drawText(QRect(0, yy - fm.height() / 2, plot.left() - 6, fm.height()),
+            Qt::AlignRight | Qt::AlignVCenter, CounterRates::bitRateText(v));
     }
     const qint64 tenMinutes = 10 * 60 * 1000;
     for (qint64 t = (left / tenMinutes + 1) * tenMinutes; t <= m_now; t += tenMinutes) {
@@ -114,9 +114,8 @@ void RateGraph::paintEvent(QPaintEvent *)
     p.setPen(text);
     p.drawText(at, fm.ascent() + 2, m_title);
     at += fm.horizontalAdvance(m_title) + 16;
-    for (const auto &[name, field, colour] :
-        { std::tuple { tr("In"), &SnmpMonitor::Point::inBps, inColour },
-            std::tuple { tr("Out"), &SnmpMonitor::Point::outBps, outColour } }) {
+    for (const auto &[name, field, colour] : { std::tuple { tr("In"), &SnmpMonitor::Point::inBps, inColour },
+             std::tuple { tr("Out"), &SnmpMonitor::Point::outBps, outColour } }) {
         p.fillRect(at, fm.ascent() / 2, 14, 4, colour);
         at += 18;
         const QString label = name + QLatin1Char(' ') + latest(field);

@@ -117,7 +117,8 @@ SnmpValue toSnmpValue(const variable_list *var)
     case ASN_OPAQUE:
         v.kind = SnmpValue::Bytes;
         if (var->val.string && var->val_len > 0)
-            v.bytes = QByteArray(reinterpret_cast<const char *>(var->val.string), qsizetype(qMin<size_t>(var->val_len, 65535)));
+            v.bytes = QByteArray(reinterpret_cast<const char *>(var->val.string),
+                qsizetype(qMin<size_t>(var->val_len, 65535)));
         break;
     default:
         break;
@@ -192,8 +193,7 @@ QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &lib
 
 AgentSession::AgentSession(const SnmpTarget &target)
     : m_target(target)
-{
-}
+{ }
 
 AgentSession::~AgentSession()
 {
@@ -235,17 +235,19 @@ bool AgentSession::open()
         s.contextName = context.data();
         s.contextNameLen = size_t(context.size());
         s.securityLevel = m_target.level == SnmpTarget::Level::AuthPriv ? SNMP_SEC_LEVEL_AUTHPRIV
-            : m_target.level == SnmpTarget::Level::AuthNoPriv          ? SNMP_SEC_LEVEL_AUTHNOPRIV
-                                                                         : SNMP_SEC_LEVEL_NOAUTH;
+            : m_target.level == SnmpTarget::Level::AuthNoPriv           ? SNMP_SEC_LEVEL_AUTHNOPRIV
+                                                                        : SNMP_SEC_LEVEL_NOAUTH;
         if (m_target.needsAuth()) {
             const Proto auth = authProto(m_target.auth);
             s.securityAuthProto = const_cast<oid *>(auth.id);
             s.securityAuthProtoLen = auth.length;
             s.securityAuthKeyLen = USM_AUTH_KU_LEN;
-            if (generate_Ku(auth.id, u_int(auth.length), reinterpret_cast<const u_char *>(authPassword.constData()),
-                    size_t(authPassword.size()), s.securityAuthKey, &s.securityAuthKeyLen)
+            if (generate_Ku(auth.id, u_int(auth.length),
+                    reinterpret_cast<const u_char *>(authPassword.constData()), size_t(authPassword.size()),
+                    s.securityAuthKey, &s.securityAuthKeyLen)
                 != SNMPERR_SUCCESS) {
-                fail(SNMPERR_GENERR, QStringLiteral("The authentication password needs at least 8 characters"));
+                fail(SNMPERR_GENERR,
+                    QStringLiteral("The authentication password needs at least 8 characters"));
                 return false;
             }
         }
@@ -255,8 +257,9 @@ bool AgentSession::open()
             s.securityPrivProto = const_cast<oid *>(priv.id);
             s.securityPrivProtoLen = priv.length;
             s.securityPrivKeyLen = USM_PRIV_KU_LEN;
-            if (generate_Ku(auth.id, u_int(auth.length), reinterpret_cast<const u_char *>(privPassword.constData()),
-                    size_t(privPassword.size()), s.securityPrivKey, &s.securityPrivKeyLen)
+            if (generate_Ku(auth.id, u_int(auth.length),
+                    reinterpret_cast<const u_char *>(privPassword.constData()), size_t(privPassword.size()),
+                    s.securityPrivKey, &s.securityPrivKeyLen)
                 != SNMPERR_SUCCESS) {
                 fail(SNMPERR_GENERR, QStringLiteral("The privacy password needs at least 8 characters"));
                 return false;
@@ -286,11 +289,15 @@ bool AgentSession::open()
             usmUser *next = u->next;
             const bool stale = u->secName && user == u->secName
                 && ((m_target.needsAuth()
-                        && (!same(u->authProtocol, u->authProtocolLen, s.securityAuthProto, s.securityAuthProtoLen)
-                            || !sameKey(u->authKeyKu, u->authKeyKuLen, s.securityAuthKey, s.securityAuthKeyLen)))
+                        && (!same(u->authProtocol, u->authProtocolLen, s.securityAuthProto,
+                                s.securityAuthProtoLen)
+                            || !sameKey(
+                                u->authKeyKu, u->authKeyKuLen, s.securityAuthKey, s.securityAuthKeyLen)))
                     || (m_target.needsPriv()
-                        && (!same(u->privProtocol, u->privProtocolLen, s.securityPrivProto, s.securityPrivProtoLen)
-                            || !sameKey(u->privKeyKu, u->privKeyKuLen, s.securityPrivKey, s.securityPrivKeyLen))));
+                        && (!same(u->privProtocol, u->privProtocolLen, s.securityPrivProto,
+                                s.securityPrivProtoLen)
+                            || !sameKey(
+                                u->privKeyKu, u->privKeyKuLen, s.securityPrivKey, s.securityPrivKeyLen))));
             if (stale) {
                 usm_remove_user(u);
                 usm_free_user(u);
@@ -320,7 +327,9 @@ bool AgentSession::request(void *pdu, void **response)
         return true;
     }
     if (status == STAT_SUCCESS && reply) {
-        fail(SNMPERR_GENERR, QStringLiteral("The agent answered: %1").arg(QString::fromLatin1(snmp_errstring(int(reply->errstat)))));
+        fail(SNMPERR_GENERR,
+            QStringLiteral("The agent answered: %1")
+                .arg(QString::fromLatin1(snmp_errstring(int(reply->errstat)))));
     } else if (status == STAT_TIMEOUT) {
         fail(SNMPERR_TIMEOUT);
     } else {

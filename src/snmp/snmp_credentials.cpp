@@ -28,8 +28,8 @@ std::optional<QString> ask(const QString &prompt)
     if (promptHook())
         return promptHook()(prompt);
     bool ok = false;
-    const QString text
-        = QInputDialog::getText(nullptr, QObject::tr("SNMP password"), prompt, QLineEdit::Password, QString(), &ok);
+    const QString text = QInputDialog::getText(
+        nullptr, QObject::tr("SNMP password"), prompt, QLineEdit::Password, QString(), &ok);
     return ok ? std::optional<QString>(text) : std::nullopt;
 }
 
@@ -50,8 +50,8 @@ QString SnmpCredentials::key(const QString &host, const QString &user, const QSt
     return QStringLiteral("snmp/v3/%1@%2/%3").arg(user, host, which);
 }
 
-void SnmpCredentials::obtain(
-    QObject *context, const QString &key, const QString &prompt, std::function<void(std::optional<QString>)> done)
+void SnmpCredentials::obtain(QObject *context, const QString &key, const QString &prompt,
+    std::function<void(std::optional<QString>)> done)
 {
     if (memory().contains(key)) {
         done(memory().value(key));

@@ -12,8 +12,8 @@ namespace {
 
 QString statusText(int status)
 {
-    static const char *const names[] = { "", "up", "down", "testing", "unknown", "dormant", "notPresent",
-        "lowerLayerDown" };
+    static const char *const names[]
+        = { "", "up", "down", "testing", "unknown", "dormant", "notPresent", "lowerLayerDown" };
     return status >= 1 && status <= 7 ? QLatin1String(names[status]) : QString::number(status);
 }
 
@@ -24,7 +24,8 @@ QString optionalText(const std::optional<double> &v, const std::function<QString
 
 QString csvField(QString text)
 {
-    if (text.contains(QLatin1Char(',')) || text.contains(QLatin1Char('"')) || text.contains(QLatin1Char('\n'))) {
+    if (text.contains(QLatin1Char(',')) || text.contains(QLatin1Char('"'))
+        || text.contains(QLatin1Char('\n'))) {
         text.replace(QLatin1String("\""), QLatin1String("\"\""));
         return QLatin1Char('"') + text + QLatin1Char('"');
     }
@@ -40,8 +41,9 @@ SnmpMonitor::SnmpMonitor(std::function<QString()> deviceAddress, QObject *parent
     qRegisterMetaType<SnmpTarget>();
     qRegisterMetaType<PollResult>();
     AgentSession::initLibrary();
-    m_table.setHorizontalHeaderLabels({ tr("Index"), tr("Name"), tr("Alias"), tr("Admin"), tr("Oper"), tr("Speed"),
-        tr("In bit/s"), tr("Out bit/s"), tr("In %"), tr("Out %"), tr("Errors/s"), tr("Discards/s") });
+    m_table.setHorizontalHeaderLabels(
+        { tr("Index"), tr("Name"), tr("Alias"), tr("Admin"), tr("Oper"), tr("Speed"), tr("In bit/s"),
+            tr("Out bit/s"), tr("In %"), tr("Out %"), tr("Errors/s"), tr("Discards/s") });
     m_interval.setInterval(defaultIntervalMs);
     connect(&m_interval, &QTimer::timeout, this, &SnmpMonitor::tick);
     m_worker = new SnmpWorker;
@@ -152,7 +154,8 @@ void SnmpMonitor::takeResult(const PollResult &result, qint64 nowMs)
                 t.inBps = *in * 8;
             if (const auto out = rate(t.last.outOctets, r.outOctets, r.octetBits, maxOctets))
                 t.outBps = *out * 8;
-            const auto ie = rate(t.last.inErrors, r.inErrors, 32, 0), oe = rate(t.last.outErrors, r.outErrors, 32, 0);
+            const auto ie = rate(t.last.inErrors, r.inErrors, 32, 0),
+                       oe = rate(t.last.outErrors, r.outErrors, 32, 0);
             if (ie && oe)
                 t.errors = *ie + *oe;
             const auto id = rate(t.last.inDiscards, r.inDiscards, 32, 0);
@@ -189,8 +192,9 @@ void SnmpMonitor::updateRow(int row, const IfReading &r, const Track &t)
     const auto use = [&](const std::optional<double> &bps) -> std::optional<double> {
         return bps ? CounterRates::utilisation(*bps, r.speedBps) : std::nullopt;
     };
-    const QString texts[TableColumns] = { QString::number(r.index), r.name.isEmpty() ? r.descr : r.name, r.alias,
-        statusText(r.admin), statusText(r.oper), r.speedBps > 0 ? CounterRates::bitRateText(r.speedBps) : QString(),
+    const QString texts[TableColumns] = { QString::number(r.index), r.name.isEmpty() ? r.descr : r.name,
+        r.alias, statusText(r.admin), statusText(r.oper),
+        r.speedBps > 0 ? CounterRates::bitRateText(r.speedBps) : QString(),
         optionalText(t.inBps, CounterRates::bitRateText), optionalText(t.outBps, CounterRates::bitRateText),
         optionalText(use(t.inBps), percent), optionalText(use(t.outBps), percent),
         optionalText(t.errors, perSecond), optionalText(t.discards, perSecond) };

@@ -29,8 +29,19 @@ public:
     static constexpr qint64 historyMs = 60 * 60 * 1000;
 
     enum TableColumn {
-        IndexColumn, NameColumn, AliasColumn, AdminColumn, OperColumn, SpeedColumn, InColumn, OutColumn,
-        InUseColumn, OutUseColumn, ErrorsColumn, DiscardsColumn, TableColumns
+        IndexColumn,
+        NameColumn,
+        AliasColumn,
+        AdminColumn,
+        OperColumn,
+        SpeedColumn,
+        InColumn,
+        OutColumn,
+        InUseColumn,
+        OutUseColumn,
+        ErrorsColumn,
+        DiscardsColumn,
+        TableColumns
     };
 
     struct Point

@@ -194,7 +194,8 @@ QWidget *SnmpPage::buildOptions()
     m_user->setObjectName(QStringLiteral("SnmpUser"));
     m_level = new QComboBox(this);
     m_level->setObjectName(QStringLiteral("SnmpLevel"));
-    m_level->addItems({ QStringLiteral("noAuthNoPriv"), QStringLiteral("authNoPriv"), QStringLiteral("authPriv") });
+    m_level->addItems(
+        { QStringLiteral("noAuthNoPriv"), QStringLiteral("authNoPriv"), QStringLiteral("authPriv") });
     m_level->setCurrentIndex(2);
     // In the order of SnmpTarget::Auth and SnmpTarget::Priv.
     m_auth = new QComboBox(this);
@@ -209,8 +210,9 @@ QWidget *SnmpPage::buildOptions()
     m_priv->setCurrentIndex(1);
     m_context = new QLineEdit(this);
     m_context->setObjectName(QStringLiteral("SnmpContext"));
-    for (auto [label, widget] : { std::pair<QString, QWidget *> { tr("User"), m_user }, { tr("Level"), m_level },
-             { tr("Auth"), m_auth }, { tr("Privacy"), m_priv }, { tr("Context"), m_context } }) {
+    for (auto [label, widget] :
+        { std::pair<QString, QWidget *> { tr("User"), m_user }, { tr("Level"), m_level },
+            { tr("Auth"), m_auth }, { tr("Privacy"), m_priv }, { tr("Context"), m_context } }) {
         v3->addWidget(new QLabel(label, this));
         v3->addWidget(widget, widget == m_user || widget == m_context ? 1 : 0);
     }

@@ -11,12 +11,32 @@ const Oid ifNumber { 1, 3, 6, 1, 2, 1, 2, 1, 0 };
 const Oid cpuLoad { 1, 3, 6, 1, 4, 1, 9, 9, 109, 1, 1, 1, 1, 5, 1 };
 const Oid freeMemory { 1, 3, 6, 1, 4, 1, 9, 2, 1, 8, 0 };
 
-Oid ifEntry(quint32 column) { return { 1, 3, 6, 1, 2, 1, 2, 2, 1, column }; }
-Oid ifXEntry(quint32 column) { return { 1, 3, 6, 1, 2, 1, 31, 1, 1, 1, column }; }
+Oid ifEntry(quint32 column)
+{
+    return { 1, 3, 6, 1, 2, 1, 2, 2, 1, column };
+}
+Oid ifXEntry(quint32 column)
+{
+    return { 1, 3, 6, 1, 2, 1, 31, 1, 1, 1, column };
+}
 
 enum Column {
-    Descr, Speed, Admin, Oper, InOctets, InDiscards, InErrors, OutOctets, OutDiscards, OutErrors,
-    Name, HcInOctets, HcOutOctets, HighSpeed, Alias, ColumnCount
+    Descr,
+    Speed,
+    Admin,
+    Oper,
+    InOctets,
+    InDiscards,
+    InErrors,
+    OutOctets,
+    OutDiscards,
+    OutErrors,
+    Name,
+    HcInOctets,
+    HcOutOctets,
+    HighSpeed,
+    Alias,
+    ColumnCount
 };
 
 QString text(const SnmpValue &v)
@@ -28,8 +48,9 @@ QString text(const SnmpValue &v)
 
 QList<Oid> SnmpTables::interfaceColumns()
 {
-    return { ifEntry(2), ifEntry(5), ifEntry(7), ifEntry(8), ifEntry(10), ifEntry(13), ifEntry(14), ifEntry(16),
-        ifEntry(19), ifEntry(20), ifXEntry(1), ifXEntry(6), ifXEntry(10), ifXEntry(15), ifXEntry(18) };
+    return { ifEntry(2), ifEntry(5), ifEntry(7), ifEntry(8), ifEntry(10), ifEntry(13), ifEntry(14),
+        ifEntry(16), ifEntry(19), ifEntry(20), ifXEntry(1), ifXEntry(6), ifXEntry(10), ifXEntry(15),
+        ifXEntry(18) };
 }
 
 QList<IfReading> SnmpTables::interfaceReadings(const QList<QList<SnmpValue>> &values)
@@ -46,11 +67,21 @@ QList<IfReading> SnmpTables::interfaceReadings(const QList<QList<SnmpValue>> &va
             r.index = *index;
             const bool number = v.kind == SnmpValue::Number;
             switch (c) {
-            case Descr: r.descr = text(v); break;
-            case Name: r.name = text(v); break;
-            case Alias: r.alias = text(v); break;
-            case Admin: r.admin = number ? int(qMin<quint64>(v.number, 255)) : 0; break;
-            case Oper: r.oper = number ? int(qMin<quint64>(v.number, 255)) : 0; break;
+            case Descr:
+                r.descr = text(v);
+                break;
+            case Name:
+                r.name = text(v);
+                break;
+            case Alias:
+                r.alias = text(v);
+                break;
+            case Admin:
+                r.admin = number ? int(qMin<quint64>(v.number, 255)) : 0;
+                break;
+            case Oper:
+                r.oper = number ? int(qMin<quint64>(v.number, 255)) : 0;
+                break;
             case Speed:
                 if (number && r.speedBps == 0)
                     r.speedBps = double(v.number);
@@ -73,11 +104,20 @@ QList<IfReading> SnmpTables::interfaceReadings(const QList<QList<SnmpValue>> &va
                     r.hasOctets = true;
                 }
                 break;
-            case InErrors: r.inErrors = number ? v.number : 0; break;
-            case OutErrors: r.outErrors = number ? v.number : 0; break;
-            case InDiscards: r.inDiscards = number ? v.number : 0; break;
-            case OutDiscards: r.outDiscards = number ? v.number : 0; break;
-            default: break;
+            case InErrors:
+                r.inErrors = number ? v.number : 0;
+                break;
+            case OutErrors:
+                r.outErrors = number ? v.number : 0;
+                break;
+            case InDiscards:
+                r.inDiscards = number ? v.number : 0;
+                break;
+            case OutDiscards:
+                r.outDiscards = number ? v.number : 0;
+                break;
+            default:
+                break;
             }
         }
     }

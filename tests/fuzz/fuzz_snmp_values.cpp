@@ -28,7 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         std::vector<oid> name;
         qsizetype at = 3;
         if (quint8(part[2]) & 0x80)
-            name.assign(columns[column].begin(), columns[column].end()); // under the column, index from the input
+            name.assign(
+                columns[column].begin(), columns[column].end()); // under the column, index from the input
         for (int i = 0; i < (part[2] & 0x7F) && at + 4 <= part.size(); ++i, at += 4) {
             quint32 piece;
             std::memcpy(&piece, part.constData() + at, 4);

@@ -37,8 +37,9 @@ bool TestSnmpAgent::startAgent()
     if (snmpd.isEmpty())
         return false;
     m_agent.setProcessChannelMode(QProcess::MergedChannels);
-    m_agent.start(snmpd, { "-f", "-Lo", "-C", "-c", m_dir.filePath("snmpd.conf"), "-u", "root",
-                             QStringLiteral("udp:127.0.0.1:%1").arg(m_port) });
+    m_agent.start(snmpd,
+        { "-f", "-Lo", "-C", "-c", m_dir.filePath("snmpd.conf"), "-u", "root",
+            QStringLiteral("udp:127.0.0.1:%1").arg(m_port) });
     if (!m_agent.waitForStarted()) {
         qWarning() << "snmpd did not start:" << m_agent.errorString();
         return false;
@@ -46,8 +47,9 @@ bool TestSnmpAgent::startAgent()
     // Ready once it answers: a v2c GetRequest to our own monitor's worker would do, snmpget is simpler.
     for (int i = 0; i < 100; ++i) {
         QProcess get;
-        get.start(QStringLiteral("snmpget"), { "-v2c", "-c", "tarnwick", "-t", "1", "-r", "0", "-Oqv",
-                                                 QStringLiteral("127.0.0.1:%1").arg(m_port), "1.3.6.1.2.1.1.3.0" });
+        get.start(QStringLiteral("snmpget"),
+            { "-v2c", "-c", "tarnwick", "-t", "1", "-r", "0", "-Oqv",
+                QStringLiteral("127.0.0.1:%1").arg(m_port), "1.3.6.1.2.1.1.3.0" });
         if (get.waitForFinished(10000) && get.exitCode() == 0)
             return true;
         if (m_agent.state() != QProcess::Running) {
@@ -66,7 +68,8 @@ void TestSnmpAgent::stopAgent()
 
 void TestSnmpAgent::initTestCase()
 {
-    QVERIFY2(!QStandardPaths::findExecutable(QStringLiteral("snmpget")).isEmpty(), "install Debian's snmp and snmpd");
+    QVERIFY2(!QStandardPaths::findExecutable(QStringLiteral("snmpget")).isEmpty(),
+        "install Debian's snmp and snmpd");
     // The agent writes its persistent state at exit into a snmpd.conf of its own: not over ours.
     QVERIFY(QDir(m_dir.path()).mkpath(QStringLiteral("persist")));
     for (const char *name : { "MIBDIRS", "SNMPCONFPATH" })
@@ -123,7 +126,8 @@ void TestSnmpAgent::v2cWalkAndRates()
     QStandardItemModel *t = monitor.table();
     for (int row = 0; row < t->rowCount(); ++row)
         shown.insert(monitor.interfaceAt(row), t->item(row, SnmpMonitor::NameColumn)->text());
-    for (const QString &name : QDir(QStringLiteral("/sys/class/net")).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+    for (const QString &name :
+        QDir(QStringLiteral("/sys/class/net")).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
         kernel.insert(sysNet(name, "ifindex").toInt(), name);
     QCOMPARE(shown, kernel);
 
@@ -143,7 +147,8 @@ void TestSnmpAgent::v2cWalkAndRates()
     });
     push.start(5);
     // Pushing ~1.2 MB per tick: well above anything the polling itself sends.
-    QTRY_VERIFY_WITH_TIMEOUT(monitor.inRate(lo).value_or(0) > 10e6 && monitor.outRate(lo).value_or(0) > 10e6, 60000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        monitor.inRate(lo).value_or(0) > 10e6 && monitor.outRate(lo).value_or(0) > 10e6, 60000);
     QVERIFY(!monitor.history(lo).isEmpty());
     push.stop();
 }

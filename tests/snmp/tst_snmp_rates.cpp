@@ -38,7 +38,8 @@ void TestSnmpRates::counterArithmetic()
     // 1 Gb/s link (125 MB/s): 5 s of 50 MB/s across a 32-bit wrap reads right.
     const double gig = 125e6;
     const quint64 before = 0xFFFFFFFFull - 100000000ull;
-    QCOMPARE(perSecond(before, (before + 250000000ull) & 0xFFFFFFFFull, 32, 500, gig), std::optional<double>(50e6));
+    QCOMPARE(perSecond(before, (before + 250000000ull) & 0xFFFFFFFFull, 32, 500, gig),
+        std::optional<double>(50e6));
     // A missed poll: 60 s later on a 1 Gb/s link a 32-bit counter may have gone round twice: no rate.
     QCOMPARE(perSecond(before, before + 10, 32, 6000, gig), std::nullopt);
     // The same missed poll with 64-bit counters is just a longer interval.
@@ -79,7 +80,8 @@ static SnmpValue text(const Oid &column, quint32 index, const QByteArray &bytes)
 
 void TestSnmpRates::readingsFromColumns()
 {
-    QCOMPARE(oidText(parseOid(QStringLiteral(" 1.3.6.1.2.1.31.1.1.1.6 "))), QStringLiteral("1.3.6.1.2.1.31.1.1.1.6"));
+    QCOMPARE(oidText(parseOid(QStringLiteral(" 1.3.6.1.2.1.31.1.1.1.6 "))),
+        QStringLiteral("1.3.6.1.2.1.31.1.1.1.6"));
     QVERIFY(parseOid(QStringLiteral("1.3.x")).isEmpty() && parseOid(QStringLiteral("1.4294967296")).isEmpty()
         && parseOid(QStringLiteral("1")).isEmpty());
     const QList<Oid> columns = SnmpTables::interfaceColumns();
@@ -92,10 +94,12 @@ void TestSnmpRates::readingsFromColumns()
     // Interface 2 has both 64-bit counters; interface 5 only one of them, so it keeps its 32-bit pair;
     // an instance with a two-piece index is not an interface.
     QList<QList<SnmpValue>> values(columns.size());
-    const auto column = [&](const char *dotted) { return int(columns.indexOf(parseOid(QLatin1String(dotted)))); };
-    values[column("1.3.6.1.2.1.2.2.1.2")] = { text(descr, 2, "eth0"), text(descr, 5, "eth1"),
-        text(descr, 9, QByteArray("x\0y", 3)) };
-    values[column("1.3.6.1.2.1.31.1.1.1.1")] = { text(columns[column("1.3.6.1.2.1.31.1.1.1.1")], 2, "Gi0/2") };
+    const auto column
+        = [&](const char *dotted) { return int(columns.indexOf(parseOid(QLatin1String(dotted)))); };
+    values[column("1.3.6.1.2.1.2.2.1.2")]
+        = { text(descr, 2, "eth0"), text(descr, 5, "eth1"), text(descr, 9, QByteArray("x\0y", 3)) };
+    values[column("1.3.6.1.2.1.31.1.1.1.1")]
+        = { text(columns[column("1.3.6.1.2.1.31.1.1.1.1")], 2, "Gi0/2") };
     const Oid inOctets = parseOid(QStringLiteral("1.3.6.1.2.1.2.2.1.10"));
     values[column("1.3.6.1.2.1.2.2.1.10")] = { value(inOctets, 2, 11), value(inOctets, 5, 12) };
     const Oid outOctets = parseOid(QStringLiteral("1.3.6.1.2.1.2.2.1.16"));
@@ -111,8 +115,9 @@ void TestSnmpRates::readingsFromColumns()
 
     const QList<IfReading> r = SnmpTables::interfaceReadings(values);
     QCOMPARE(r.size(), 3);
-    QCOMPARE(QStringList({ r[0].name, r[0].descr, QString::number(r[0].octetBits), QString::number(r[0].inOctets),
-                 QString::number(r[0].outOctets), QString::number(r[0].speedBps, 'f', 0) }),
+    QCOMPARE(
+        QStringList({ r[0].name, r[0].descr, QString::number(r[0].octetBits), QString::number(r[0].inOctets),
+            QString::number(r[0].outOctets), QString::number(r[0].speedBps, 'f', 0) }),
         QStringList({ "Gi0/2", "eth0", "64", "1099511627776", "1099511627777", "25000000000" }));
     QCOMPARE(QStringList({ r[1].descr, QString::number(r[1].octetBits), QString::number(r[1].inOctets),
                  QString::number(r[1].speedBps, 'f', 0) }),
@@ -157,8 +162,9 @@ void TestSnmpRates::monitorRatesAndHistory()
     QCOMPARE(*m.inRate(1), 10e6);
     QCOMPARE(*m.outRate(1), 1e6);
     QStandardItemModel *t = m.table();
-    QCOMPARE(QStringList({ t->item(0, SnmpMonitor::InColumn)->text(), t->item(0, SnmpMonitor::InUseColumn)->text(),
-                 t->item(0, SnmpMonitor::OutUseColumn)->text(), t->item(0, SnmpMonitor::OperColumn)->text() }),
+    QCOMPARE(
+        QStringList({ t->item(0, SnmpMonitor::InColumn)->text(), t->item(0, SnmpMonitor::InUseColumn)->text(),
+            t->item(0, SnmpMonitor::OutUseColumn)->text(), t->item(0, SnmpMonitor::OperColumn)->text() }),
         QStringList({ "10.0 Mb/s", "1.0", "0.1", "up" }));
 
     // The device restarted: no rate, no point, and the next poll measures from the new counters.
@@ -184,7 +190,8 @@ void TestSnmpRates::monitorRatesAndHistory()
     QCOMPARE(m.historyCsv(1).split(QLatin1Char('\n')).value(2).section(QLatin1Char(','), 1),
         QStringLiteral("100000,0"));
     QCOMPARE(m.tableCsv().section(QLatin1Char('\n'), 0, 0),
-        QStringLiteral("Index,Name,Alias,Admin,Oper,Speed,In bit/s,Out bit/s,In %,Out %,Errors/s,Discards/s"));
+        QStringLiteral(
+            "Index,Name,Alias,Admin,Oper,Speed,In bit/s,Out bit/s,In %,Out %,Errors/s,Discards/s"));
     QCOMPARE(m.tableCsv().count(QLatin1Char('\n')), 3);
     // An interface that is gone drops its history; a quiet one has rates of 0, not gaps.
     m.takeResult(poll(3300 + 360500, { reading(2, 1, 1) }), t0 + SnmpMonitor::historyMs + 60000);
