@@ -17,6 +17,8 @@
 #include "console/console_session.h"
 #include "console/console_window.h"
 #include "console/ssh_connection.h"
+#include "http/http_server.h"
+#include "http/http_server_dialog.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
 #include "tftp/transfer_window.h"
@@ -37,6 +39,7 @@ Application::Application(const CommandLineOptions &options, QObject *parent)
     , m_monitor(std::make_unique<TransferMonitor>())
     , m_accessList(std::make_unique<AccessList>())
     , m_tftp(std::make_unique<TftpServer>(m_monitor.get(), m_accessList.get()))
+    , m_http(std::make_unique<HttpServer>(m_monitor.get(), m_accessList.get()))
     , m_logOptions(std::make_unique<LogOptions>())
     , m_logRoutes(std::make_unique<LogRoutes>())
     , m_logReceiver(std::make_unique<LogReceiver>(m_logOptions.get()))
@@ -146,7 +149,11 @@ void Application::createChildren()
     m_transferWindow = new TransferWindow(m_monitor.get());
     m_main->addChild(WindowTable::transferIndex, QStringLiteral("Transfer"), m_transferWindow, 3);
     connect(m_transferWindow, &TransferWindow::clearOldTransfersRequested, this,
-            [this] { m_monitor->clearOldTransfers(m_tftp->highestTransferRowInUse()); });
+            [this] {
+                m_monitor->clearOldTransfers(
+                    qMax(m_tftp->highestTransferRowInUse(), m_http->highestTransferRowInUse()));
+            });
+    connect(m_transferWindow, &TransferWindow::httpServerRequested, this, &Application::openHttpServerDialog);
     connect(m_transferWindow, &TransferWindow::standardProfileToggled, this, [this](bool on) {
         m_main->writeTftpStandardSetting(on);
         setTftpStandard(on);
@@ -196,6 +203,29 @@ void Application::setTftpStandard(bool on)
     m_main->showTftpProfile(on);
 }
 
+void Application::setHttpPort(quint16 port)
+{
+    if (port == 0) {
+        m_http->stop();
+    } else if (!m_http->start(port)) {
+        reportBindFailure(m_http->tls() ? QStringLiteral("HTTPS") : QStringLiteral("HTTP"), port,
+                          QStringLiteral("--http-port or \"HTTP Server...\""), m_http->errorString());
+    }
+    m_main->showHttpPort(m_http->port());
+}
+
+void Application::openHttpServerDialog()
+{
+    auto *dialog = new HttpServerDialog(m_http->isRunning() ? m_http->port() : m_main->readHttpPortSetting(),
+                                        m_transferWindow);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    connect(dialog, &QDialog::accepted, this, [this, dialog] {
+        m_main->writeHttpPortSetting(dialog->port());
+        setHttpPort(dialog->port());
+    });
+    dialog->open();
+}
+
 void Application::loadMainWindow()
 {
     // --tftp-standard turns the profile on for this run without storing it.
@@ -207,6 +237,16 @@ void Application::loadMainWindow()
     if (!m_tftp->start())
         reportBindFailure(QStringLiteral("TFTP"), m_options.tftpPort, QStringLiteral("--tftp-port"),
                           m_tftp->errorString());
+    connect(m_http.get(), &HttpServer::accessDecisionFailed, this, [this](const QString &text) {
+        std::fprintf(stderr, "tarnwick: %s\n", qPrintable(text));
+        m_main->reportProblem(text);
+    });
+    if (!m_http->setTlsFiles(m_options.httpsCert, m_options.httpsKey)) {
+        std::fprintf(stderr, "tarnwick: %s\n", qPrintable(m_http->errorString()));
+        m_main->reportProblem(m_http->errorString());
+    }
+    // --http-port serves HTTP for this run without storing it.
+    setHttpPort(m_options.httpPort > 0 ? m_options.httpPort : m_main->readHttpPortSetting());
     m_main->setSharedFolder(m_options.folderGiven ? m_options.folder : m_main->readFolderPathSetting());
     if (m_options.folderGiven)
         m_main->setRunOnlyFolder(m_options.folder);

@@ -60,6 +60,14 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
         { QStringLiteral("tftp-standard"),
             QStringLiteral("Answer TFTP with the standard profile for this run (options, block roll-over, "
                            "ERROR replies, retransmission) instead of the classic one.") },
+        { QStringLiteral("http-port"),
+            QStringLiteral("Serve the access list's folders over HTTP on this TCP port for this run."),
+            QStringLiteral("N") },
+        { QStringLiteral("https-cert"),
+            QStringLiteral("PEM certificate: with --https-key, the HTTP port speaks HTTPS."),
+            QStringLiteral("FILE") },
+        { QStringLiteral("https-key"), QStringLiteral("PEM private key for --https-cert."),
+            QStringLiteral("FILE") },
     });
 
     CommandLineResult result;
@@ -90,7 +98,8 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
     if (!readPort(parser, QStringLiteral("tftp-port"), options.tftpPort, error)
         || !readPort(parser, QStringLiteral("log-port"), options.logPort, error)
         || !readPort(parser, QStringLiteral("telnet-port"), options.telnetPort, error)
-        || !readPort(parser, QStringLiteral("snmp-port"), options.snmpPort, error)) {
+        || !readPort(parser, QStringLiteral("snmp-port"), options.snmpPort, error)
+        || !readPort(parser, QStringLiteral("http-port"), options.httpPort, error)) {
         result.action = CommandLineResult::ExitError;
         result.output = error;
         return result;
@@ -103,5 +112,11 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
     options.logDir = parser.value(QStringLiteral("log-dir"));
     options.confine = parser.isSet(QStringLiteral("confine"));
     options.tftpStandard = parser.isSet(QStringLiteral("tftp-standard"));
+    options.httpsCert = parser.value(QStringLiteral("https-cert"));
+    options.httpsKey = parser.value(QStringLiteral("https-key"));
+    if (options.httpsCert.isEmpty() != options.httpsKey.isEmpty()) {
+        result.action = CommandLineResult::ExitError;
+        result.output = QStringLiteral("--https-cert and --https-key go together");
+    }
     return result;
 }

@@ -20,6 +20,8 @@ struct CommandLineOptions
     QString logDir;      // --log-dir: log folder, with "Log To File" on
     bool confine = false;
     bool tftpStandard = false; // --tftp-standard: the standard TFTP profile for this run
+    quint16 httpPort = 0;      // --http-port: serve HTTP on this port for this run (0: as the setting says)
+    QString httpsCert, httpsKey; // --https-cert, --https-key: PEM files; both given: HTTPS
 };
 
 struct CommandLineResult

@@ -5,7 +5,6 @@
 #include "tftp/tftp_packet.h"
 
 #include <QFile>
-#include <QFileInfo>
 
 #include <cerrno>
 #include <cstring>
@@ -32,8 +31,6 @@ StandardTransfer::~StandardTransfer()
 {
     if (m_fd >= 0)
         ::close(m_fd);
-    if (!m_tempPath.isEmpty())
-        ::unlink(m_tempPath.constData()); // never committed: the old file stays as it was
 }
 
 std::unique_ptr<StandardTransfer> StandardTransfer::forRead(
@@ -67,23 +64,11 @@ std::unique_ptr<StandardTransfer> StandardTransfer::forWrite(const QString &targ
         t->m_capture = capture;
         return t;
     }
-    const QFileInfo target(targetPath);
-    QByteArray pattern = QFile::encodeName(
-        target.absolutePath() + QLatin1String("/.") + target.fileName() + QLatin1String(".XXXXXX"));
-    const int fd = ::mkstemp(pattern.data());
-    if (fd < 0) {
+    if (!t->m_upload.open(targetPath)) {
         if (errorText)
-            *errorText = QString::fromLocal8Bit(std::strerror(errno));
+            *errorText = QString::fromLocal8Bit(std::strerror(t->m_upload.errorNumber()));
         return nullptr;
     }
-    // A new file gets the usual permissions, a replaced one keeps its own.
-    struct stat st;
-    const mode_t mode
-        = ::stat(QFile::encodeName(targetPath).constData(), &st) == 0 ? st.st_mode & 07777 : 0644;
-    ::fchmod(fd, mode);
-    t->m_fd = fd;
-    t->m_tempPath = pattern;
-    t->m_targetPath = QFile::encodeName(targetPath);
     return t;
 }
 
@@ -235,14 +220,7 @@ bool StandardTransfer::store(const QByteArray &local)
             m_capture->CaptureData(local);
         return true;
     }
-    qint64 done = 0;
-    while (done < local.size()) {
-        const ssize_t n = ::write(m_fd, local.constData() + done, size_t(local.size() - done));
-        if (n <= 0)
-            return false;
-        done += n;
-    }
-    return true;
+    return m_upload.write(local.constData(), local.size());
 }
 
 bool StandardTransfer::commit()
@@ -254,21 +232,11 @@ bool StandardTransfer::commit()
     }
     if (m_capture)
         return true;
-    const bool ok = ::close(m_fd) == 0 && ::rename(m_tempPath.constData(), m_targetPath.constData()) == 0;
-    m_fd = -1;
-    if (ok)
-        m_tempPath.clear();
-    return ok;
+    return m_upload.commit();
 }
 
 void StandardTransfer::discard()
 {
-    if (m_read)
-        return;
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = -1;
-    if (!m_tempPath.isEmpty())
-        ::unlink(m_tempPath.constData());
-    m_tempPath.clear();
+    if (!m_read)
+        m_upload.discard();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "access/upload_file.h"
 #include "tftp/tftp_options.h"
 
 #include <QByteArray>
@@ -94,8 +95,7 @@ private:
     qint64 m_sentUpTo = 0;
 
     // writes
-    QByteArray m_targetPath;
-    QByteArray m_tempPath;
+    UploadFile m_upload;
     CaptureSink *m_capture = nullptr;
     TftpOptions::NetasciiDecoder m_decoder;
     qint64 m_received = 0; // highest block taken in order

@@ -171,7 +171,6 @@ private:
     void takeRequest(int slot, const QHostAddress &sender, quint16 senderPort);
     void sendBlock(int slot, int fd, qint64 offset, qint64 length, int high, int low);
     void readAhead(int slot, int fd, int block);
-    bool pathStaysInside(const QString &folder, const QString &name) const;
     void trace(int slot);
     int decideAccess(int slot, bool read, const QString &fileName, const QHostAddress &sender,
         const QHostAddress &destination);

@@ -126,7 +126,7 @@ private Q_SLOTS:
         QCOMPARE(QFileInfo(m_temp.filePath(QStringLiteral("got.bin"))).size(), 3000000);
         tw::test::waitForOutput(server, "FINISHED OK", out);
         server.terminate();
-        QVERIFY(server.waitForFinished(10000));
+        QVERIFY(server.waitForFinished(30000));
         out += server.readAllStandardOutput();
         QVERIFY2(out.contains("\t127.0.0.1\tAllowed\t3000000 bytes"), out.constData());
         QVERIFY(out.contains("FINISHED OK"));

@@ -35,6 +35,8 @@
 class TestConsoleSsh : public QObject
 {
     Q_OBJECT
+    // A login under the sanitizer on a loaded machine takes tens of seconds; waits end on the fact.
+    static constexpr int waitMs = 120000;
     QTemporaryDir m_dir;
     QString m_home, m_user;
     QProcess m_sshd;
@@ -103,7 +105,7 @@ class TestConsoleSsh : public QObject
             client.connectToHost(QHostAddress::LocalHost, m_port);
             return client.waitForConnected(500);
         };
-        QTRY_VERIFY2_WITH_TIMEOUT(listening(), m_sshd.readAll().constData(), 15000);
+        QTRY_VERIFY2_WITH_TIMEOUT(listening(), m_sshd.readAll().constData(), waitMs);
     }
 
     // The per-connection sshd processes (and their shells) of our own sshd.
@@ -150,7 +152,7 @@ class TestConsoleSsh : public QObject
     void clickHostKeyAnswer(const QString &answer)
     {
         QMessageBox *box = nullptr;
-        QTRY_VERIFY_WITH_TIMEOUT((box = m_window->findChild<QMessageBox *>("SshHostKeyQuestion")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT((box = m_window->findChild<QMessageBox *>("SshHostKeyQuestion")), waitMs);
         QVERIFY(box->text().contains(QLatin1String("SHA256:")));
         for (QAbstractButton *button : box->buttons()) {
             if (button->text() == answer)
@@ -235,7 +237,7 @@ private Q_SLOTS:
         QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "SSH", "127.0.0.1", m_port, m_user }));
         QCOMPARE(session().connectionKind(), QStringLiteral("TCP/IP"));
         clickHostKeyAnswer(QStringLiteral("Accept and save"));
-        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), waitMs);
         QVERIFY(session().sshOpen());
         QCOMPARE(m_window->windowTitle(), QStringLiteral("R1#"));
         QVERIFY(readFile(sshFile("known_hosts"))
@@ -259,7 +261,7 @@ private Q_SLOTS:
         m_window->sendBreakAction()->trigger();
         QByteArray log;
         QTRY_VERIFY2_WITH_TIMEOUT(
-            (log += m_sshd.readAll()).contains("request break"), log.right(3000).constData(), 10000);
+            (log += m_sshd.readAll()).contains("request break"), log.right(3000).constData(), waitMs);
 
         m_window->disconnectAction()->trigger();
         QVERIFY(!session().sshOpen() && consoleText().endsWith(QLatin1String("Disconected\n")));
@@ -271,12 +273,12 @@ private Q_SLOTS:
         QVERIFY(readFile(sshFile("known_hosts")).contains("ssh-ed25519"));
         session().setTimerIntervals(0, 50);
         connectRemembered(m_window->session(), *parseConnectTarget(QStringLiteral("ssh://fake-r1")));
-        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), waitMs);
         QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
         QCOMPARE(session().deviceAddress(), QStringLiteral("fake-r1"));
 
         killServer();
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), waitMs);
         QVERIFY2(
             consoleText().endsWith(QLatin1String("Connection timed out\n>\n")), qPrintable(consoleText()));
     }
@@ -287,7 +289,7 @@ private Q_SLOTS:
         writeFile(sshFile("known_hosts"),
             "# kept by hand\n[127.0.0.1]:" + QByteArray::number(m_port) + " ssh-ed25519 " + otherKey + "\n");
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), waitMs);
         const QString text = consoleText();
         QVERIFY2(text.contains(QStringLiteral("SSH Err: WARNING: the host key of 127.0.0.1 has changed")),
             qPrintable(text));
@@ -303,12 +305,12 @@ private Q_SLOTS:
         trustServer();
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
         QDialog *prompt = nullptr;
-        QTRY_VERIFY_WITH_TIMEOUT((prompt = m_window->findChild<QDialog *>("SshSecretsDialog")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT((prompt = m_window->findChild<QDialog *>("SshSecretsDialog")), waitMs);
         QLineEdit *edit = prompt->findChild<QLineEdit *>();
         QCOMPARE(edit->echoMode(), QLineEdit::Password);
         QTest::keyClicks(edit, "open sesame");
         prompt->accept();
-        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), waitMs);
         QVERIFY(session().sshOpen());
         session().disconnectSession();
         QFile::remove(sshFile("id_ecdsa"));
@@ -329,8 +331,8 @@ private Q_SLOTS:
         QByteArray log;
         QTRY_VERIFY2_WITH_TIMEOUT(
             (log += m_sshd.readAll()).contains("Accepted publickey for " + m_user.toUtf8()),
-            log.right(2000).constData(), 20000);
-        QTRY_VERIFY_WITH_TIMEOUT((log += m_sshd.readAll()).contains("session_pty_req"), 20000);
+            log.right(2000).constData(), waitMs);
+        QTRY_VERIFY_WITH_TIMEOUT((log += m_sshd.readAll()).contains("session_pty_req"), waitMs);
         program.terminate();
         QVERIFY(program.waitForFinished(10000));
     }
@@ -341,13 +343,13 @@ private Q_SLOTS:
         QFile::remove(sshFile("known_hosts"));
         SshConnection::setInteractive(false);
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), waitMs);
         QVERIFY(consoleText().contains(QLatin1String("is not in")));
         QVERIFY(!QFile::exists(sshFile("known_hosts")));
 
         // A name that does not resolve: looked up without blocking, then refused.
         session().ConnectSSH(QStringLiteral("no..device"), 0, m_user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), waitMs);
         QVERIFY2(consoleText().contains(QLatin1String("SSH Err: cannot find no..device")),
             qPrintable(consoleText()));
 
@@ -359,7 +361,7 @@ private Q_SLOTS:
         m_window->consoleBox()->clear();
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
         clickHostKeyAnswer(QStringLiteral("Accept once"));
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), waitMs);
         QVERIFY2(consoleText().contains(
                      QStringLiteral("SSH Err: authentication refused for %1@127.0.0.1\n>\n").arg(m_user)),
             qPrintable(consoleText()));
