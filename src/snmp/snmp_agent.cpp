@@ -72,7 +72,12 @@ void AgentSession::initLibrary()
         netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, 1);
         netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
         // Identifiers are numeric throughout: no MIB files are needed or read.
+        // The library's default module list would only fill stderr with
+        // "Cannot find module" where the MIB files are not installed; a MIBS
+        // the user set is left alone.
         netsnmp_set_mib_directory("");
+        if (!qEnvironmentVariableIsSet("MIBS"))
+            qputenv("MIBS", "");
         init_snmp("tarnwick");
     });
 }

@@ -48,7 +48,6 @@ SnmpMonitor::SnmpMonitor(std::function<QString()> deviceAddress, QObject *parent
     connect(&m_interval, &QTimer::timeout, this, &SnmpMonitor::tick);
     m_worker = new SnmpWorker;
     m_worker->moveToThread(&m_thread);
-    connect(&m_thread, &QThread::finished, m_worker, &QObject::deleteLater);
     connect(this, &SnmpMonitor::pollRequested, m_worker, &SnmpWorker::poll);
     connect(m_worker, &SnmpWorker::polled, this,
         [this](const PollResult &r) { takeResult(r, QDateTime::currentMSecsSinceEpoch()); });
@@ -61,6 +60,7 @@ SnmpMonitor::~SnmpMonitor()
     // A poll still out finishes first: at most its time-out × tries.
     m_thread.quit();
     m_thread.wait();
+    delete m_worker; // its thread has ended: nothing else can touch it now
 }
 
 void SnmpMonitor::setIntervalMs(int ms)
