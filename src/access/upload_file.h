@@ -4,12 +4,14 @@
 #include <QString>
 
 // A file being received, for every protocol that accepts uploads (TFTP,
-// HTTP): the bytes go to a temporary file beside the target ("."name".XXXXXX"
-// in the same folder, so the final rename stays on one file system), which
-// replaces the target only on commit(). Destroyed or discarded before that,
-// the temporary file is removed and the old file stays exactly as it was.
+// HTTP): the bytes go to an unnamed file in the target's folder (O_TMPFILE;
+// where the file system has none, a hidden "."name".XXXXXX" beside it), so a
+// partial upload can never be fetched by name and the final rename stays on
+// one file system. It replaces the target only on commit(). Destroyed or
+// discarded before that, it is dropped and the old file stays as it was.
 //
-// A new file gets mode 0644, a replaced one keeps its own permissions.
+// A new file gets 0666 under the process's umask, a replaced one keeps its
+// own permissions.
 class UploadFile
 {
 public:
@@ -39,6 +41,7 @@ private:
     int m_errno = 0;
     bool m_replaces = false;
     qint64 m_written = 0;
-    QByteArray m_tempPath;
+    QByteArray m_tempPath; // empty while the file has no name
+    QByteArray m_folder;
     QByteArray m_targetPath;
 };

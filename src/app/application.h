@@ -15,6 +15,7 @@ class HttpServer;
 class ChildWindow;
 class ConsoleWindow;
 class MainWindow;
+class StandardServer;
 class TftpServer;
 class TransferMonitor;
 class TransferWindow;
@@ -39,6 +40,7 @@ public:
     TransferMonitor *monitor() const { return m_monitor.get(); }
     AccessList *accessList() const { return m_accessList.get(); }
     TftpServer *tftpServer() const { return m_tftp.get(); }
+    StandardServer *standardServer() const { return m_standard.get(); }
     HttpServer *httpServer() const { return m_http.get(); }
     TransferWindow *transferWindow() const { return m_transferWindow; }
     BrowserWindow *browser() const { return m_browser; }
@@ -67,6 +69,7 @@ private:
     std::unique_ptr<TransferMonitor> m_monitor;
     std::unique_ptr<AccessList> m_accessList;
     std::unique_ptr<TftpServer> m_tftp;
+    std::unique_ptr<StandardServer> m_standard;
     std::unique_ptr<HttpServer> m_http;
     std::unique_ptr<LogOptions> m_logOptions;
     std::unique_ptr<LogRoutes> m_logRoutes;

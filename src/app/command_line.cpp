@@ -60,6 +60,11 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
         { QStringLiteral("tftp-standard"),
             QStringLiteral("Answer TFTP with the standard profile for this run (options, block roll-over, "
                            "ERROR replies, retransmission) instead of the classic one.") },
+        { QStringLiteral("tftp-max-transfers"),
+            QStringLiteral(
+                "Transfers the standard TFTP profile runs at once (default: the \"TftpMaxTransfers\" "
+                "setting, 1000)."),
+            QStringLiteral("N") },
         { QStringLiteral("http-port"),
             QStringLiteral("Serve the access list's folders over HTTP on this TCP port for this run."),
             QStringLiteral("N") },
@@ -103,6 +108,17 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
         result.action = CommandLineResult::ExitError;
         result.output = error;
         return result;
+    }
+    if (parser.isSet(QStringLiteral("tftp-max-transfers"))) {
+        bool ok = false;
+        const int value = parser.value(QStringLiteral("tftp-max-transfers")).toInt(&ok);
+        if (!ok || value < 1) {
+            result.action = CommandLineResult::ExitError;
+            result.output = QStringLiteral("--tftp-max-transfers needs a number of at least 1, not \"%1\"")
+                                .arg(parser.value(QStringLiteral("tftp-max-transfers")));
+            return result;
+        }
+        options.tftpMaxTransfers = value;
     }
     options.headless = parser.isSet(QStringLiteral("headless"));
     options.folderGiven = parser.isSet(QStringLiteral("folder"));

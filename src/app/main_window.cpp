@@ -285,6 +285,13 @@ bool MainWindow::readTftpStandardSetting() const
     return settingsStore()->value(QStringLiteral("TftpStandard"), false).toBool();
 }
 
+int MainWindow::readIntSetting(const QString &name, int fallback) const
+{
+    bool ok = false;
+    const int value = settingsStore()->value(name, fallback).toInt(&ok);
+    return ok && value > 0 ? value : fallback;
+}
+
 void MainWindow::writeTftpStandardSetting(bool on)
 {
     settingsStore()->setValue(QStringLiteral("TftpStandard"), on);

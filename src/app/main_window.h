@@ -67,6 +67,9 @@ public:
     // "TftpStandard": whether the standard TFTP profile is on (off by default).
     bool readTftpStandardSetting() const;
     void writeTftpStandardSetting(bool on);
+    // "TftpMaxTransfers" (1000) and "TftpKeepRows" (5000): the standard profile's
+    // transfer limit and how many transfer-list rows are kept.
+    int readIntSetting(const QString &name, int fallback) const;
     // The status-bar panel that names the TFTP profile answering requests.
     void showTftpProfile(bool standard);
     QString tftpProfileText() const;

@@ -74,15 +74,9 @@ void TftpServer::trace(int slot)
 void TftpServer::handleDatagram(int s, const QByteArray &datagram, const QHostAddress &sender,
     quint16 senderPort, const QHostAddress &destination)
 {
-    // The profile is chosen per request: a running standard transfer keeps
-    // its profile even if the switch changes meanwhile.
     const Slot &slot = m_slots[s];
-    if (slot.standard)
-        return handleStandardDatagram(s, datagram, sender, senderPort);
     if (slot.tag == Tag::Blocking)
         return;
-    if (slot.tag == Tag::Null && m_standard)
-        return handleStandardRequest(s, datagram, sender, senderPort, destination);
     dispatch(s, datagram, sender, senderPort, destination);
     // The trace line is written after the reply has gone out, so the client
     // can already work on it: it is never read, only its one line per
