@@ -183,6 +183,8 @@ ConsoleWindow *Application::createConsole()
     // The console's device is its TCP host: SNMP polls it and its logs land here.
     auto *snmp = new SnmpPage([console] { return console->session()->deviceAddress(); });
     console->snmpFrame()->layout()->addWidget(snmp);
+    // Connecting to a device again brings back the SNMP choices made for it.
+    connect(console->session(), &ConsoleSession::deviceAddressChanged, snmp, &SnmpPage::loadProfile);
     connect(snmp, &SnmpPage::startClicked, console, [console] {
         console->selectTab(1);
         console->relayout();
