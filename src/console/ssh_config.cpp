@@ -216,9 +216,9 @@ QStringList SshConfig::authMethods() const
     return methods;
 }
 
-QString SshConfig::resolveAlgorithms(const QString &spec, const QString &defaults)
+QString SshConfig::resolveAlgorithms(const QString &setting, const QString &defaults)
 {
-    const QString trimmed = spec.trimmed();
+    const QString trimmed = setting.trimmed();
     if (trimmed.isEmpty())
         return defaults;
     const QChar first = trimmed.at(0);

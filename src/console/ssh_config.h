@@ -45,7 +45,7 @@ public:
     // An algorithm list as OpenSSH reads it, applied to defaults: "+a,b"
     // appends, "-a,b" removes (wildcards allowed), "^a,b" puts first, a plain
     // list replaces.
-    static QString resolveAlgorithms(const QString &spec, const QString &defaults);
+    static QString resolveAlgorithms(const QString &setting, const QString &defaults);
 
 private:
     QHash<QString, QString> m_values;

@@ -110,14 +110,14 @@ void SshConnection::open(const QString &host, quint16 port, const QString &user)
         { "macs", { SSH_OPTIONS_HMAC_C_S, SSH_OPTIONS_HMAC_S_C }, libsshDefaultMacs },
     };
     for (const Kind &kind : kinds) {
-        const QString spec = d->config.value(QLatin1String(kind.keyword));
-        if (spec.isEmpty())
+        const QString setting = d->config.value(QLatin1String(kind.keyword));
+        if (setting.isEmpty())
             continue;
-        const QByteArray list = SshConfig::resolveAlgorithms(spec, QLatin1String(kind.defaults)).toLatin1();
+        const QByteArray list = SshConfig::resolveAlgorithms(setting, QLatin1String(kind.defaults)).toLatin1();
         for (ssh_options_e option : kind.options) {
             if (ssh_options_set(d->session, option, list.constData()) != SSH_OK)
                 return fail(QStringLiteral("%1 %2 in %3/config: %4")
-                                .arg(QLatin1String(kind.keyword), spec, sshDir(), libsshError()));
+                                .arg(QLatin1String(kind.keyword), setting, sshDir(), libsshError()));
         }
     }
     if (d->config.has(QStringLiteral("requiredrsasize"))) {

@@ -129,17 +129,17 @@ private Q_SLOTS:
         // OpenSSH's own defaults, as it applies them.
         const QMultiHash<QString, QString> defaults
             = openssh(QStringLiteral("/dev/null"), QStringLiteral("x"));
-        const QList<std::pair<QString, QString>> specs = {
+        const QList<std::pair<QString, QString>> settings = {
             { "kexalgorithms", "+diffie-hellman-group14-sha1,diffie-hellman-group1-sha1" },
             { "kexalgorithms", "-*-sha512,ecdh-sha2-nistp384" },
             { "ciphers", "^aes128-cbc,aes256-ctr" },
             { "macs", "hmac-sha1,hmac-sha2-256" },
             { "hostkeyalgorithms", "+ssh-rsa" },
         };
-        for (const auto &[keyword, spec] : specs) {
+        for (const auto &[keyword, setting] : settings) {
             QVERIFY(
-                PrivateSshd::writeFile(file, "Host x\n    " + keyword.toUtf8() + ' ' + spec.toUtf8() + '\n'));
-            QCOMPARE(SshConfig::resolveAlgorithms(spec, defaults.value(keyword)),
+                PrivateSshd::writeFile(file, "Host x\n    " + keyword.toUtf8() + ' ' + setting.toUtf8() + '\n'));
+            QCOMPARE(SshConfig::resolveAlgorithms(setting, defaults.value(keyword)),
                 openssh(file, "x").value(keyword));
         }
     }
