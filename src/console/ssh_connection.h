@@ -20,7 +20,7 @@ class QTimer;
 // not the password database), connects, checks the host key against
 // ~/.ssh/known_hosts, authenticates (the SSH agent, then the usual key files
 // in ~/.ssh, then keyboard-interactive, then password) and opens a channel
-// with a "vt100" pty of the terminal's size and a shell.
+// with an "xterm-256color" pty of the terminal's size and a shell.
 //
 // Questions go out as signals and their answers come back through the
 // answer*() calls; the handshake waits meanwhile (its time limit stops). When

@@ -43,7 +43,7 @@ class TestConsoleSsh : public QObject
 
     QString path(const QString &name) const { return m_dir.filePath(name); }
     QString sshFile(const QString &name) const { return m_home + QStringLiteral("/.ssh/") + name; }
-    QString consoleText() const { return m_window->consoleBox()->toPlainText(); }
+    QString consoleText() const { return m_window->shownText(); }
     ConsoleSession &session() const { return *m_window->session(); }
 
     static bool run(const QString &program, const QStringList &arguments)
