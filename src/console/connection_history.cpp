@@ -246,7 +246,8 @@ void connectRemembered(ConsoleSession *session, const ConnectTarget &target)
 {
     if (!session)
         return;
-    session->setTerminalEmulation(ConnectionHistory::terminalEmulation(target).value_or(target.terminalByDefault()));
+    session->setTerminalEmulation(
+        ConnectionHistory::terminalEmulation(target).value_or(target.terminalByDefault()));
     if (target.isSsh())
         session->ConnectSSH(target.host, target.port, target.user);
     else if (target.port == 0)

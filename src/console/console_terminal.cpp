@@ -2,8 +2,7 @@
 
 ConsoleTerminal::ConsoleTerminal(QObject *parent)
     : QObject(parent)
-{
-}
+{ }
 
 void ConsoleTerminal::setEnabled(bool on)
 {

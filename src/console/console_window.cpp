@@ -3,10 +3,10 @@
 #include "console/connection_history.h"
 #include "console/console_session.h"
 #include "console/console_terminal.h"
-#include "console/log_session_dialog.h"
-#include "console/session_log.h"
 #include "console/idle_bar.h"
+#include "console/log_session_dialog.h"
 #include "console/modem_options.h"
+#include "console/session_log.h"
 #include "console/ssh_connection.h"
 #include "console/ssh_prompts.h"
 #include "console/terminal_view.h"
@@ -15,6 +15,7 @@
 #include "util/twips.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QDateTime>
@@ -100,7 +101,8 @@ ConsoleWindow::ConsoleWindow(QWidget *parent)
     connect(m_sendBreak, &QAction::triggered, m_session, &ConsoleSession::sendBreak);
     connect(m_terminalEmulation, &QAction::triggered, this, [this](bool on) {
         m_session->setTerminalEmulation(on);
-        if (!m_session->connectionKind().isEmpty() && m_session->connectionKind() != QLatin1String("Serial")) {
+        if (!m_session->connectionKind().isEmpty()
+            && m_session->connectionKind() != QLatin1String("Serial")) {
             ConnectTarget target;
             target.kind = m_session->sshSession() ? QStringLiteral("SSH") : QStringLiteral("TCP/IP");
             target.host = m_session->deviceAddress();
@@ -193,10 +195,15 @@ void ConsoleWindow::connectSession()
         updateTitle();
         Q_EMIT captionChanged(caption);
     });
-    connect(m_session->terminal(), &ConsoleTerminal::enabledChanged, this, &ConsoleWindow::onTerminalEmulation);
+    connect(
+        m_session->terminal(), &ConsoleTerminal::enabledChanged, this, &ConsoleWindow::onTerminalEmulation);
     connect(m_terminalBox, &TerminalWidget::breakRequested, m_session, &ConsoleSession::sendBreak);
     connect(m_terminalBox, &TerminalWidget::gridChanged, this, &ConsoleWindow::sendTerminalSize);
     SessionLog *log = m_session->sessionLog();
+    connect(log, &SessionLog::started, this, [this] {
+        m_logSession->setChecked(true);
+        updateTitle();
+    });
     connect(log, &SessionLog::stopped, this, [this] {
         m_logSession->setChecked(false);
         updateTitle();
@@ -300,7 +307,8 @@ void ConsoleWindow::sendTerminalSize()
     }
     const QFontMetrics metrics(m_consoleBox->font());
     const QRect text = m_consoleBox->viewport()->rect();
-    m_session->ssh()->setTerminalSize(qMax(20, text.width() / qMax(1, metrics.horizontalAdvance(QLatin1Char('M')))),
+    m_session->ssh()->setTerminalSize(
+        qMax(20, text.width() / qMax(1, metrics.horizontalAdvance(QLatin1Char('M')))),
         qMax(5, text.height() / qMax(1, metrics.lineSpacing())));
 }
 
@@ -319,7 +327,8 @@ void ConsoleWindow::updateTitle()
 {
     const SessionLog *log = m_session->sessionLog();
     if (log->isActive())
-        setWindowTitle(QStringLiteral("%1 [Logging to %2]").arg(m_caption, QDir::toNativeSeparators(log->path())));
+        setWindowTitle(
+            QStringLiteral("%1 [Logging to %2]").arg(m_caption, QDir::toNativeSeparators(log->path())));
     else
         setWindowTitle(m_caption);
 }
@@ -342,8 +351,9 @@ void ConsoleWindow::logSession()
     QString folder = m_logFolder ? m_logFolder() : QString();
     if (folder.isEmpty() || !QDir(folder).exists())
         folder = QDir::homePath();
-    const QString offered = QDir(folder).filePath(SessionLog::offeredName(
-        m_session->deviceAddress().isEmpty() ? m_caption : m_session->deviceAddress(), QDateTime::currentDateTime()));
+    const QString offered = QDir(folder).filePath(
+        SessionLog::offeredName(m_session->deviceAddress().isEmpty() ? m_caption : m_session->deviceAddress(),
+            QDateTime::currentDateTime()));
     auto *dialog = new LogSessionDialog(offered, window());
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setWindowModality(Qt::ApplicationModal);
@@ -354,10 +364,7 @@ void ConsoleWindow::logSession()
         if (!log->start(dialog->path(), dialog->mode())) {
             tw::messageBox(QStringLiteral("Cannot log to %1: %2").arg(dialog->path(), log->errorString()),
                 QMessageBox::Warning);
-            return;
         }
-        m_logSession->setChecked(true);
-        updateTitle();
     });
     dialog->show();
 }

@@ -34,8 +34,9 @@ LogSessionDialog::LogSessionDialog(const QString &offeredPath, QWidget *parent)
 
     connect(browse, &QPushButton::clicked, this, [this] {
         // No overwrite question: the log is appended to.
-        const QString chosen = QFileDialog::getSaveFileName(this, QStringLiteral("Log Session"), m_path->text(),
-            QStringLiteral("Log files (*.log);;All files (*)"), nullptr, QFileDialog::DontConfirmOverwrite);
+        const QString chosen = QFileDialog::getSaveFileName(this, QStringLiteral("Log Session"),
+            m_path->text(), QStringLiteral("Log files (*.log);;All files (*)"), nullptr,
+            QFileDialog::DontConfirmOverwrite);
         if (!chosen.isEmpty())
             m_path->setText(chosen);
     });

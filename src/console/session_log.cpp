@@ -4,8 +4,7 @@
 
 SessionLog::SessionLog(QObject *parent)
     : QObject(parent)
-{
-}
+{ }
 
 SessionLog::~SessionLog()
 {
@@ -19,7 +18,8 @@ QString SessionLog::offeredName(const QString &host, const QDateTime &when)
         if (ch == QLatin1Char('/') || ch == QLatin1Char('\\') || ch == QLatin1Char(':') || ch.unicode() < 32)
             ch = QLatin1Char('_');
     }
-    return name + QLatin1Char('-') + when.toString(QStringLiteral("yyyyMMdd-HHmmss")) + QStringLiteral(".log");
+    return name + QLatin1Char('-') + when.toString(QStringLiteral("yyyyMMdd-HHmmss"))
+        + QStringLiteral(".log");
 }
 
 bool SessionLog::start(const QString &path, Mode mode)
@@ -33,6 +33,7 @@ bool SessionLog::start(const QString &path, Mode mode)
         return false;
     }
     m_error.clear();
+    Q_EMIT started();
     return true;
 }
 
@@ -50,8 +51,8 @@ void SessionLog::write(const QByteArray &bytes)
         return;
     if (m_file.write(bytes) != bytes.size() || !m_file.flush()) {
         m_error = m_file.errorString();
-        const QString message = QStringLiteral("Session log stopped: cannot write %1: %2")
-                                    .arg(m_file.fileName(), m_error);
+        const QString message
+            = QStringLiteral("Session log stopped: cannot write %1: %2").arg(m_file.fileName(), m_error);
         // Whatever the file holds stays; the console goes on without it.
         m_file.close();
         Q_EMIT failed(message);

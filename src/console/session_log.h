@@ -1,9 +1,9 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QFile>
 #include <QObject>
-#include <QDateTime>
 #include <QString>
 
 // "Log Session...": a copy of one console's traffic from the device in a
@@ -13,7 +13,8 @@
 // The file stays open while logging and is flushed after every block, so a
 // crash loses nothing that reached the console. A write that fails (disk
 // full, folder gone) stops logging and emits failed(message); the console
-// itself carries on. stopped() follows every end of logging, for the caption.
+// itself carries on. started() and stopped() follow every start and end of
+// logging, for the caption.
 class SessionLog : public QObject
 {
     Q_OBJECT
@@ -42,6 +43,7 @@ public:
 
 Q_SIGNALS:
     void failed(const QString &message);
+    void started();
     void stopped();
 
 private:

@@ -492,7 +492,8 @@ bool TerminalScreen::key(int qtKey, Qt::KeyboardModifiers modifiers, const QStri
         bytes = text.toUtf8();
     } else if ((modifiers & Qt::AltModifier) && qtKey >= Qt::Key_Space && qtKey <= Qt::Key_AsciiTilde) {
         const char base = char(qtKey);
-        bytes = QByteArray(1, (modifiers & Qt::ShiftModifier) ? base : QChar::fromLatin1(base).toLower().toLatin1());
+        bytes = QByteArray(
+            1, (modifiers & Qt::ShiftModifier) ? base : QChar::fromLatin1(base).toLower().toLatin1());
     }
     if (bytes.isEmpty())
         return false;

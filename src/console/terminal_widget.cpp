@@ -4,12 +4,12 @@
 #include "util/mc_popup_menu.h"
 
 #include <QApplication>
-#include <cctype>
 #include <QClipboard>
 #include <QFontDatabase>
 #include <QKeyEvent>
 #include <QPainter>
 #include <QScrollBar>
+#include <cctype>
 
 namespace {
 enum PopupId { CopyId = 1, PasteId = 2 };
@@ -140,12 +140,14 @@ void TerminalWidget::paintEvent(QPaintEvent *)
             // A run: cells of one look, drawn with one fill and one text.
             const TerminalCell head = screen.cell(row, column);
             const bool headSelected = selected(row, column);
-            const bool headCursor = cursorShown && row == screen.cursorRow() && column == screen.cursorColumn();
+            const bool headCursor
+                = cursorShown && row == screen.cursorRow() && column == screen.cursorColumn();
             QString text;
             int end = column;
             while (end < screen.columns()) {
                 const TerminalCell c = screen.cell(row, end);
-                const bool isCursor = cursorShown && row == screen.cursorRow() && end == screen.cursorColumn();
+                const bool isCursor
+                    = cursorShown && row == screen.cursorRow() && end == screen.cursorColumn();
                 if (end > column
                     && (c.fg != head.fg || c.bg != head.bg || c.bold != head.bold || c.reverse != head.reverse
                         || c.underline != head.underline || selected(row, end) != headSelected || isCursor
@@ -160,7 +162,8 @@ void TerminalWidget::paintEvent(QPaintEvent *)
             if (head.width == 2 && end < screen.columns())
                 ++end; // the right half of a wide character
             QColor fg = colour(head.fg);
-            QColor bg = head.defaultBg && !head.reverse ? colour(screen.defaultBackground()) : colour(head.bg);
+            QColor bg
+                = head.defaultBg && !head.reverse ? colour(screen.defaultBackground()) : colour(head.bg);
             if (head.reverse)
                 std::swap(fg, bg);
             if (headSelected != headCursor)
@@ -223,8 +226,8 @@ QPoint TerminalWidget::cellAt(const QPoint &position) const
 {
     const TerminalScreen &screen = m_terminal->screen();
     const int column = qBound(0, (position.x() + m_cellWidth / 2) / m_cellWidth, screen.columns());
-    const int row = qBound(-screen.scrollbackCount(), firstVisibleRow() + position.y() / m_cellHeight,
-        screen.rows() - 1);
+    const int row = qBound(
+        -screen.scrollbackCount(), firstVisibleRow() + position.y() / m_cellHeight, screen.rows() - 1);
     return QPoint(column, row);
 }
 

@@ -27,6 +27,7 @@ public:
 
     int gridColumns() const;
     int gridRows() const;
+    QSize cellSize() const { return QSize(m_cellWidth, m_cellHeight); }
     QString selectedText() const;
     // Selects from (row, column) to (row, column), rows as the screen numbers them.
     void select(int startRow, int startColumn, int endRow, int endColumn);

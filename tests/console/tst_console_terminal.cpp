@@ -70,7 +70,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        QVERIFY2(!QStandardPaths::findExecutable(QStringLiteral("tmux")).isEmpty(), "tmux is missing: install tmux");
+        QVERIFY2(!QStandardPaths::findExecutable(QStringLiteral("tmux")).isEmpty(),
+            "tmux is missing: install tmux");
         // Our own tmux server, in our own folder.
         qputenv("TMUX_TMPDIR", QFile::encodeName(m_dir.path()));
         qunsetenv("TMUX");
@@ -102,10 +103,11 @@ private Q_SLOTS:
 
         QTest::newRow("alternate screen (vi)") << fixture("vi_session.bin");
 
-        QByteArray utf8 = "\xe2\x94\x8c\xe2\x94\x80\xe2\x94\x80\xe2\x94\x90\r\n"
-                          "\xe2\x94\x82\xe6\x97\xa5\xe6\x9c\xac\xe2\x94\x82 ok\r\n"
-                          "\xe2\x94\x94\xe2\x94\x80\xe2\x94\x80\xe2\x94\x98\r\n"
-                          "desc: caf\xc3\xa9 M\xc3\xbcnchen \xe4\xb8\xad\xe6\x96\x87 \xed\x95\x9c\xea\xb8\x80\r\n";
+        QByteArray utf8
+            = "\xe2\x94\x8c\xe2\x94\x80\xe2\x94\x80\xe2\x94\x90\r\n"
+              "\xe2\x94\x82\xe6\x97\xa5\xe6\x9c\xac\xe2\x94\x82 ok\r\n"
+              "\xe2\x94\x94\xe2\x94\x80\xe2\x94\x80\xe2\x94\x98\r\n"
+              "desc: caf\xc3\xa9 M\xc3\xbcnchen \xe4\xb8\xad\xe6\x96\x87 \xed\x95\x9c\xea\xb8\x80\r\n";
         utf8 += QByteArray(78, '-') + "\xe6\x97\xa5\xe6\x9c\xac" + "wrapped\r\n";
         QTest::newRow("UTF-8 box drawing and wide characters") << utf8;
 
@@ -198,7 +200,7 @@ private Q_SLOTS:
         // UTF-8 split between blocks, backspace, and a title that is not text.
         const QString first = reader.feed("\x1b]0;title\x07M\xc3").text;
         QCOMPARE(first + reader.feed("\xbcnchenX\b").text, QStringLiteral("M\u00fcnchenX\b"));
-        QCOMPARE(reader.currentLine(), QStringLiteral("M\u00fcnchen"));
+        QCOMPARE(reader.currentLine(), QStringLiteral("R1(config-if)#M\u00fcnchen"));
     }
 
     void sessionInTerminalMode()
