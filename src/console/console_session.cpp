@@ -384,6 +384,9 @@ void ConsoleSession::disconnectSession()
 void ConsoleSession::setTerminalEmulation(bool on)
 {
     m_terminal->setEnabled(on);
+    // A terminal screen costs more per byte than the classic processor: a
+    // flood is taken in slices, with the event loop running between them.
+    m_tcp->setReadBufferSize(on ? 32768 : 0);
 }
 
 bool ConsoleSession::terminalEmulation() const

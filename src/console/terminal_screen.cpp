@@ -201,12 +201,15 @@ void TerminalScreen::setScrollbackLimit(int lines)
 
 TerminalScreen::Stored TerminalScreen::toStored(const void *vtermCell) const
 {
+    // Colours stay as libvterm keeps them (palette index or RGB) until a row
+    // is shown: a flood pushes far more lines than anyone looks at.
     const auto *cell = static_cast<const VTermScreenCell *>(vtermCell);
     Stored stored;
     stored.ch = cell->chars[0] == wideContinuation ? 0 : cell->chars[0];
     stored.width = cell->chars[0] == wideContinuation ? 0 : quint8(cell->width);
-    stored.fg = rgbOf(m_screen, cell->fg);
-    stored.bg = rgbOf(m_screen, cell->bg);
+    static_assert(sizeof(VTermColor) == sizeof(stored.fg));
+    std::memcpy(&stored.fg, &cell->fg, sizeof stored.fg);
+    std::memcpy(&stored.bg, &cell->bg, sizeof stored.bg);
     stored.attrs = (cell->attrs.bold ? Bold : 0) | (cell->attrs.underline ? Underline : 0)
         | (cell->attrs.italic ? Italic : 0) | (cell->attrs.reverse ? Reverse : 0)
         | (VTERM_COLOR_IS_DEFAULT_BG(&cell->bg) ? DefaultBg : 0)
@@ -219,8 +222,12 @@ TerminalCell TerminalScreen::fromStored(const Stored &stored) const
     TerminalCell cell;
     cell.ch = stored.ch;
     cell.width = stored.width;
-    cell.fg = stored.fg;
-    cell.bg = stored.bg;
+    VTermColor fg;
+    VTermColor bg;
+    std::memcpy(&fg, &stored.fg, sizeof fg);
+    std::memcpy(&bg, &stored.bg, sizeof bg);
+    cell.fg = rgbOf(m_screen, fg);
+    cell.bg = rgbOf(m_screen, bg);
     cell.bold = stored.attrs & Bold;
     cell.underline = stored.attrs & Underline;
     cell.italic = stored.attrs & Italic;
@@ -240,12 +247,16 @@ int TerminalScreen::onPushLine(int columns, const void *cells, void *user)
     while (used > 0 && blank(vcells[used - 1].chars[0]) && VTERM_COLOR_IS_DEFAULT_BG(&vcells[used - 1].bg)
         && !vcells[used - 1].attrs.reverse)
         --used;
+    // A full scrollback hands its oldest line's storage to the newest.
     Line line;
+    if (int(self->m_scrollback.size()) >= self->m_scrollbackLimit) {
+        line = std::move(self->m_scrollback.front());
+        self->m_scrollback.pop_front();
+        line.clear();
+    }
     line.reserve(size_t(used));
     for (int i = 0; i < used; ++i)
         line.push_back(self->toStored(&vcells[i]));
-    if (int(self->m_scrollback.size()) >= self->m_scrollbackLimit)
-        self->m_scrollback.pop_front();
     self->m_scrollback.push_back(std::move(line));
     return 1;
 }
@@ -272,12 +283,8 @@ int TerminalScreen::onPopLine(int columns, void *cells, void *user)
         const Stored &stored = line[size_t(i)];
         cell.chars[0] = stored.width == 0 ? wideContinuation : uint32_t(stored.ch);
         cell.width = stored.width == 0 ? 1 : stored.width;
-        vterm_color_rgb(&cell.fg, red(stored.fg), green(stored.fg), blue(stored.fg));
-        vterm_color_rgb(&cell.bg, red(stored.bg), green(stored.bg), blue(stored.bg));
-        if (stored.attrs & DefaultFg)
-            cell.fg.type |= VTERM_COLOR_DEFAULT_FG;
-        if (stored.attrs & DefaultBg)
-            cell.bg.type |= VTERM_COLOR_DEFAULT_BG;
+        std::memcpy(&cell.fg, &stored.fg, sizeof cell.fg);
+        std::memcpy(&cell.bg, &stored.bg, sizeof cell.bg);
         cell.attrs.bold = (stored.attrs & Bold) != 0;
         cell.attrs.underline = (stored.attrs & Underline) != 0;
         cell.attrs.italic = (stored.attrs & Italic) != 0;

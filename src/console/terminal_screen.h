@@ -104,7 +104,7 @@ private:
     struct Stored
     {
         char32_t ch;
-        quint32 fg;
+        quint32 fg; // libvterm's VTermColor, as it is
         quint32 bg;
         quint8 width;
         quint8 attrs;
