@@ -124,6 +124,8 @@ void TerminalScreen::create(int rows, int columns)
     vterm_screen_set_callbacks(m_screen, &screenCallbacks, this);
     vterm_screen_enable_altscreen(m_screen, 1);
     vterm_screen_reset(m_screen, 1);
+    // Bold blue directories and the like in the bright colour, as xterm shows them.
+    vterm_state_set_bold_highbright(vterm_obtain_state(m_vt), 1);
     VTermColor fg;
     VTermColor bg;
     vterm_state_get_default_colors(vterm_obtain_state(m_vt), &fg, &bg);
