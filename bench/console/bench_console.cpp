@@ -87,7 +87,7 @@ int runDevice(const QString &file)
 QByteArray ansiText(qint64 bytes, int *lines)
 {
     static const char *const words[] = { "interface", "GigabitEthernet0/1", "is", "up,", "line", "protocol",
-        "drops", "10.1.2.3", "vlan", "trunk", "0", "packets", "input", "CRC", "errors" };
+        "drops", "Vlan100", "vlan", "trunk", "0", "packets", "input", "CRC", "errors" };
     QRandomGenerator random(2026);
     QByteArray text;
     text.reserve(bytes + 200);
