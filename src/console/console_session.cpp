@@ -481,8 +481,9 @@ void ConsoleSession::deviceData(const QByteArray &data)
     } else if (m_listingReader) {
         m_sessionLog->writeRaw(data);
         Q_EMIT listingText(data);
-    } else
+    } else {
         processReceived(data);
+    }
     m_countDown = idleSeconds;
     m_keepAlive = 1;
     Q_EMIT idleChanged();
