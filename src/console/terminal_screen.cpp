@@ -101,8 +101,8 @@ const VTermScreenCallbacks screenCallbacks = {
 } // namespace
 
 TerminalScreen::TerminalScreen(int rows, int columns, int scrollbackLines)
-    : m_rows(qMax(1, rows))
-    , m_columns(qMax(1, columns))
+    : m_rows(qMax(minimumRows, rows))
+    , m_columns(qMax(minimumColumns, columns))
     , m_scrollbackLimit(qMax(0, scrollbackLines))
 {
     create(m_rows, m_columns);
@@ -134,6 +134,15 @@ void TerminalScreen::create(int rows, int columns)
     m_cursorVisible = true;
     m_altScreen = false;
     m_title.clear();
+    primeRepeat();
+}
+
+void TerminalScreen::primeRepeat()
+{
+    // libvterm 0.1.4 loops for ever on REP (CSI b) when nothing has been
+    // printed since a reset; a blank printed and taken back gives it a
+    // character to repeat and leaves the screen as it was.
+    vterm_input_write(m_vt, " \r", 2);
 }
 
 namespace {
@@ -169,19 +178,47 @@ void TerminalScreen::feed(const QByteArray &bytes)
     const qsizetype held = unfinishedUtf8(input->constData(), input->size());
     if (held > 0)
         m_partial = input->right(held);
-    vterm_input_write(m_vt, input->constData(), size_t(input->size() - held));
+    // A full reset (ESC c) forgets the last character again.
+    const qsizetype size = input->size() - held;
+    qsizetype from = 0;
+    for (qsizetype reset = input->indexOf("\x1b"
+                                          "c");
+         reset >= 0 && reset + 2 <= size; reset = input->indexOf("\x1b"
+                                                                 "c",
+                                              reset + 2)) {
+        vterm_input_write(m_vt, input->constData() + from, size_t(reset + 2 - from));
+        primeRepeat();
+        from = reset + 2;
+    }
+    vterm_input_write(m_vt, input->constData() + from, size_t(size - from));
     ++m_generation;
 }
 
 void TerminalScreen::resize(int rows, int columns)
 {
-    rows = qMax(1, rows);
-    columns = qMax(1, columns);
+    rows = qMax(minimumRows, rows);
+    columns = qMax(minimumColumns, columns);
     if (rows == m_rows && columns == m_columns)
         return;
     m_rows = rows;
     m_columns = columns;
     vterm_set_size(m_vt, rows, columns);
+    // libvterm 0.1.4 leaves positions outside a screen that got smaller: it
+    // moves the cursor up with the lines it pushes into the scrollback, past
+    // the top if it was near it, and keeps the saved cursor (DECSC) where it
+    // was. The next character or DECRC then writes outside the screen. So
+    // the cursor goes back onto the screen, and the saved cursor becomes that
+    // position; programs redraw after a resize anyway.
+    VTermPos cursor;
+    vterm_state_get_cursorpos(vterm_obtain_state(m_vt), &cursor);
+    QByteArray fix;
+    if (cursor.row < 0 || cursor.row >= rows || cursor.col < 0 || cursor.col > columns) {
+        fix = "\x1b[?6l\x1b[" + QByteArray::number(qBound(0, cursor.row, rows - 1) + 1) + ';'
+            + QByteArray::number(qBound(0, cursor.col, columns - 1) + 1) + 'H';
+    }
+    fix += "\x1b"
+           "7";
+    vterm_input_write(m_vt, fix.constData(), size_t(fix.size()));
     ++m_generation;
 }
 

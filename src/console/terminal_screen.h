@@ -46,6 +46,10 @@ class TerminalScreen
 {
 public:
     static constexpr int defaultScrollback = 10000;
+    // libvterm 0.1.4 writes outside its buffers on very small screens (a wide
+    // character on one column); no view is ever smaller than this anyway.
+    static constexpr int minimumRows = 5;
+    static constexpr int minimumColumns = 20;
 
     TerminalScreen(int rows = 24, int columns = 80, int scrollbackLines = defaultScrollback);
     ~TerminalScreen();
@@ -117,6 +121,7 @@ private:
     static void onOutput(const char *bytes, size_t length, void *user);
 
     void create(int rows, int columns);
+    void primeRepeat();
     TerminalCell fromStored(const Stored &stored) const;
     Stored toStored(const void *vtermCell) const;
 

@@ -124,7 +124,8 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(window.session()->sshOpen(), 20000);
 
         type(&window, "printf '\\033[1;32mleaf1#\\033[0m '");
-        QTRY_COMPARE_WITH_TIMEOUT(window.windowTitle(), QStringLiteral("leaf1#"), 15000);
+        QTRY_VERIFY2_WITH_TIMEOUT(
+            window.windowTitle() == QLatin1String("leaf1#"), qPrintable(window.shownText()), 15000);
         QVERIFY(window.shownText().endsWith(QLatin1String("\nleaf1#")));
 
         const QRegularExpression size(QStringLiteral("\n(\\d+) (\\d+)\n"));
