@@ -85,7 +85,10 @@ Match rowMatches(const QStringList &address, const AccessEntry &entry, QString *
 
 } // namespace
 
-int CheckAccess(const AccessList &list, const AccessRequest &request, const TransferRecorder &record,
+namespace {
+
+template <typename Rows>
+int decide(const Rows &rows, const AccessRequest &request, const TransferRecorder &record,
     const AccessVeto &veto, QString *failure)
 {
     const QStringList address = request.remoteAddress.split(QLatin1Char('.'));
@@ -98,13 +101,13 @@ int CheckAccess(const AccessList &list, const AccessRequest &request, const Tran
 
     int result = AccessDecision::Refused;
     QString why;
-    for (int row = 1; row <= list.count(); ++row) {
-        switch (rowMatches(address, list.entry(row), &why)) {
+    for (int row = 1; row <= rows.count(); ++row) {
+        switch (rowMatches(address, rows.entry(row), &why)) {
         case Match::Failed:
             if (failure)
                 *failure = QStringLiteral("access-list row %1 (\"%2\" / \"%3\"): %4")
                                .arg(row)
-                               .arg(list.entry(row).network, list.entry(row).mask, why);
+                               .arg(rows.entry(row).network, rows.entry(row).mask, why);
             return AccessDecision::Failed;
         case Match::Yes:
             result = row; // keep looking: the last match decides
@@ -115,7 +118,7 @@ int CheckAccess(const AccessList &list, const AccessRequest &request, const Tran
     }
 
     if (result > 0) {
-        const AccessEntry deciding = list.entry(result);
+        const AccessEntry deciding = rows.entry(result);
         const QString &right = request.kind == AccessDecision::Read ? deciding.read : deciding.write;
         if ((request.kind == AccessDecision::Read || request.kind == AccessDecision::Write)
             && right == QLatin1String("no"))
@@ -135,4 +138,32 @@ int CheckAccess(const AccessList &list, const AccessRequest &request, const Tran
             allowed ? QStringLiteral("Allowed") : QStringLiteral("Blocked"));
     }
     return result;
+}
+
+struct ListRows
+{
+    const AccessList &list;
+    int count() const { return list.count(); }
+    AccessEntry entry(int row) const { return list.entry(row); }
+};
+
+struct EntryRows
+{
+    const QList<AccessEntry> &entries;
+    int count() const { return int(entries.size()); }
+    AccessEntry entry(int row) const { return entries.at(row - 1); }
+};
+
+} // namespace
+
+int CheckAccess(const AccessList &list, const AccessRequest &request, const TransferRecorder &record,
+    const AccessVeto &veto, QString *failure)
+{
+    return decide(ListRows { list }, request, record, veto, failure);
+}
+
+int CheckAccess(const QList<AccessEntry> &rows, const AccessRequest &request, const TransferRecorder &record,
+    const AccessVeto &veto, QString *failure)
+{
+    return decide(EntryRows { rows }, request, record, veto, failure);
 }

@@ -1,12 +1,14 @@
 #pragma once
 
+#include <QList>
 #include <QString>
 #include <functional>
 #include <optional>
 
 class AccessList;
+struct AccessEntry;
 
-// The access decision for one TFTP request.
+// The access decision for one TFTP or HTTP request.
 //
 // Every row of the list is compared with the requesting address, octet by
 // octet under the row's mask, and the LAST matching row decides: an earlier,
@@ -54,6 +56,11 @@ using AccessVeto = std::function<bool(int row)>;
 // Returns the deciding row (from 1), AccessDecision::Refused or AccessDecision::Failed.
 // On Failed, `failure` (when given) names the row or address and the reason.
 int CheckAccess(const AccessList &list, const AccessRequest &request, const TransferRecorder &record,
+    const AccessVeto &veto = {}, QString *failure = nullptr);
+
+// The same decision over a copy of the list's rows, for a server thread that
+// cannot read the list itself (it lives with the windows).
+int CheckAccess(const QList<AccessEntry> &rows, const AccessRequest &request, const TransferRecorder &record,
     const AccessVeto &veto = {}, QString *failure = nullptr);
 
 // The leading-number reading of one octet text, rounded to an integer;

@@ -11,9 +11,11 @@ class LogOptions;
 class LogReceiver;
 class LogRoutes;
 class BrowserWindow;
+class HttpServer;
 class ChildWindow;
 class ConsoleWindow;
 class MainWindow;
+class StandardServer;
 class TftpServer;
 class TransferMonitor;
 class TransferWindow;
@@ -38,6 +40,9 @@ public:
     TransferMonitor *monitor() const { return m_monitor.get(); }
     AccessList *accessList() const { return m_accessList.get(); }
     TftpServer *tftpServer() const { return m_tftp.get(); }
+    StandardServer *standardServer() const { return m_standard.get(); }
+    HttpServer *httpServer() const { return m_http.get(); }
+    TransferWindow *transferWindow() const { return m_transferWindow; }
     BrowserWindow *browser() const { return m_browser; }
     ConfigWindow *configWindow() const { return m_config; }
     LogReceiver *logReceiver() const { return m_logReceiver.get(); }
@@ -55,12 +60,17 @@ private:
     void loadMainWindow();
     void reportBindFailure(const QString &what, quint16 port, const QString &option, const QString &error);
     void setTftpStandard(bool on);
+    // Serves HTTP on `port` (0: stops serving) and shows it in the status bar.
+    void setHttpPort(quint16 port);
+    void openHttpServerDialog();
     void printLine(const QString &line);
 
     CommandLineOptions m_options;
     std::unique_ptr<TransferMonitor> m_monitor;
     std::unique_ptr<AccessList> m_accessList;
     std::unique_ptr<TftpServer> m_tftp;
+    std::unique_ptr<StandardServer> m_standard;
+    std::unique_ptr<HttpServer> m_http;
     std::unique_ptr<LogOptions> m_logOptions;
     std::unique_ptr<LogRoutes> m_logRoutes;
     std::unique_ptr<LogReceiver> m_logReceiver;

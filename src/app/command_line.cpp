@@ -60,6 +60,19 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
         { QStringLiteral("tftp-standard"),
             QStringLiteral("Answer TFTP with the standard profile for this run (options, block roll-over, "
                            "ERROR replies, retransmission) instead of the classic one.") },
+        { QStringLiteral("tftp-max-transfers"),
+            QStringLiteral(
+                "Transfers the standard TFTP profile runs at once (default: the \"TftpMaxTransfers\" "
+                "setting, 1000)."),
+            QStringLiteral("N") },
+        { QStringLiteral("http-port"),
+            QStringLiteral("Serve the access list's folders over HTTP on this TCP port for this run."),
+            QStringLiteral("N") },
+        { QStringLiteral("https-cert"),
+            QStringLiteral("PEM certificate: with --https-key, the HTTP port speaks HTTPS."),
+            QStringLiteral("FILE") },
+        { QStringLiteral("https-key"), QStringLiteral("PEM private key for --https-cert."),
+            QStringLiteral("FILE") },
     });
 
     CommandLineResult result;
@@ -90,10 +103,22 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
     if (!readPort(parser, QStringLiteral("tftp-port"), options.tftpPort, error)
         || !readPort(parser, QStringLiteral("log-port"), options.logPort, error)
         || !readPort(parser, QStringLiteral("telnet-port"), options.telnetPort, error)
-        || !readPort(parser, QStringLiteral("snmp-port"), options.snmpPort, error)) {
+        || !readPort(parser, QStringLiteral("snmp-port"), options.snmpPort, error)
+        || !readPort(parser, QStringLiteral("http-port"), options.httpPort, error)) {
         result.action = CommandLineResult::ExitError;
         result.output = error;
         return result;
+    }
+    if (parser.isSet(QStringLiteral("tftp-max-transfers"))) {
+        bool ok = false;
+        const int value = parser.value(QStringLiteral("tftp-max-transfers")).toInt(&ok);
+        if (!ok || value < 1) {
+            result.action = CommandLineResult::ExitError;
+            result.output = QStringLiteral("--tftp-max-transfers needs a number of at least 1, not \"%1\"")
+                                .arg(parser.value(QStringLiteral("tftp-max-transfers")));
+            return result;
+        }
+        options.tftpMaxTransfers = value;
     }
     options.headless = parser.isSet(QStringLiteral("headless"));
     options.folderGiven = parser.isSet(QStringLiteral("folder"));
@@ -103,5 +128,11 @@ CommandLineResult parseCommandLine(const QStringList &arguments, CommandLineOpti
     options.logDir = parser.value(QStringLiteral("log-dir"));
     options.confine = parser.isSet(QStringLiteral("confine"));
     options.tftpStandard = parser.isSet(QStringLiteral("tftp-standard"));
+    options.httpsCert = parser.value(QStringLiteral("https-cert"));
+    options.httpsKey = parser.value(QStringLiteral("https-key"));
+    if (options.httpsCert.isEmpty() != options.httpsKey.isEmpty()) {
+        result.action = CommandLineResult::ExitError;
+        result.output = QStringLiteral("--https-cert and --https-key go together");
+    }
     return result;
 }

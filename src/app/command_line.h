@@ -13,13 +13,16 @@ struct CommandLineOptions
     quint16 logPort = 514;
     quint16 telnetPort = 23;
     quint16 snmpPort = 161;
-    QString folder;      // --folder: the shared folder for this run
+    QString folder; // --folder: the shared folder for this run
     bool folderGiven = false;
-    QString aclFile;     // --acl: where ACLIST.ini lives
+    QString aclFile; // --acl: where ACLIST.ini lives
     QString connectHost; // --connect: HOST, HOST:PORT or ssh://[USER@]HOST[:PORT] for the first console
-    QString logDir;      // --log-dir: log folder, with "Log To File" on
+    QString logDir; // --log-dir: log folder, with "Log To File" on
     bool confine = false;
     bool tftpStandard = false; // --tftp-standard: the standard TFTP profile for this run
+    int tftpMaxTransfers = 0; // --tftp-max-transfers: 0 when not given (the setting decides)
+    quint16 httpPort = 0;      // --http-port: serve HTTP on this port for this run (0: as the setting says)
+    QString httpsCert, httpsKey; // --https-cert, --https-key: PEM files; both given: HTTPS
 };
 
 struct CommandLineResult

@@ -37,6 +37,7 @@ MainWindow::MainWindow(QWidget *parent)
     , m_date(new QLabel(this))
     , m_time(new QLabel(this))
     , m_tftpProfile(new QLabel(this))
+    , m_httpPort(new QLabel(this))
 {
     setObjectName(QStringLiteral("frmForm"));
     setWindowTitle(caption);
@@ -59,6 +60,9 @@ MainWindow::MainWindow(QWidget *parent)
     m_tftpProfile->setObjectName(QStringLiteral("TftpProfilePanel"));
     statusBar()->addWidget(m_problem, 1);
     statusBar()->addPermanentWidget(m_tftpProfile);
+    m_httpPort->setObjectName(QStringLiteral("HttpPortPanel"));
+    statusBar()->addPermanentWidget(m_httpPort);
+    showHttpPort(0);
     statusBar()->addPermanentWidget(m_date);
     statusBar()->addPermanentWidget(m_time);
     auto *clock = new QTimer(this);
@@ -281,6 +285,13 @@ bool MainWindow::readTftpStandardSetting() const
     return settingsStore()->value(QStringLiteral("TftpStandard"), false).toBool();
 }
 
+int MainWindow::readIntSetting(const QString &name, int fallback) const
+{
+    bool ok = false;
+    const int value = settingsStore()->value(name, fallback).toInt(&ok);
+    return ok && value > 0 ? value : fallback;
+}
+
 void MainWindow::writeTftpStandardSetting(bool on)
 {
     settingsStore()->setValue(QStringLiteral("TftpStandard"), on);
@@ -297,6 +308,27 @@ void MainWindow::showTftpProfile(bool standard)
 QString MainWindow::tftpProfileText() const
 {
     return m_tftpProfile->text();
+}
+
+quint16 MainWindow::readHttpPortSetting() const
+{
+    const uint port = settingsStore()->value(QStringLiteral("HttpPort"), 0).toUInt();
+    return port <= 65535 ? quint16(port) : 0;
+}
+
+void MainWindow::writeHttpPortSetting(quint16 port)
+{
+    settingsStore()->setValue(QStringLiteral("HttpPort"), port);
+}
+
+void MainWindow::showHttpPort(quint16 port)
+{
+    m_httpPort->setText(port > 0 ? QStringLiteral("HTTP: %1").arg(port) : QStringLiteral("HTTP: off"));
+}
+
+QString MainWindow::httpPortText() const
+{
+    return m_httpPort->text();
 }
 
 void MainWindow::saveSettings()

@@ -67,9 +67,18 @@ public:
     // "TftpStandard": whether the standard TFTP profile is on (off by default).
     bool readTftpStandardSetting() const;
     void writeTftpStandardSetting(bool on);
+    // "TftpMaxTransfers" (1000) and "TftpKeepRows" (5000): the standard profile's
+    // transfer limit and how many transfer-list rows are kept.
+    int readIntSetting(const QString &name, int fallback) const;
     // The status-bar panel that names the TFTP profile answering requests.
     void showTftpProfile(bool standard);
     QString tftpProfileText() const;
+    // "HttpPort": the port the access list's folders are served on over HTTP, 0 (the default) for off.
+    quint16 readHttpPortSetting() const;
+    void writeHttpPortSetting(quint16 port);
+    // The status-bar panel "HTTP: <port>" or "HTTP: off".
+    void showHttpPort(quint16 port);
+    QString httpPortText() const;
     // A folder given for this run only (--folder): while it is the shared
     // folder, unload leaves the stored "FolderPath" as it was.
     void setRunOnlyFolder(const QString &folder) { m_runOnlyFolder = folder; }
@@ -102,6 +111,7 @@ private:
     QLabel *m_date;
     QLabel *m_time;
     QLabel *m_tftpProfile;
+    QLabel *m_httpPort;
     WindowTable m_table;
     QHash<QObject *, QAction *> m_buttons;
     QHash<QObject *, int> m_consoleIndex;

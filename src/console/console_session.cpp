@@ -110,6 +110,17 @@ ConsoleSession::ConsoleSession(QObject *parent)
     connect(m_ssh, &SshConnection::opened, this, &ConsoleSession::onSshOpened);
     connect(m_ssh, &SshConnection::failed, this, &ConsoleSession::onSshFailed);
     connect(m_terminal, &ConsoleTerminal::sendRequested, this, &ConsoleSession::send);
+    connect(m_ssh, &SshConnection::closed, this, [this](int exitStatus) {
+        endSsh(exitStatus >= 0 ? QStringLiteral("Session closed by %1 (exit status %2)")
+                                     .arg(m_sshTarget.host)
+                                     .arg(exitStatus)
+                               : QStringLiteral("Session closed by %1").arg(m_sshTarget.host),
+            disconnectColour);
+    });
+    connect(
+        m_ssh, &SshConnection::lost, this, [this](const QString &message) { endSsh(message, errorColour); });
+    connect(m_ssh, &SshConnection::notice, this,
+        [this](const QString &text) { appendTerminal(text + QStringLiteral("\r\n"), errorColour); });
     connect(m_breakTimer, &QTimer::timeout, this, [this] {
         if (m_serial->isOpen())
             m_serial->setBreakEnabled(false);
@@ -262,6 +273,7 @@ void ConsoleSession::ConnectTCP(const QString &host)
 
 void ConsoleSession::ConnectTCP(const QString &host, quint16 port)
 {
+    m_offerReconnect = false;
     // A console that is already connected may connect again: the old
     // connection is dropped for the new one.
     m_tcp->abort();
@@ -285,6 +297,8 @@ void ConsoleSession::ConnectSSH(const QString &host, quint16 port, const QString
     m_tcp->abort();
     m_timer2->stop();
     m_sshSession = true;
+    m_offerReconnect = false;
+    m_sshTarget = { host, port, user };
     m_devicePort = port;
     setKind(QStringLiteral("TCP/IP"));
     if (m_deviceAddress != host) {
@@ -316,10 +330,27 @@ void ConsoleSession::onSshFailed(const QString &message, bool timedOut)
     setKind(QString());
 }
 
+void ConsoleSession::endSsh(const QString &message, quint32 colour)
+{
+    m_timer2->stop();
+    m_sshSession = false;
+    setKind(QString());
+    appendTerminal(message + QStringLiteral("\r\n"), colour);
+    appendTerminal(QStringLiteral("Press Enter to reconnect\r\n"), black);
+    m_offerReconnect = true;
+}
+
 void ConsoleSession::send(const QByteArray &bytes)
 {
     if (bytes.isEmpty())
         return;
+    // After an SSH session ended, Enter opens it again (as PuTTY's "Restart
+    // Session" does); other keys go nowhere, as on any closed console.
+    if (m_offerReconnect && m_kind.isEmpty() && !m_serial->isOpen()) {
+        if (bytes.contains('\r'))
+            ConnectSSH(m_sshTarget.host, m_sshTarget.port, m_sshTarget.user);
+        return;
+    }
     sendSerial(bytes);
     writeNetwork(bytes);
 }
@@ -360,6 +391,7 @@ void ConsoleSession::sendBreak()
 
 void ConsoleSession::disconnectSession()
 {
+    m_offerReconnect = false;
     // No connect check may report a time-out while the socket is closing.
     m_timer2->stop();
     if (m_kind == QLatin1String("TCP/IP") && m_sshSession) {
@@ -522,9 +554,12 @@ void ConsoleSession::onTimer2()
         if (m_countDown <= 0) {
             // Every second idle minute the device gets a harmless
             // backspace-space, so its own idle time-out never closes the line.
+            // An SSH shell is kept alive by SSH keep-alives instead: typed
+            // characters would advance a pager and litter the history.
             if (m_keepAlive != 1) {
                 m_keepAlive = 1;
-                writeNetwork("\b ");
+                if (!m_sshSession)
+                    writeNetwork("\b ");
             } else {
                 m_keepAlive = 2;
             }

@@ -33,10 +33,13 @@ class SshConnection;
 //
 // An SSH console (ConnectSSH) is a TCP/IP console in everything but its
 // transport: its connection kind is "TCP/IP", its device address is the
-// host, and once the shell is open the idle counter, keep-alive, "Connection
-// timed out" on a lost peer and "Disconnect" behave as for raw TCP. Until
-// then the SSH handshake keeps its own time limit, and a refusal is shown as
-// an "SSH Err: " line in the socket error's colour followed by ">".
+// host, and once the shell is open the idle counter and "Disconnect" behave
+// as for raw TCP; the idle keep-alive types nothing (SSH keep-alives do the
+// job). Until then the SSH handshake keeps its own time limit, and a refusal
+// is shown as an "SSH Err: " line in the socket error's colour followed by
+// ">". A shell that ends says so ("Session closed by HOST", with the exit
+// status when the channel gives one) or why it was lost, and Enter then
+// connects again.
 //
 // Nothing here touches a widget. What the terminal shows arrives as signals:
 //  - terminalAppend(text, colour): append text at the end of ConsoleBox in a
@@ -161,6 +164,7 @@ private:
     void writeNetwork(const QByteArray &bytes);
     void onSshOpened();
     void onSshFailed(const QString &message, bool timedOut);
+    void endSsh(const QString &message, quint32 colour);
     void reportTimedOut();
     void onTcpError(QAbstractSocket::SocketError error);
     void onTimer1();
@@ -174,6 +178,13 @@ private:
     ConsoleTerminal *m_terminal;
     SessionLog *m_sessionLog;
     bool m_sshSession = false;
+    bool m_offerReconnect = false;
+    struct
+    {
+        QString host;
+        quint16 port = 0;
+        QString user;
+    } m_sshTarget;
     QTimer *m_timer1;
     QTimer *m_timer2;
     QTimer *m_breakTimer;

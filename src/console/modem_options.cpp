@@ -2,6 +2,7 @@
 
 #include "console/connection_history.h"
 #include "console/console_session.h"
+#include "console/ssh_config.h"
 
 #include <QComboBox>
 #include <QFormLayout>
@@ -234,6 +235,10 @@ void ModemOptions::onOk()
                 target.user = m_userBox->text().trimmed();
                 QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"))
                     .setValue(lastUserKey, target.user);
+                // The remembered user fills the box; a User in ~/.ssh/config
+                // for the host wins over it, unless the user typed a name.
+                if (!m_userBox->isModified() && SshConfig::forHost(target.host).has(QStringLiteral("user")))
+                    target.user.clear();
             }
             connectRemembered(m_whoasked, target);
         }

@@ -1,14 +1,18 @@
 #include "ssh_connection.h"
 #include "ssh_connection_p.h"
 
+#include "console/ssh_agent_auth.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QHostInfo>
+#include <QRegularExpression>
 #include <QSocketNotifier>
 #include <QTimer>
 
 #include <libssh/libssh.h>
+#include <libssh/server.h> // ssh_send_keepalive, which clients use too
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -22,11 +26,31 @@ SshConnection::SshConnection(QObject *parent)
     : QObject(parent)
     , d(std::make_unique<State>())
     , m_handshakeTimer(new QTimer(this))
+    , m_keepAliveTimer(new QTimer(this))
 {
     m_handshakeTimer->setSingleShot(true);
-    m_handshakeTimer->setInterval(20000);
+    m_handshakeTimer->setInterval(m_handshakeTimeout);
     connect(m_handshakeTimer, &QTimer::timeout, this,
         [this] { fail(QStringLiteral("no answer from %1").arg(d->host), true); });
+    connect(m_keepAliveTimer, &QTimer::timeout, this, &SshConnection::sendKeepAlive);
+    resetAgentAuth();
+}
+
+void SshConnection::resetAgentAuth()
+{
+    m_agentAuth = new SshAgentAuth(this);
+    connect(m_agentAuth, &SshAgentAuth::finished, this, &SshConnection::onAgentFinished);
+}
+
+void SshConnection::onAgentFinished(int rc, bool timedOut)
+{
+    if (d->stage != Stage::WaitAgent)
+        return;
+    d->agentKeys = m_agentAuth->listedKeys();
+    if (timedOut)
+        Q_EMIT notice(QStringLiteral("SSH agent did not answer; trying other methods"));
+    d->stage = rc == SSH_AUTH_SUCCESS ? Stage::OpenChannel : Stage::AuthKeys;
+    step();
 }
 
 SshConnection::~SshConnection()
@@ -41,6 +65,7 @@ void SshConnection::setInteractive(bool interactive)
 
 void SshConnection::setHandshakeTimeout(int milliseconds)
 {
+    m_handshakeTimeout = milliseconds;
     m_handshakeTimer->setInterval(milliseconds);
 }
 
@@ -69,6 +94,43 @@ void SshConnection::open(const QString &host, quint16 port, const QString &user)
     // $HOME/.ssh/config (through the folder set above), then the system's.
     if (ssh_options_parse_config(d->session, nullptr) != SSH_OK)
         return fail(QStringLiteral("cannot read %1/config: %2").arg(sshDir(), libsshError()));
+    d->config = SshConfig::forHost(host);
+    // libssh reads algorithm lists literally; "+alg", "-alg" and "^alg" are
+    // applied here to its defaults, as OpenSSH applies them to its own.
+    struct Kind
+    {
+        const char *keyword;
+        ssh_options_e options[2];
+        const char *defaults;
+    };
+    static const Kind kinds[] = {
+        { "kexalgorithms", { SSH_OPTIONS_KEY_EXCHANGE, SSH_OPTIONS_KEY_EXCHANGE }, libsshDefaultKex },
+        { "hostkeyalgorithms", { SSH_OPTIONS_HOSTKEYS, SSH_OPTIONS_HOSTKEYS }, libsshDefaultHostKeys },
+        { "ciphers", { SSH_OPTIONS_CIPHERS_C_S, SSH_OPTIONS_CIPHERS_S_C }, libsshDefaultCiphers },
+        { "macs", { SSH_OPTIONS_HMAC_C_S, SSH_OPTIONS_HMAC_S_C }, libsshDefaultMacs },
+    };
+    for (const Kind &kind : kinds) {
+        const QString spec = d->config.value(QLatin1String(kind.keyword));
+        if (spec.isEmpty())
+            continue;
+        const QByteArray list = SshConfig::resolveAlgorithms(spec, QLatin1String(kind.defaults)).toLatin1();
+        for (ssh_options_e option : kind.options) {
+            if (ssh_options_set(d->session, option, list.constData()) != SSH_OK)
+                return fail(QStringLiteral("%1 %2 in %3/config: %4")
+                                .arg(QLatin1String(kind.keyword), spec, sshDir(), libsshError()));
+        }
+    }
+    if (d->config.has(QStringLiteral("requiredrsasize"))) {
+        const int bits = d->config.number(QStringLiteral("requiredrsasize"), 1024);
+        ssh_options_set(d->session, SSH_OPTIONS_RSA_MIN_SIZE, &bits);
+        if (bits < 1024)
+            Q_EMIT notice(QStringLiteral("WARNING: RSA keys of %1 bits and more are accepted for %2 "
+                                         "(RequiredRSASize); keys under 1024 bits are weak")
+                              .arg(bits)
+                              .arg(host));
+    }
+    const int connectTimeout = d->config.number(QStringLiteral("connecttimeout"), 0);
+    m_handshakeTimer->setInterval(connectTimeout > 0 ? connectTimeout * 1000 : m_handshakeTimeout);
     if (port != 0) {
         const unsigned int portValue = port;
         ssh_options_set(d->session, SSH_OPTIONS_PORT, &portValue);
@@ -172,6 +234,15 @@ void SshConnection::close()
 void SshConnection::endSession()
 {
     m_handshakeTimer->stop();
+    m_keepAliveTimer->stop();
+    ++d->loadGeneration;
+    if (m_agentAuth->running()) {
+        // The agent's thread holds the session: it frees it when it is done.
+        delete m_agentAuth;
+        resetAgentAuth();
+        d->session = nullptr;
+        d->channel = nullptr;
+    }
     // Possibly called from one of their own signals: let them go later.
     for (QSocketNotifier *notifier : { m_readNotifier, m_writeNotifier }) {
         if (notifier) {
@@ -205,8 +276,11 @@ void SshConnection::endSession()
     }
     d->stage = Stage::Idle;
     d->pending.clear();
-    d->answers.clear();
+    wipe(d->answers);
+    d->agentKeys.clear();
+    d->methodQueue.clear();
     d->passwordTries = d->kbdintRounds = 0;
+    d->keepAliveMisses = 0;
 }
 
 void SshConnection::fail(const QString &message, bool timedOut)
@@ -227,21 +301,29 @@ void SshConnection::watchSocket()
     const socket_t fd = ssh_get_fd(d->session);
     if (fd == SSH_INVALID_SOCKET)
         return;
+    if (d->stage == Stage::WaitAgent) {
+        // The agent's thread has the session; it polls the socket itself.
+        if (m_readNotifier) {
+            m_readNotifier->setEnabled(false);
+            m_writeNotifier->setEnabled(false);
+        }
+        return;
+    }
     if (!m_readNotifier) {
         m_readNotifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
         m_writeNotifier = new QSocketNotifier(fd, QSocketNotifier::Write, this);
-        connect(m_readNotifier, &QSocketNotifier::activated, this, &SshConnection::step);
+        connect(m_readNotifier, &QSocketNotifier::activated, this, [this] {
+            d->heard = true;
+            step();
+        });
         connect(m_writeNotifier, &QSocketNotifier::activated, this, &SshConnection::step);
     }
-    // While a user answers, a peer that gives up would keep the socket
-    // readable with nothing to do; the next libssh call after the answer
-    // finds out instead.
-    const bool waiting = d->stage == Stage::WaitHostKey || d->stage == Stage::WaitPassphrase
-        || d->stage == Stage::WaitKbdint || d->stage == Stage::WaitPassword;
-    m_readNotifier->setEnabled(!waiting);
-    // Writable is only news while connecting or while libssh holds output.
-    const bool wantWrite = d->stage == Stage::Connecting
-        || (ssh_get_poll_flags(d->session) & SSH_WRITE_PENDING) || !d->pending.isEmpty();
+    // While a user answers (or a key loads), what arrives is read at once
+    // (loginClosed()), so a server that gives up is reported then.
+    m_readNotifier->setEnabled(true);
+    // Writable is only news while libssh holds output (or typed bytes wait);
+    // otherwise a writable socket would spin the handshake.
+    const bool wantWrite = (ssh_get_poll_flags(d->session) & SSH_WRITE_PENDING) || !d->pending.isEmpty();
     m_writeNotifier->setEnabled(wantWrite);
 }
 
@@ -252,7 +334,34 @@ void SshConnection::step()
     if (ssh_get_poll_flags(d->session) & SSH_WRITE_PENDING)
         ssh_blocking_flush(d->session, 0);
     while (d->session && stepStage()) { }
-    watchSocket();
+    if (d->session && !loginClosed())
+        watchSocket();
+}
+
+// Whether the server ended the connection before the shell was open; if so
+// the login fails with its reason. Reads what has arrived without blocking.
+bool SshConnection::loginClosed()
+{
+    if (!d->session || d->stage == Stage::Open || d->stage == Stage::WaitAgent || d->stage < Stage::AuthNone)
+        return false;
+    const bool waiting = d->stage == Stage::WaitHostKey || d->stage == Stage::WaitPassphrase
+        || d->stage == Stage::WaitKbdint || d->stage == Stage::WaitPassword || d->stage == Stage::WaitKeys
+        || d->stage == Stage::WaitKeyLoad;
+    if (waiting) {
+        ssh_event event = ssh_event_new();
+        ssh_event_add_session(event, d->session);
+        ssh_event_dopoll(event, 0);
+        ssh_event_remove_session(event, d->session);
+        ssh_event_free(event);
+    }
+    if (ssh_is_connected(d->session) && !(ssh_get_status(d->session) & (SSH_CLOSED | SSH_CLOSED_ERROR)))
+        return false;
+    // libssh keeps the server's reason as "Received SSH_MSG_DISCONNECT: code:reason".
+    QString reason = libsshError();
+    static const QRegularExpression disconnect(QStringLiteral("^Received SSH_MSG_DISCONNECT: \\d+:"));
+    reason.remove(disconnect);
+    fail(QStringLiteral("Connection closed by %1 during login: %2").arg(d->host, reason));
+    return true;
 }
 
 // Runs the current stage once; true when it moved on to a stage that can run
@@ -267,6 +376,9 @@ bool SshConnection::stepStage()
     case Stage::WaitPassphrase:
     case Stage::WaitKbdint:
     case Stage::WaitPassword:
+    case Stage::WaitAgent:
+    case Stage::WaitKeys:
+    case Stage::WaitKeyLoad:
         return false;
     case Stage::Connecting: {
         return advance(ssh_connect(d->session), Stage::HostKey,
@@ -275,6 +387,7 @@ bool SshConnection::stepStage()
     case Stage::HostKey:
         return checkHostKey();
     case Stage::AuthNone:
+    case Stage::PrepareKeys:
     case Stage::AuthAgent:
     case Stage::AuthKeys:
     case Stage::AuthKbdint:
@@ -307,8 +420,20 @@ bool SshConnection::advance(int rc, Stage next, const QString &failure)
 bool SshConnection::openShell()
 {
     if (d->stage == Stage::OpenChannel) {
-        if (!d->channel)
+        if (!d->channel) {
             d->channel = ssh_channel_new(d->session);
+            d->exitStatus = -1;
+            d->channelCallbacks = {};
+            d->channelCallbacks.userdata = d.get();
+            // Kept as it arrives: asking for it later would wait on the network.
+            d->channelCallbacks.channel_exit_status_function
+                = [](ssh_session, ssh_channel, int status, void *state) {
+                      static_cast<State *>(state)->exitStatus = status;
+                  };
+            ssh_callbacks_init(&d->channelCallbacks);
+            if (d->channel)
+                ssh_set_channel_callbacks(d->channel, &d->channelCallbacks);
+        }
         return advance(d->channel ? ssh_channel_open_session(d->channel) : SSH_ERROR, Stage::RequestPty,
             QStringLiteral("%1 opened no session: %2").arg(d->host, QStringLiteral("%1")));
     }
@@ -320,6 +445,11 @@ bool SshConnection::openShell()
             QStringLiteral("%1 started no shell: %2").arg(d->host, QStringLiteral("%1"))))
         return false;
     m_handshakeTimer->stop();
+    const int interval = d->config.number(QStringLiteral("serveraliveinterval"), 60);
+    d->heard = true;
+    d->keepAliveMisses = 0;
+    if (interval > 0)
+        m_keepAliveTimer->start(interval * 1000);
     Q_EMIT opened();
     return d->session != nullptr; // read what has arrived already
 }
@@ -339,12 +469,41 @@ void SshConnection::readChannel()
                 more = true;
                 Q_EMIT received(QByteArray(buffer, n));
             } else if (n < 0 || ssh_channel_is_eof(d->channel) || ssh_channel_is_closed(d->channel)) {
+                const int status = d->exitStatus;
+                const QString reason = libsshError();
+                // A shell that ended closes its channel, which libssh reads
+                // as an error too; the line itself is lost only when the
+                // session is.
+                const bool broken = !ssh_is_connected(d->session)
+                    || (n < 0 && !ssh_channel_is_eof(d->channel) && !ssh_channel_is_closed(d->channel));
                 endSession();
-                Q_EMIT closed();
+                if (broken)
+                    Q_EMIT lost(QStringLiteral("Connection to %1 lost: %2").arg(d->host, reason));
+                else
+                    Q_EMIT closed(status);
                 return;
             }
         }
     }
+}
+
+void SshConnection::sendKeepAlive()
+{
+    if (d->stage != Stage::Open)
+        return;
+    if (d->heard)
+        d->keepAliveMisses = 0;
+    else if (++d->keepAliveMisses >= qMax(1, d->config.number(QStringLiteral("serveralivecountmax"), 3))) {
+        const int misses = d->keepAliveMisses;
+        endSession();
+        Q_EMIT lost(
+            QStringLiteral("Connection to %1 lost: no answer to %2 keep-alives").arg(d->host).arg(misses));
+        return;
+    }
+    d->heard = false;
+    // A global request the server must answer; its answer wakes the socket.
+    ssh_send_keepalive(d->session);
+    watchSocket();
 }
 
 void SshConnection::write(const QByteArray &bytes)

@@ -8,6 +8,7 @@
 #include <memory>
 
 class QHostInfo;
+class SshAgentAuth;
 class QSocketNotifier;
 class QTimer;
 
@@ -18,9 +19,20 @@ class QTimer;
 //
 // open() reads ~/.ssh/config for the host ("~" is $HOME, QDir::homePath(),
 // not the password database), connects, checks the host key against
-// ~/.ssh/known_hosts, authenticates (the SSH agent, then the usual key files
-// in ~/.ssh, then keyboard-interactive, then password) and opens a channel
-// with an "xterm-256color" pty of the terminal's size and a shell.
+// ~/.ssh/known_hosts, authenticates and opens a channel with an "xterm-256color" pty of
+// the terminal's size and a shell. Authentication follows OpenSSH's client:
+// PreferredAuthentications (publickey, keyboard-interactive, password by
+// default) as the *Authentication keywords allow; public keys are offered
+// agent keys first (only those of the IdentityFile keys with IdentitiesOnly),
+// then the IdentityFile keys (OpenSSH's default files when none is named)
+// the agent did not hold. The agent is asked through SshAgentAuth, key files
+// are read on a thread of their own: nothing here waits on the window's
+// thread. An agent silent past its time limit is reported through notice()
+// and the login goes on with the next method.
+//
+// An open shell is kept alive with SSH keep-alives every
+// ServerAliveInterval seconds (60 by default, 0 turns them off); a peer that
+// lets ServerAliveCountMax (3) of them go unanswered is reported lost.
 //
 // Questions go out as signals and their answers come back through the
 // answer*() calls; the handshake waits meanwhile (its time limit stops). When
@@ -32,9 +44,14 @@ class QTimer;
 //    password or the server's keyboard-interactive prompts;
 //  - opened(): the shell is up; received() then carries its output;
 //  - failed(message, timedOut): the handshake ended without a shell
-//    (refused, a changed host key, an error, or no progress within the time
-//    limit); the connection is closed;
-//  - closed(): an open shell ended (the peer left or the line died).
+//    (refused, a changed host key, an error, the server closed the
+//    connection, or no progress within the time limit); the connection is
+//    closed;
+//  - closed(exitStatus): an open shell ended normally (exit status or -1);
+//  - lost(message): an open shell's connection died (no answer to the
+//    keep-alives, or the line broke);
+//  - notice(text): something worth a line in the console that does not end
+//    the login (the agent did not answer).
 class SshConnection : public QObject
 {
     Q_OBJECT
@@ -62,8 +79,11 @@ public:
     void cancelSecrets();
 
     static void setInteractive(bool interactive);
-    // The handshake's time limit without an answer pending (20 s).
+    // The handshake's time limit without an answer pending (20 s, or
+    // ConnectTimeout).
     void setHandshakeTimeout(int milliseconds);
+    // How long the agent may take over one request (10 s).
+    void setAgentTimeout(int milliseconds) { m_agentTimeout = milliseconds; }
 
 Q_SIGNALS:
     void hostKeyQuestion(const QString &host, const QString &fingerprint);
@@ -72,12 +92,16 @@ Q_SIGNALS:
     void opened();
     void received(const QByteArray &bytes);
     void failed(const QString &message, bool timedOut);
-    void closed();
+    void closed(int exitStatus);
+    void lost(const QString &message);
+    void notice(const QString &text);
 
 private:
     struct State;
     enum class Stage;
 
+    void resetAgentAuth();
+    void onAgentFinished(int rc, bool timedOut);
     void onResolved(const QHostInfo &info);
     void onTcpConnected();
     void step();
@@ -87,7 +111,13 @@ private:
     bool advance(int rc, Stage next, const QString &failure);
     bool checkHostKey();
     bool authenticate();
+    bool nextMethod();
+    void startAgent();
+    void prepareKeys();
+    void loadPrivateKey(const QByteArray &passphrase);
     bool tryKeyFiles();
+    bool loginClosed();
+    void sendKeepAlive();
     bool keyboardInteractive();
     bool password();
     bool openShell();
@@ -101,6 +131,9 @@ private:
     bool canAsk(const char *signal) const;
     QString libsshError() const;
     QString changedKeyLine() const;
+    QString knownHostsFile() const;
+    QString knownHostsLine(bool revoked, const QString &keyText) const;
+    QString saveHostKey();
 
     std::unique_ptr<State> d;
     QSocketNotifier *m_readNotifier = nullptr;
@@ -109,6 +142,10 @@ private:
     int m_connectFd = -1; // our own socket until libssh takes it over
     int m_lookupId = -1;
     QTimer *m_handshakeTimer;
+    QTimer *m_keepAliveTimer;
+    SshAgentAuth *m_agentAuth;
+    int m_agentTimeout = 10000;
+    int m_handshakeTimeout = 20000;
     int m_columns = 80;
     int m_rows = 24;
 

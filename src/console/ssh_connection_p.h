@@ -3,11 +3,16 @@
 // What SshConnection's two source files share: its stages, its libssh
 // handles and progress, and a few path helpers. Not for use elsewhere.
 
+#include "console/ssh_config.h"
 #include "console/ssh_connection.h"
 
 #include <QDir>
 #include <QFile>
+#include <QThread>
 
+#include <memory>
+
+#include <libssh/callbacks.h>
 #include <libssh/libssh.h>
 
 enum class SshConnection::Stage {
@@ -19,7 +24,11 @@ enum class SshConnection::Stage {
     WaitHostKey,
     AuthNone,
     AuthAgent,
+    WaitAgent,
+    PrepareKeys,
+    WaitKeys,
     AuthKeys,
+    WaitKeyLoad,
     WaitPassphrase,
     AuthKbdint,
     WaitKbdint,
@@ -31,6 +40,16 @@ enum class SshConnection::Stage {
     Open,
 };
 
+// A key file offered by public key: its public half (and blob, to compare
+// with the agent's keys), and the private half once loaded.
+struct SshIdentity
+{
+    QString path;
+    QByteArray blob;
+    ssh_key publicKey = nullptr;
+    ssh_key privateKey = nullptr;
+};
+
 struct SshConnection::State
 {
     ssh_session session = nullptr;
@@ -38,25 +57,38 @@ struct SshConnection::State
     Stage stage = Stage::Idle;
     QString host; // as the user gave it
     QString user;
+    SshConfig config;
     int methods = 0; // what the server offers after "none"
-    QStringList keyFiles; // still to try
-    QString keyFile; // the one being tried
-    ssh_key publicKey = nullptr;
-    ssh_key privateKey = nullptr;
-    bool keyAccepted = false; // the server would take publicKey
+    QStringList methodQueue; // the client's methods still to try
+    QList<SshIdentity> identities; // key files still to offer; the first is current
+    QList<QByteArray> agentKeys; // offered through the agent already
+    bool keyAccepted = false; // the server would take the current key
     bool passphraseAsked = false;
+    int loadGeneration = 0; // a key load whose connection ended is dropped
+    int exitStatus = -1;
+    int keepAliveMisses = 0;
+    bool heard = false; // the peer sent something since the last keep-alive
+    ssh_channel_callbacks_struct channelCallbacks {};
     QStringList answers;
     bool answered = false;
     int passwordTries = 0;
     int kbdintRounds = 0;
     QByteArray pending; // typed bytes the channel's window has no room for yet
 
+    void dropKey()
+    {
+        if (!identities.isEmpty()) {
+            ssh_key_free(identities.first().publicKey);
+            ssh_key_free(identities.first().privateKey);
+            identities.removeFirst();
+        }
+        keyAccepted = false;
+        passphraseAsked = false;
+    }
     void dropKeys()
     {
-        ssh_key_free(publicKey);
-        ssh_key_free(privateKey);
-        publicKey = privateKey = nullptr;
-        keyAccepted = false;
+        while (!identities.isEmpty())
+            dropKey();
     }
 };
 
@@ -78,4 +110,62 @@ static inline QString takeString(char *text)
     const QString result = QString::fromUtf8(text);
     ssh_string_free_char(text);
     return result;
+}
+
+// libssh 0.10's default algorithm lists, which "+", "-" and "^" in
+// ~/.ssh/config start from (libssh has no call that returns them).
+inline constexpr char libsshDefaultKex[]
+    = "curve25519-sha256,curve25519-sha256@libssh.org,ecdh-sha2-nistp256,ecdh-sha2-nistp384,ecdh-sha2-"
+      "nistp521,"
+      "diffie-hellman-group18-sha512,diffie-hellman-group16-sha512,diffie-hellman-group-exchange-sha256,"
+      "diffie-hellman-group14-sha256";
+inline constexpr char libsshDefaultHostKeys[]
+    = "ssh-ed25519-cert-v01@openssh.com,ecdsa-sha2-nistp521-cert-v01@openssh.com,"
+      "ecdsa-sha2-nistp384-cert-v01@openssh.com,ecdsa-sha2-nistp256-cert-v01@openssh.com,"
+      "sk-ecdsa-sha2-nistp256-cert-v01@openssh.com,rsa-sha2-512-cert-v01@openssh.com,"
+      "rsa-sha2-256-cert-v01@openssh.com,ssh-ed25519,ecdsa-sha2-nistp521,ecdsa-sha2-nistp384,ecdsa-sha2-"
+      "nistp256,"
+      "sk-ssh-ed25519@openssh.com,sk-ecdsa-sha2-nistp256@openssh.com,rsa-sha2-512,rsa-sha2-256";
+inline constexpr char libsshDefaultCiphers[] = "chacha20-poly1305@openssh.com,aes256-gcm@openssh.com,"
+                                               "aes128-gcm@openssh.com,aes256-ctr,aes192-ctr,aes128-ctr";
+inline constexpr char libsshDefaultMacs[]
+    = "hmac-sha2-256-etm@openssh.com,hmac-sha2-512-etm@openssh.com,hmac-sha2-256,hmac-sha2-512";
+
+// Secrets are overwritten before their memory goes back.
+static inline void wipe(QStringList &secrets)
+{
+    for (QString &secret : secrets)
+        secret.fill(QChar(0));
+    secrets.clear();
+}
+
+static inline void wipe(QByteArray &secret)
+{
+    secret.fill('\0');
+    secret.clear();
+}
+
+// Key files read on a thread of their own; keys nobody took are freed.
+struct SshKeyBatch
+{
+    QList<SshIdentity> identities;
+    ~SshKeyBatch()
+    {
+        for (SshIdentity &identity : identities) {
+            ssh_key_free(identity.publicKey);
+            ssh_key_free(identity.privateKey);
+        }
+    }
+};
+
+// Runs work() off the window's thread, then done(result) on it while context
+// lives.
+template <typename Result, typename Work, typename Done>
+void runOffThread(QObject *context, Work work, Done done)
+{
+    auto result = std::make_shared<Result>();
+    QThread *thread = QThread::create([result, work]() mutable { work(*result); });
+    QObject::connect(thread, &QThread::finished, context, [result, done] { done(*result); });
+    QObject::connect(thread, &QThread::finished, thread, &QObject::deleteLater);
+    thread->start();
 }

@@ -1,15 +1,18 @@
 #include "ssh_connection.h"
 #include "ssh_connection_p.h"
 
+#include "console/ssh_agent_auth.h"
+
 #include <QCryptographicHash>
+#include <QFileInfo>
 #include <QMessageAuthenticationCode>
 #include <QMetaMethod>
+#include <QRandomGenerator>
 #include <QTimer>
 
 // The host key check and user authentication of SshConnection.
 
 namespace {
-constexpr int maxPasswordTries = 3;
 constexpr int maxKbdintRounds = 6;
 
 // Does a known_hosts host field name this host? Plain patterns and hashed
@@ -55,8 +58,18 @@ bool SshConnection::checkHostKey()
         fingerprint = takeString(ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, hashLength));
         ssh_clean_pubkey_hash(&hash);
     }
+    char *base64 = nullptr;
+    const QString keyText
+        = ssh_pki_export_pubkey_base64(key, &base64) == SSH_OK ? takeString(base64) : QString();
     ssh_key_free(key);
 
+    // libssh does not read markers: a revoked key would pass as unknown.
+    const QString revoked = knownHostsLine(true, keyText);
+    if (!keyText.isEmpty() && !revoked.isEmpty()) {
+        fail(QStringLiteral("the host key of %1 (%2) is revoked (@revoked at %3); refused")
+                 .arg(d->host, fingerprint, revoked));
+        return false;
+    }
     switch (ssh_session_is_known_server(d->session)) {
     case SSH_KNOWN_HOSTS_OK:
         d->stage = Stage::AuthNone;
@@ -88,10 +101,23 @@ bool SshConnection::checkHostKey()
 
 QString SshConnection::changedKeyLine() const
 {
+    const QString line = knownHostsLine(false, QString());
+    return line.isEmpty() ? QStringLiteral("the entry for this host in %1").arg(knownHostsFile()) : line;
+}
+
+QString SshConnection::knownHostsFile() const
+{
     char *path = nullptr;
-    QString file = sshDir() + QStringLiteral("/known_hosts");
     if (ssh_options_get(d->session, SSH_OPTIONS_KNOWNHOSTS, &path) == SSH_OK)
-        file = expandPath(takeString(path));
+        return expandPath(takeString(path));
+    return sshDir() + QStringLiteral("/known_hosts");
+}
+
+// "line N of FILE" of the first known_hosts entry for this host: a plain one,
+// or with `revoked` an @revoked one holding keyText; empty when none.
+QString SshConnection::knownHostsLine(bool revoked, const QString &keyText) const
+{
+    const QString file = knownHostsFile();
     char *hostName = nullptr;
     QString host = d->host;
     if (ssh_options_get(d->session, SSH_OPTIONS_HOST, &hostName) == SSH_OK)
@@ -105,15 +131,59 @@ QString SshConnection::changedKeyLine() const
         int lineNumber = 0;
         while (!known.atEnd()) {
             ++lineNumber;
-            const QStringList fields = QString::fromUtf8(known.readLine())
-                                           .simplified()
-                                           .split(QLatin1Char(' '), Qt::SkipEmptyParts);
+            QStringList fields = QString::fromUtf8(known.readLine())
+                                     .simplified()
+                                     .split(QLatin1Char(' '), Qt::SkipEmptyParts);
+            // Marker lines (@revoked, @cert-authority) are never plain entries.
+            const bool marked = fields.value(0).startsWith(QLatin1Char('@'));
+            if (marked != revoked || (revoked && fields.takeFirst() != QLatin1String("@revoked")))
+                continue;
             if (fields.size() >= 3 && !fields[0].startsWith(QLatin1Char('#'))
-                && namesHost(fields[0], hostText))
+                && (namesHost(fields[0], hostText) || (revoked && fields[0] == QLatin1String("*")))
+                && (!revoked || fields[2] == keyText))
                 return QStringLiteral("line %1 of %2").arg(lineNumber).arg(file);
         }
     }
-    return QStringLiteral("the entry for %1 in %2").arg(hostText, file);
+    return {};
+}
+
+// Appends the host's key to known_hosts, leaving every other line as it
+// was; hashed with HashKnownHosts, as OpenSSH writes it; a new file is 0600.
+// An empty result, or why it failed.
+QString SshConnection::saveHostKey()
+{
+    char *entry = nullptr;
+    if (ssh_session_export_known_hosts_entry(d->session, &entry) != SSH_OK)
+        return libsshError();
+    QByteArray line = takeString(entry).trimmed().toUtf8();
+    if (d->config.flag(QStringLiteral("hashknownhosts"), false)) {
+        const qsizetype space = line.indexOf(' ');
+        QByteArray salt(20, Qt::Uninitialized);
+        QRandomGenerator::system()->fillRange(reinterpret_cast<quint32 *>(salt.data()), salt.size() / 4);
+        const QByteArray hash
+            = QMessageAuthenticationCode::hash(line.left(space), salt, QCryptographicHash::Sha1);
+        line = "|1|" + salt.toBase64() + '|' + hash.toBase64() + line.mid(space);
+    }
+    char *path = nullptr;
+    QString name = sshDir() + QStringLiteral("/known_hosts");
+    if (ssh_options_get(d->session, SSH_OPTIONS_KNOWNHOSTS, &path) == SSH_OK)
+        name = expandPath(takeString(path));
+    QDir().mkpath(QFileInfo(name).absolutePath());
+    QFile file(name);
+    const bool existed = file.exists();
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Append))
+        return file.errorString();
+    if (file.size() > 0) {
+        // A last line without its line end gets one first.
+        file.seek(file.size() - 1);
+        if (file.read(1) != "\n")
+            line.prepend('\n');
+    }
+    if (!existed)
+        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner);
+    if (file.write(line + '\n') != line.size() + 1 || !file.flush())
+        return file.errorString();
+    return {};
 }
 
 void SshConnection::answerHostKey(HostKeyAnswer answer)
@@ -122,8 +192,11 @@ void SshConnection::answerHostKey(HostKeyAnswer answer)
         return;
     if (answer == HostKeyAnswer::Cancel)
         return fail(QStringLiteral("the host key of %1 was not accepted").arg(d->host));
-    if (answer == HostKeyAnswer::AcceptAndSave && ssh_session_update_known_hosts(d->session) != SSH_OK)
-        return fail(QStringLiteral("cannot save the host key of %1: %2").arg(d->host, libsshError()));
+    if (answer == HostKeyAnswer::AcceptAndSave) {
+        const QString error = saveHostKey();
+        if (!error.isEmpty())
+            return fail(QStringLiteral("cannot save the host key of %1: %2").arg(d->host, error));
+    }
     d->stage = Stage::AuthNone;
     m_handshakeTimer->start();
     QTimer::singleShot(0, this, &SshConnection::step);
@@ -133,7 +206,7 @@ void SshConnection::askSecrets(
     const QString &title, const QString &instruction, const QStringList &prompts, const QList<bool> &echo)
 {
     d->answered = false;
-    d->answers.clear();
+    wipe(d->answers);
     m_handshakeTimer->stop();
     Q_EMIT secretsRequested(title, instruction, prompts, echo);
 }
@@ -160,52 +233,35 @@ void SshConnection::cancelSecrets()
 
 bool SshConnection::authenticate()
 {
-    auto succeeded = [this] {
-        d->stage = Stage::OpenChannel;
-        return true;
-    };
     switch (d->stage) {
     case Stage::AuthNone: {
         const int rc = ssh_userauth_none(d->session, nullptr);
         if (rc == SSH_AUTH_AGAIN)
             return false;
-        if (rc == SSH_AUTH_SUCCESS)
-            return succeeded();
+        if (rc == SSH_AUTH_SUCCESS) {
+            d->stage = Stage::OpenChannel;
+            return true;
+        }
         if (rc == SSH_AUTH_ERROR) {
-            fail(QStringLiteral("authentication error: %1").arg(libsshError()));
+            if (!loginClosed())
+                fail(QStringLiteral("authentication error: %1").arg(libsshError()));
             return false;
         }
         d->methods = ssh_userauth_list(d->session, nullptr);
-        d->keyFiles.clear();
-        char *identity = nullptr;
-        if (ssh_options_get(d->session, SSH_OPTIONS_IDENTITY, &identity) == SSH_OK)
-            d->keyFiles << expandPath(takeString(identity));
-        for (const char *name : { "id_ed25519", "id_ecdsa", "id_rsa" }) {
-            const QString path = sshDir() + QLatin1Char('/') + QLatin1String(name);
-            if (!d->keyFiles.contains(path))
-                d->keyFiles << path;
-        }
-        d->stage = Stage::AuthAgent;
-        return true;
-    }
-    case Stage::AuthAgent: {
-        if (!(d->methods & SSH_AUTH_METHOD_PUBLICKEY) || !qEnvironmentVariableIsSet("SSH_AUTH_SOCK")) {
-            d->stage = Stage::AuthKeys;
+        d->methodQueue = d->config.authMethods();
+        if (d->methodQueue.contains(QLatin1String("publickey")) && (d->methods & SSH_AUTH_METHOD_PUBLICKEY)) {
+            d->stage = Stage::PrepareKeys;
             return true;
         }
-        const int rc = ssh_userauth_agent(d->session, nullptr);
-        if (rc == SSH_AUTH_AGAIN)
-            return false;
-        if (rc == SSH_AUTH_SUCCESS)
-            return succeeded();
-        d->stage = Stage::AuthKeys;
-        return true;
+        return nextMethod();
     }
+    case Stage::PrepareKeys:
+        prepareKeys();
+        return false;
+    case Stage::AuthAgent:
+        startAgent();
+        return false;
     case Stage::AuthKeys:
-        if (!(d->methods & SSH_AUTH_METHOD_PUBLICKEY)) {
-            d->stage = Stage::AuthKbdint;
-            return true;
-        }
         return tryKeyFiles();
     case Stage::AuthKbdint:
         return keyboardInteractive();
@@ -216,86 +272,187 @@ bool SshConnection::authenticate()
     }
 }
 
-// One step through the key files; true when the stage moved on (to the next
-// method, or to OpenChannel on success).
+// On to the next method of the client's list that the server takes; false
+// (and the login refused) when none is left.
+bool SshConnection::nextMethod()
+{
+    while (!d->methodQueue.isEmpty()) {
+        const QString method = d->methodQueue.takeFirst();
+        if (method == QLatin1String("publickey") && (d->methods & SSH_AUTH_METHOD_PUBLICKEY))
+            d->stage = Stage::AuthAgent;
+        else if (method == QLatin1String("keyboard-interactive")
+            && (d->methods & SSH_AUTH_METHOD_INTERACTIVE))
+            d->stage = Stage::AuthKbdint;
+        else if (method == QLatin1String("password") && (d->methods & SSH_AUTH_METHOD_PASSWORD))
+            d->stage = Stage::AuthPassword;
+        else
+            continue;
+        return true;
+    }
+    if (!loginClosed())
+        fail(QStringLiteral("authentication refused for %1@%2").arg(d->user, d->host));
+    return false;
+}
+
+// The public halves of the IdentityFile keys, read off the window's thread
+// (a home folder on a slow file server must not freeze it).
+void SshConnection::prepareKeys()
+{
+    d->stage = Stage::WaitKeys;
+    const QStringList files = d->config.identityFiles();
+    const int generation = d->loadGeneration;
+    runOffThread<SshKeyBatch>(
+        this,
+        [files](SshKeyBatch &batch) {
+            for (const QString &file : files) {
+                SshIdentity identity;
+                identity.path = file;
+                const QByteArray path = QFile::encodeName(file);
+                if (ssh_pki_import_pubkey_file((path + ".pub").constData(), &identity.publicKey) != SSH_OK) {
+                    // No .pub beside it: the key itself, if it opens without a passphrase.
+                    if (ssh_pki_import_privkey_file(
+                            path.constData(), nullptr, nullptr, nullptr, &identity.privateKey)
+                            != SSH_OK
+                        || ssh_pki_export_privkey_to_pubkey(identity.privateKey, &identity.publicKey)
+                            != SSH_OK) {
+                        ssh_key_free(identity.privateKey);
+                        continue; // an encrypted key without its .pub is not offered
+                    }
+                }
+                char *base64 = nullptr;
+                if (ssh_pki_export_pubkey_base64(identity.publicKey, &base64) == SSH_OK)
+                    identity.blob = QByteArray::fromBase64(takeString(base64).toLatin1());
+                batch.identities << identity;
+            }
+        },
+        [this, generation](SshKeyBatch &batch) {
+            if (generation != d->loadGeneration || d->stage != Stage::WaitKeys)
+                return;
+            d->identities.swap(batch.identities);
+            if (nextMethod())
+                step();
+        });
+}
+
+void SshConnection::startAgent()
+{
+    QString agent = d->config.value(QStringLiteral("identityagent"), QStringLiteral("SSH_AUTH_SOCK"));
+    if (agent == QLatin1String("SSH_AUTH_SOCK"))
+        agent = qEnvironmentVariable("SSH_AUTH_SOCK");
+    else if (agent.compare(QLatin1String("none"), Qt::CaseInsensitive) == 0)
+        agent.clear();
+    else
+        agent = expandPath(agent);
+    if (agent.isEmpty()) {
+        d->stage = Stage::AuthKeys;
+        return step();
+    }
+    QList<QByteArray> only;
+    for (const SshIdentity &identity : std::as_const(d->identities))
+        only << identity.blob;
+    d->stage = Stage::WaitAgent;
+    watchSocket();
+    m_handshakeTimer->start();
+    m_agentAuth->start(d->session, agent, m_agentTimeout,
+        d->config.flag(QStringLiteral("identitiesonly"), false) ? &only : nullptr);
+}
+
+// The private half of the current key, read (and decrypted) off the
+// window's thread; then on with AuthKeys, a passphrase question, or the next
+// key.
+void SshConnection::loadPrivateKey(const QByteArray &passphrase)
+{
+    d->stage = Stage::WaitKeyLoad;
+    const QString file = d->identities.first().path;
+    const int generation = d->loadGeneration;
+    runOffThread<SshKeyBatch>(
+        this,
+        [file, secret = QByteArray(passphrase)](SshKeyBatch &batch) mutable {
+            SshIdentity identity;
+            if (ssh_pki_import_privkey_file(QFile::encodeName(file).constData(),
+                    secret.isNull() ? nullptr : secret.constData(), nullptr, nullptr, &identity.privateKey)
+                == SSH_OK)
+                batch.identities << identity;
+            wipe(secret);
+        },
+        [this, generation, file](SshKeyBatch &batch) {
+            if (generation != d->loadGeneration || d->stage != Stage::WaitKeyLoad)
+                return;
+            if (!batch.identities.isEmpty()) {
+                std::swap(d->identities.first().privateKey, batch.identities.first().privateKey);
+                d->stage = Stage::AuthKeys;
+            } else if (canAsk("secrets") && !d->passphraseAsked) {
+                d->passphraseAsked = true;
+                d->stage = Stage::WaitPassphrase;
+                askSecrets(QStringLiteral("Passphrase"), QString(),
+                    { QStringLiteral("Passphrase for key %1:").arg(file) }, { false });
+            } else {
+                d->dropKey();
+                d->stage = Stage::AuthKeys;
+            }
+            step();
+        });
+}
+
+// One step through the key files the agent did not hold; true when the stage
+// moved on (to the next method, or to OpenChannel on success).
 bool SshConnection::tryKeyFiles()
 {
     for (;;) {
-        if (!d->publicKey && !d->privateKey) {
-            if (d->keyFiles.isEmpty()) {
-                d->stage = Stage::AuthKbdint;
-                return true;
-            }
-            d->keyFile = d->keyFiles.takeFirst();
-            d->passphraseAsked = false;
-            if (!QFileInfo::exists(d->keyFile))
-                continue;
-            const QByteArray path = QFile::encodeName(d->keyFile);
-            if (ssh_pki_import_pubkey_file((path + ".pub").constData(), &d->publicKey) != SSH_OK) {
-                // No .pub beside it: the key itself, if it opens without a passphrase.
-                if (ssh_pki_import_privkey_file(path.constData(), nullptr, nullptr, nullptr, &d->privateKey)
-                        != SSH_OK
-                    || ssh_pki_export_privkey_to_pubkey(d->privateKey, &d->publicKey) != SSH_OK) {
-                    d->dropKeys();
-                    continue; // an encrypted key without its .pub is not offered
-                }
-            }
+        if (d->identities.isEmpty())
+            return nextMethod();
+        SshIdentity &identity = d->identities.first();
+        if (d->agentKeys.contains(identity.blob) && !identity.blob.isEmpty()) {
+            d->dropKey();
+            continue;
         }
         if (!d->keyAccepted) {
-            const int rc = ssh_userauth_try_publickey(d->session, nullptr, d->publicKey);
+            const int rc = ssh_userauth_try_publickey(d->session, nullptr, identity.publicKey);
             if (rc == SSH_AUTH_AGAIN)
                 return false;
             if (rc != SSH_AUTH_SUCCESS) {
-                d->dropKeys();
+                d->dropKey();
+                if (loginClosed())
+                    return false;
                 continue;
             }
             d->keyAccepted = true;
         }
-        if (!d->privateKey) {
-            const QByteArray path = QFile::encodeName(d->keyFile);
-            const QByteArray passphrase = d->answered ? d->answers.value(0).toUtf8() : QByteArray();
-            const bool opened
-                = ssh_pki_import_privkey_file(path.constData(),
-                      d->answered ? passphrase.constData() : nullptr, nullptr, nullptr, &d->privateKey)
-                == SSH_OK;
+        if (!identity.privateKey) {
+            QByteArray passphrase;
+            if (d->answered)
+                passphrase = d->answers.value(0).toUtf8();
             d->answered = false;
-            d->answers.clear();
-            if (!opened) {
-                d->privateKey = nullptr;
-                if (!canAsk("secrets") || d->passphraseAsked) {
-                    d->dropKeys();
-                    continue;
-                }
-                d->passphraseAsked = true;
-                d->stage = Stage::WaitPassphrase;
-                askSecrets(QStringLiteral("Passphrase"), QString(),
-                    { QStringLiteral("Passphrase for key %1:").arg(d->keyFile) }, { false });
-                return false;
-            }
+            wipe(d->answers);
+            loadPrivateKey(passphrase);
+            wipe(passphrase);
+            return false;
         }
-        const int rc = ssh_userauth_publickey(d->session, nullptr, d->privateKey);
+        const int rc = ssh_userauth_publickey(d->session, nullptr, identity.privateKey);
         if (rc == SSH_AUTH_AGAIN)
             return false;
-        d->dropKeys();
+        d->dropKey();
         if (rc == SSH_AUTH_SUCCESS) {
             d->stage = Stage::OpenChannel;
             return true;
         }
+        if (loginClosed())
+            return false;
     }
 }
 
 bool SshConnection::keyboardInteractive()
 {
-    if (!(d->methods & SSH_AUTH_METHOD_INTERACTIVE) || !canAsk("secrets")
-        || d->kbdintRounds >= maxKbdintRounds) {
-        d->stage = Stage::AuthPassword;
-        return true;
-    }
+    if (!canAsk("secrets") || d->kbdintRounds >= maxKbdintRounds)
+        return nextMethod();
     if (d->answered) {
-        for (int i = 0; i < d->answers.size(); ++i)
-            ssh_userauth_kbdint_setanswer(d->session, unsigned(i), d->answers[i].toUtf8().constData());
+        for (int i = 0; i < d->answers.size(); ++i) {
+            QByteArray answer = d->answers[i].toUtf8();
+            ssh_userauth_kbdint_setanswer(d->session, unsigned(i), answer.constData());
+            wipe(answer);
+        }
         d->answered = false;
-        d->answers.clear();
+        wipe(d->answers);
     }
     const int rc = ssh_userauth_kbdint(d->session, nullptr, nullptr);
     if (rc == SSH_AUTH_AGAIN)
@@ -322,38 +479,39 @@ bool SshConnection::keyboardInteractive()
             QString::fromUtf8(ssh_userauth_kbdint_getinstruction(d->session)), prompts, echo);
         return false;
     }
-    // Refused: a new round (a mistyped answer), a few times; then passwords.
+    if (loginClosed())
+        return false;
+    // Refused: a new round (a mistyped answer), a few times; then the next method.
     d->kbdintRounds += rc == SSH_AUTH_ERROR ? maxKbdintRounds : 2;
     return true;
 }
 
 bool SshConnection::password()
 {
-    const auto refused = [this] {
-        fail(QStringLiteral("authentication refused for %1@%2").arg(d->user, d->host));
-        return false;
-    };
-    if (!(d->methods & SSH_AUTH_METHOD_PASSWORD) || !canAsk("secrets"))
-        return refused();
+    if (!canAsk("secrets"))
+        return nextMethod();
     if (!d->answered) {
-        if (d->passwordTries >= maxPasswordTries)
-            return refused();
+        if (d->passwordTries >= d->config.number(QStringLiteral("numberofpasswordprompts"), 3))
+            return nextMethod();
         ++d->passwordTries;
         d->stage = Stage::WaitPassword;
         askSecrets(QStringLiteral("Password"), QString(),
             { QStringLiteral("Password for %1@%2:").arg(d->user, d->host) }, { false });
         return false;
     }
-    const QByteArray secret = d->answers.value(0).toUtf8();
+    QByteArray secret = d->answers.value(0).toUtf8();
     const int rc = ssh_userauth_password(d->session, nullptr, secret.constData());
+    wipe(secret);
     if (rc == SSH_AUTH_AGAIN)
         return false;
     d->answered = false;
-    d->answers.clear();
+    wipe(d->answers);
     if (rc == SSH_AUTH_SUCCESS) {
         d->stage = Stage::OpenChannel;
         return true;
     }
+    if (loginClosed())
+        return false;
     if (rc == SSH_AUTH_ERROR) {
         fail(QStringLiteral("authentication error: %1").arg(libsshError()));
         return false;

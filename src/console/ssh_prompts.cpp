@@ -21,6 +21,7 @@ void askHostKey(QWidget *parent, SshConnection *ssh, const QString &host, const 
             .arg(host, fingerprint),
         QMessageBox::NoButton, parent);
     box->setObjectName(QStringLiteral("SshHostKeyQuestion"));
+    box->setTextFormat(Qt::PlainText);
     box->setAttribute(Qt::WA_DeleteOnClose);
     QPushButton *save = box->addButton(QStringLiteral("Accept and save"), QMessageBox::AcceptRole);
     QPushButton *once = box->addButton(QStringLiteral("Accept once"), QMessageBox::YesRole);
@@ -47,14 +48,21 @@ void askSecrets(QWidget *parent, SshConnection *ssh, const QString &title, const
     dialog->setWindowTitle(QStringLiteral("Tarnwick - %1").arg(title));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     auto *layout = new QVBoxLayout(dialog);
+    // Names, instructions and prompts come from the server: shown as plain
+    // text, so no server can put rich text (links, images) in the dialog.
+    const auto plainLabel = [dialog](const QString &text) {
+        auto *label = new QLabel(text, dialog);
+        label->setTextFormat(Qt::PlainText);
+        return label;
+    };
     if (!instruction.isEmpty())
-        layout->addWidget(new QLabel(instruction, dialog));
+        layout->addWidget(plainLabel(instruction));
     auto *form = new QFormLayout;
     QList<QLineEdit *> edits;
     for (int i = 0; i < prompts.size(); ++i) {
         auto *edit = new QLineEdit(dialog);
         edit->setEchoMode(echo.value(i) ? QLineEdit::Normal : QLineEdit::Password);
-        form->addRow(new QLabel(prompts[i], dialog), edit);
+        form->addRow(plainLabel(prompts[i]), edit);
         edits << edit;
     }
     layout->addLayout(form);

@@ -6,10 +6,13 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QRandomGenerator>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +21,11 @@ namespace {
 int wireNumber(const QByteArray &datagram)
 {
     return (static_cast<unsigned char>(datagram[2]) << 8) | static_cast<unsigned char>(datagram[3]);
+}
+
+bool diskFull(int error)
+{
+    return error == ENOSPC || error == EDQUOT || error == EFBIG || error == EIO;
 }
 
 } // namespace
@@ -31,9 +39,7 @@ StandardTransfer::StandardTransfer(bool read, const TftpOptions::Negotiation &op
 StandardTransfer::~StandardTransfer()
 {
     if (m_fd >= 0)
-        ::close(m_fd);
-    if (!m_tempPath.isEmpty())
-        ::unlink(m_tempPath.constData()); // never committed: the old file stays as it was
+        ::close(m_fd); // a read's file; an upload never committed is dropped by UploadFile
 }
 
 std::unique_ptr<StandardTransfer> StandardTransfer::forRead(
@@ -44,15 +50,14 @@ std::unique_ptr<StandardTransfer> StandardTransfer::forRead(
     t->m_netascii = netascii;
     t->m_size = size;
     if (netascii) {
-        // Text files are small; translating the whole file once keeps block
-        // offsets simple, since netascii changes the length.
-        QByteArray local(size, Qt::Uninitialized);
-        local.resize(readAt(fd, local.data(), size, 0));
-        t->m_text = TftpOptions::toNetascii(local);
-        t->m_size = t->m_text.size();
+        // The wire length is only known once the file has been read through.
+        t->m_lastBlock = std::numeric_limits<qint64>::max();
+        t->m_cursors[1] = TextCursor {};
+    } else {
+        t->m_total = size;
+        t->m_lastBlock = size / options.blockSize + 1; // the last block is short, or empty
+        t->m_lastLength = size % options.blockSize;
     }
-    t->m_total = t->m_size;
-    t->m_lastBlock = t->m_size / options.blockSize + 1; // the last block is short, or empty
     return t;
 }
 
@@ -67,23 +72,11 @@ std::unique_ptr<StandardTransfer> StandardTransfer::forWrite(const QString &targ
         t->m_capture = capture;
         return t;
     }
-    const QFileInfo target(targetPath);
-    QByteArray pattern = QFile::encodeName(
-        target.absolutePath() + QLatin1String("/.") + target.fileName() + QLatin1String(".XXXXXX"));
-    const int fd = ::mkstemp(pattern.data());
-    if (fd < 0) {
+    if (!t->m_upload.open(targetPath)) {
         if (errorText)
-            *errorText = QString::fromLocal8Bit(std::strerror(errno));
+            *errorText = QString::fromLocal8Bit(std::strerror(t->m_upload.errorNumber()));
         return nullptr;
     }
-    // A new file gets the usual permissions, a replaced one keeps its own.
-    struct stat st;
-    const mode_t mode
-        = ::stat(QFile::encodeName(targetPath).constData(), &st) == 0 ? st.st_mode & 07777 : 0644;
-    ::fchmod(fd, mode);
-    t->m_fd = fd;
-    t->m_tempPath = pattern;
-    t->m_targetPath = QFile::encodeName(targetPath);
     return t;
 }
 
@@ -98,33 +91,117 @@ void StandardTransfer::start()
         return;
     }
     if (m_read) {
-        sendWindow();
+        sendWindow(1);
     } else {
         m_lastAck = TftpOptions::ack(0);
         m_send(m_lastAck);
     }
 }
 
-void StandardTransfer::sendWindow()
+void StandardTransfer::sendWindow(qint64 from)
 {
-    const qint64 end = qMin(m_acked + m_options.windowSize, m_lastBlock);
-    for (qint64 block = m_acked + 1; block <= end; ++block)
-        sendBlock(block);
-    m_sentUpTo = qMax(m_sentUpTo, end);
+    const qint64 end = m_acked + m_options.windowSize;
+    const int segment = 4 + m_options.blockSize;
+    // Up to 64 KB of datagrams go out in one call where a batch sender is set.
+    const int perBatch = qMin(maxBatch, 65000 / segment);
+    if (!m_sendBatch || perBatch < 2 || end == from) {
+        // The last block may turn up (netascii, a shrunk file) while the window is made.
+        for (qint64 block = from; block <= end && block <= m_lastBlock; ++block) {
+            sendBlock(block);
+            m_sentUpTo = qMax(m_sentUpTo, block);
+        }
+        return;
+    }
+    m_batch.clear();
+    int count = 0;
+    const auto flush = [&] {
+        if (count == 1)
+            m_send(m_batch);
+        else if (count > 1)
+            m_sendBatch(m_batch, segment);
+        m_batch.clear();
+        count = 0;
+    };
+    for (qint64 block = from; block <= end && block <= m_lastBlock; ++block) {
+        makeBlock(block);
+        m_batch += m_buffer;
+        ++count;
+        m_sentUpTo = qMax(m_sentUpTo, block);
+        if (count == perBatch || m_buffer.size() < segment)
+            flush();
+    }
+    flush();
 }
 
 void StandardTransfer::sendBlock(qint64 block)
 {
-    const qint64 offset = (block - 1) * m_options.blockSize;
-    const qint64 length = qBound(qint64(0), m_size - offset, qint64(m_options.blockSize));
-    if (m_netascii) {
-        TftpOptions::data(m_buffer, block, m_text.constData() + offset, int(length));
-    } else {
-        TftpOptions::data(m_buffer, block, nullptr, int(length));
-        m_buffer.resize(
-            4 + readAt(m_fd, m_buffer.data() + 4, length, offset)); // a shrunk file sends what is there
-    }
+    makeBlock(block);
     m_send(m_buffer);
+}
+
+void StandardTransfer::makeBlock(qint64 block)
+{
+    const int blockSize = m_options.blockSize;
+    qint64 length;
+    if (m_netascii) {
+        TftpOptions::data(m_buffer, block, nullptr, blockSize);
+        length = fillText(block, m_buffer.data() + 4);
+    } else {
+        const qint64 offset = (block - 1) * blockSize;
+        const qint64 expected = qBound(qint64(0), m_size - offset, qint64(blockSize));
+        TftpOptions::data(m_buffer, block, nullptr, int(expected));
+        length = readAt(m_fd, m_buffer.data() + 4, expected, offset);
+        if (length < expected) {
+            // The file shrank under us: this short block is the last one, and
+            // its ACK ends the transfer instead of asking for more.
+            m_lastBlock = block;
+            m_size = offset + length;
+            m_total = m_size;
+        }
+    }
+    if (length < blockSize && block <= m_lastBlock) {
+        m_lastBlock = block;
+        m_lastLength = length;
+    }
+    m_buffer.resize(4 + length);
+}
+
+qint64 StandardTransfer::fillText(qint64 block, char *into)
+{
+    // Every block of the window has its cursor; the block after it gets one
+    // here, so a window is re-sent from where each of its blocks began.
+    const auto it = m_cursors.find(block);
+    if (it == m_cursors.end())
+        return 0;
+    TextCursor cursor = it->second;
+    const int blockSize = m_options.blockSize;
+    qint64 out = 0;
+    if (cursor.carrying) {
+        into[out++] = cursor.carry;
+        cursor.carrying = false;
+    }
+    // At most blockSize file bytes are needed: each gives at least one wire byte.
+    m_fileBuffer.resize(blockSize);
+    const qint64 got = readAt(m_fd, m_fileBuffer.data(), blockSize - out, cursor.offset);
+    qint64 used = 0;
+    while (used < got && out < blockSize) {
+        const char c = m_fileBuffer[used++];
+        if (c == '\n' || c == '\r') {
+            into[out++] = '\r';
+            const char second = c == '\n' ? '\n' : '\0';
+            if (out < blockSize) {
+                into[out++] = second;
+            } else {
+                cursor.carry = second;
+                cursor.carrying = true;
+            }
+        } else {
+            into[out++] = c;
+        }
+    }
+    cursor.offset += used;
+    m_cursors[block + 1] = cursor;
+    return out;
 }
 
 StandardTransfer::Outcome StandardTransfer::onAck(const QByteArray &datagram)
@@ -138,24 +215,35 @@ StandardTransfer::Outcome StandardTransfer::onAck(const QByteArray &datagram)
         m_oackPending = false;
         m_tries = 0;
         ++m_advances;
-        sendWindow();
+        sendWindow(1);
         return Outcome::Running;
     }
     // Which outstanding block the ACK names, counting on from the last one
-    // acknowledged; anything else (a duplicate, a stale or future number) is
-    // ignored, so a duplicate ACK never re-sends.
+    // acknowledged; a stale or future number is ignored.
     const qint64 ahead = (number - TftpOptions::wireBlock(m_acked)) & 0xffff;
-    if (ahead == 0 || m_acked + ahead > m_sentUpTo)
+    if (ahead == 0) {
+        // The client timed out waiting for a window it lost: resume at once
+        // rather than on our own timeout, but only once per window.
+        if (m_sentUpTo > m_acked && !m_resentWindow) {
+            m_resentWindow = true;
+            sendWindow(m_acked + 1);
+        }
+        return Outcome::Running;
+    }
+    if (m_acked + ahead > m_sentUpTo)
         return Outcome::Running;
     m_acked += ahead;
+    m_resentWindow = false;
     m_tries = 0;
     ++m_advances;
-    m_bytes = qMin(m_acked * m_options.blockSize, m_size);
+    m_cursors.erase(m_cursors.begin(), m_cursors.lower_bound(m_acked + 1));
     if (m_acked == m_lastBlock) {
+        m_bytes = (m_lastBlock - 1) * m_options.blockSize + m_lastLength;
         m_done = true;
         return Outcome::Finished;
     }
-    sendWindow();
+    m_bytes = m_acked * m_options.blockSize;
+    sendWindow(m_acked + 1); // an ACK inside the window re-sends from the block after it
     return Outcome::Running;
 }
 
@@ -167,7 +255,7 @@ StandardTransfer::Outcome StandardTransfer::onData(const QByteArray &datagram)
     const qsizetype size = datagram.size() - 4;
     if (number != TftpOptions::wireBlock(m_received + 1)) {
         // The sender missed our ACK and repeats its block: acknowledge it
-        // again (including the final block while the slot is held).
+        // again (including the final block after the transfer has ended).
         if (m_received > 0 && number == TftpOptions::wireBlock(m_received))
             m_send(TftpOptions::ack(m_received));
         return m_done ? Outcome::Finished : Outcome::Running;
@@ -190,10 +278,17 @@ StandardTransfer::Outcome StandardTransfer::onData(const QByteArray &datagram)
     if (!final)
         m_send(m_lastAck);
     const QByteArray wire = QByteArray::fromRawData(datagram.constData() + 4, size);
-    if (!store(m_netascii ? m_decoder.feed(wire) : wire) || (final && !commit()))
+    if (!store(m_netascii ? m_decoder.feed(wire) : wire))
         return failWith(
             TftpOptions::DiskFull, "Disk full or allocation exceeded", QStringLiteral("DISK FULL"));
     if (final) {
+        const int error = commit();
+        if (error != 0 && diskFull(error))
+            return failWith(
+                TftpOptions::DiskFull, "Disk full or allocation exceeded", QStringLiteral("DISK FULL"));
+        if (error != 0) // a sticky folder, a folder in the target's place, a read-only mount
+            return failWith(
+                TftpOptions::AccessViolation, "Access violation", QStringLiteral("ACCESS VIOLATION"));
         m_done = true;
         m_send(m_lastAck);
     }
@@ -213,7 +308,7 @@ StandardTransfer::Outcome StandardTransfer::onTimeout()
         if (m_oackPending)
             m_send(TftpOptions::oack(m_options.acknowledged));
         else
-            sendWindow();
+            sendWindow(m_acked + 1);
     } else {
         m_send(m_lastAck);
     }
@@ -235,40 +330,23 @@ bool StandardTransfer::store(const QByteArray &local)
             m_capture->CaptureData(local);
         return true;
     }
-    qint64 done = 0;
-    while (done < local.size()) {
-        const ssize_t n = ::write(m_fd, local.constData() + done, size_t(local.size() - done));
-        if (n <= 0)
-            return false;
-        done += n;
-    }
-    return true;
+    return m_upload.write(local.constData(), local.size());
 }
 
-bool StandardTransfer::commit()
+int StandardTransfer::commit()
 {
     if (m_netascii) {
         const QByteArray tail = m_decoder.finish();
         if (!tail.isEmpty() && !store(tail))
-            return false;
+            return m_upload.errorNumber() ? m_upload.errorNumber() : ENOSPC;
     }
-    if (m_capture)
-        return true;
-    const bool ok = ::close(m_fd) == 0 && ::rename(m_tempPath.constData(), m_targetPath.constData()) == 0;
-    m_fd = -1;
-    if (ok)
-        m_tempPath.clear();
-    return ok;
+    if (m_capture || m_upload.commit())
+        return 0;
+    return m_upload.errorNumber() ? m_upload.errorNumber() : EIO;
 }
 
 void StandardTransfer::discard()
 {
-    if (m_read)
-        return;
-    if (m_fd >= 0)
-        ::close(m_fd);
-    m_fd = -1;
-    if (!m_tempPath.isEmpty())
-        ::unlink(m_tempPath.constData());
-    m_tempPath.clear();
+    if (!m_read)
+        m_upload.discard();
 }

@@ -2,6 +2,7 @@
 
 #include "access/access_list.h"
 #include "access/check_access.h"
+#include "access/served_path.h"
 #include "tftp/capture_sink.h"
 #include "tftp/file_blocks.h"
 #include "tftp/tftp_packet.h"
@@ -9,7 +10,6 @@
 #include "tftp/transfer_monitor.h"
 
 #include <QFile>
-#include <QFileInfo>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -49,11 +49,6 @@ private:
     int m_fd;
 };
 
-QString joinPath(const QString &folder, const QString &name)
-{
-    return folder + QLatin1Char('/') + name;
-}
-
 } // namespace
 
 void TftpServer::trace(int slot)
@@ -79,15 +74,9 @@ void TftpServer::trace(int slot)
 void TftpServer::handleDatagram(int s, const QByteArray &datagram, const QHostAddress &sender,
     quint16 senderPort, const QHostAddress &destination)
 {
-    // The profile is chosen per request: a running standard transfer keeps
-    // its profile even if the switch changes meanwhile.
     const Slot &slot = m_slots[s];
-    if (slot.standard)
-        return handleStandardDatagram(s, datagram, sender, senderPort);
     if (slot.tag == Tag::Blocking)
         return;
-    if (slot.tag == Tag::Null && m_standard)
-        return handleStandardRequest(s, datagram, sender, senderPort, destination);
     dispatch(s, datagram, sender, senderPort, destination);
     // The trace line is written after the reply has gone out, so the client
     // can already work on it: it is never read, only its one line per
@@ -146,7 +135,7 @@ void TftpServer::handleRequest(int s, int opcode, const QByteArray &datagram, co
         return;
     }
 
-    const QString fullPath = joinPath(m_acl->entry(row).folder, fileName);
+    const QString fullPath = ServedPath::join(m_acl->entry(row).folder, fileName);
     slot.filePath = fullPath;
     slot.nativePath = QFile::encodeName(fullPath);
 
@@ -210,7 +199,8 @@ int TftpServer::decideAccess(
           };
     AccessVeto veto;
     if (m_confine) {
-        veto = [this, &fileName](int row) { return pathStaysInside(m_acl->entry(row).folder, fileName); };
+        veto = [this, &fileName](
+                   int row) { return ServedPath::staysInside(m_acl->entry(row).folder, fileName); };
     }
     QString failure;
     const int row = CheckAccess(*m_acl, request, record, veto, &failure);
@@ -387,30 +377,4 @@ void TftpServer::handleError(int s, const QByteArray &datagram)
     setSocketColumn(s, TransferMonitor::LocalPort, QStringLiteral("ERROR"));
     setSocketColumn(s, TransferMonitor::SocketError, text);
     HoldSlot(s);
-}
-
-bool TftpServer::pathStaysInside(const QString &folder, const QString &name) const
-{
-    if (folder.isEmpty() || name.isEmpty() || name.startsWith(QLatin1Char('/')))
-        return false;
-    const QStringList parts = name.split(QLatin1Char('/'));
-    if (parts.contains(QStringLiteral("..")))
-        return false;
-    const QString root = QFileInfo(folder).canonicalFilePath();
-    if (root.isEmpty())
-        return false;
-    // Links are followed: the file (or, for a new upload, its folder) must
-    // resolve to somewhere under the access row's folder.
-    const QFileInfo target(joinPath(folder, name));
-    QString resolved = target.canonicalFilePath();
-    if (resolved.isEmpty()) {
-        if (target.isSymLink())
-            return false; // a dangling link could be created anywhere
-        resolved = QFileInfo(target.absolutePath()).canonicalFilePath();
-        if (resolved.isEmpty())
-            return false;
-        resolved += QLatin1Char('/') + target.fileName();
-    }
-    const QString prefix = root.endsWith(QLatin1Char('/')) ? root : root + QLatin1Char('/');
-    return resolved.startsWith(prefix) && resolved.size() > prefix.size();
 }

@@ -31,17 +31,21 @@ std::optional<Request> parseRequest(const QByteArray &datagram)
     QList<QByteArray> fields;
     qsizetype at = 2;
     while (at < datagram.size()) {
-        const qsizetype end = datagram.indexOf('\0', at);
+        // A last field without its terminator counts as if it had one, as tftp-hpa reads it.
+        qsizetype end = datagram.indexOf('\0', at);
         if (end < 0)
-            return std::nullopt; // a field without its terminator
+            end = datagram.size();
         fields.append(datagram.mid(at, end - at));
         at = end + 1;
     }
-    // name, mode, then whole pairs; some clients pad with one empty field.
+    // name, mode, then pairs; some clients pad with one empty field, and an
+    // option without its value is read with an empty one (and so left out).
     if (fields.size() % 2 == 1 && fields.size() > 2 && fields.last().isEmpty())
         fields.removeLast();
-    if (fields.size() < 2 || fields.size() % 2 != 0 || fields[1].isEmpty())
+    if (fields.size() < 2 || fields[1].isEmpty())
         return std::nullopt;
+    if (fields.size() % 2 != 0)
+        fields.append(QByteArray());
     Request request;
     request.opcode = op;
     request.name = fields[0];

@@ -38,8 +38,9 @@ struct Request
     QList<QPair<QByteArray, QByteArray>> options; // names lower-cased, in arrival order
 };
 
-// nullopt for anything that is not a well-formed RRQ/WRQ: a missing NUL, an
-// empty mode, an option name without its value.
+// nullopt for anything that is not an RRQ/WRQ with a name and a mode. A
+// missing final NUL and an option name without its value are accepted, as
+// tftp-hpa accepts them (the valueless option is then left out).
 std::optional<Request> parseRequest(const QByteArray &datagram);
 
 // What the server agrees to. `acknowledged` holds the accepted options in the

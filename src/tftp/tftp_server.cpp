@@ -1,7 +1,6 @@
 #include "tftp/tftp_server.h"
 
 #include "access/access_list.h"
-#include "tftp/standard_transfer.h"
 #include "tftp/transfer_monitor.h"
 
 #include <QAbstractSocket>
@@ -22,11 +21,6 @@ TftpServer::TftpServer(TransferMonitor *monitor, AccessList *acl, QObject *paren
         timer->setInterval(m_designedSlotMs);
         connect(timer, &QTimer::timeout, this, [this, s] { slotTimerTick(s); });
         m_slots[s].timer = timer;
-        auto *retransmit = new QTimer(this);
-        retransmit->setObjectName(QStringLiteral("Retransmit"));
-        retransmit->setSingleShot(true);
-        connect(retransmit, &QTimer::timeout, this, [this, s] { retransmitTick(s); });
-        m_slots[s].retransmit = retransmit;
     }
     m_refreshTimer->setObjectName(QStringLiteral("Timer2"));
     m_refreshTimer->setInterval(10000);
@@ -79,12 +73,25 @@ void TftpServer::setSocketFactory(DatagramSocketFactory factory)
 
 void TftpServer::setStandardProfile(bool on)
 {
+    if (on == m_standard)
+        return;
     m_standard = on;
-}
-
-void TftpServer::setRetransmitInterval(int ms)
-{
-    m_retransmitMs = ms;
+    if (!m_started)
+        return;
+    if (!on) {
+        OpenListener();
+        return;
+    }
+    // The port goes to the standard engine; transfers already running here
+    // finish on their own sockets.
+    const int s = listenerSlot();
+    if (s == 0)
+        return;
+    Slot &slot = m_slots[s];
+    releaseSocket(slot);
+    slot.tag = Tag::None;
+    setSocketColumn(s, TransferMonitor::LocalPort, QString());
+    setSocketColumn(s, TransferMonitor::SocketStatus, QStringLiteral("ready"));
 }
 
 QString TftpServer::errorString() const
@@ -94,6 +101,10 @@ QString TftpServer::errorString() const
 
 bool TftpServer::start()
 {
+    m_started = true;
+    m_refreshTimer->start();
+    if (m_standard)
+        return true; // the standard engine has the port
     Slot &slot = m_slots[1];
     releaseSocket(slot);
     DatagramSocket *socket = newSocket();
@@ -104,7 +115,6 @@ bool TftpServer::start()
     setSocketColumn(1, TransferMonitor::SocketStatus, QStringLiteral("Listen"));
     if (bound)
         showPorts(1);
-    m_refreshTimer->start();
     return bound;
 }
 
@@ -204,6 +214,16 @@ void TftpServer::socketError(DatagramSocket *socket, int error)
 
 void TftpServer::OpenListener()
 {
+    if (m_standard) {
+        // The standard engine holds the port: the classic profile does not listen.
+        if (m_movingListener) {
+            m_movingListener->disconnect(this);
+            m_movingListener->close();
+            m_movingListener->deleteLater();
+            m_movingListener = nullptr;
+        }
+        return;
+    }
     for (int s = 1; s <= slotCount; ++s) {
         Slot &slot = m_slots[s];
         if (slot.socket || m_monitor->socketText(s, TransferMonitor::SocketStatus) != QLatin1String("ready"))
@@ -242,7 +262,6 @@ void TftpServer::HoldSlot(int s)
     if (s < 1 || s > slotCount)
         return;
     Slot &slot = m_slots[s];
-    endStandard(slot);
     slot.timer->setInterval(m_holdMs);
     slot.timer->start();
     slot.tag = Tag::Blocking;
@@ -256,7 +275,6 @@ void TftpServer::CleanSlot(int s)
     if (s < 1 || s > slotCount)
         return;
     Slot &slot = m_slots[s];
-    endStandard(slot);
     slot.tag = Tag::Blocking;
     setSocketColumn(s, TransferMonitor::SocketStatus, QStringLiteral("Cleaning"));
     // A UDP socket is closed as soon as close() returns: no wait is needed.
@@ -277,7 +295,6 @@ void TftpServer::windUpRefused(int s)
 void TftpServer::slotTimerTick(int s)
 {
     Slot &slot = m_slots[s];
-    endStandard(slot);
     releaseSocket(slot);
     slot.timer->stop();
     slot.tag = Tag::None;

@@ -14,7 +14,6 @@
 class AccessList;
 class CaptureSink;
 class QTimer;
-class StandardTransfer;
 class TransferMonitor;
 
 // The TFTP server: 30 transfer slots, each a row of the monitor's socket
@@ -50,20 +49,15 @@ class TransferMonitor;
 //
 // setConfine(true) additionally refuses names leaving the folder. A failed
 // access decision (a broken access-list row) leaves the slot as it was, gets
-// no answer (classic) or ERROR 2 (standard), and is reported once per cause
-// through accessDecisionFailed.
+// no answer, and is reported once per cause through accessDecisionFailed.
 //
-// setStandardProfile(true) answers requests that arrive from then on with the
-// standard profile (tftp_standard.cpp and StandardTransfer): options, block
-// numbers that roll over, ERROR replies, retransmission on timeout and
-// uploads through a temporary file. It shares the slots, their timers, the
-// access decision, the monitor's rows and the capture hook with the classic
-// handler; the trace file is the classic profile's alone. Its protections
-// are the RFC's: a stranger on a transfer's port gets ERROR 5 while the
-// transfer carries on, and an ERROR on the listening port is ignored.
+// The standard profile has an engine of its own (StandardServer). While it
+// is on, setStandardProfile(true) hands it the port: this server closes its
+// listener and opens none, and its running transfers finish on their own
+// sockets; setStandardProfile(false) takes the port back.
 //
-// Both profiles write live progress into the "Data sent/Received" column of
-// the request's own transfer row, at most about four times a second.
+// Live progress goes into the "Data sent/Received" column of the request's
+// own transfer row, at most about four times a second.
 class TftpServer : public QObject
 {
     Q_OBJECT
@@ -83,13 +77,13 @@ public:
     void setIntervals(int holdMs, int refreshMs, int designedSlotMs); // 30000, 10000, 8000
     // Where the slots' sockets come from (real UDP sockets unless set); for the fuzz harness.
     void setSocketFactory(DatagramSocketFactory factory);
+    // On: the standard engine has the port, and this server does not listen.
     void setStandardProfile(bool on);
     bool standardProfile() const { return m_standard; }
-    // Tests: re-send after this many ms instead of the negotiated timeout (0: negotiated).
-    void setRetransmitInterval(int ms);
 
     // Slot 1 becomes the listener and row 1 reads "Listen" (even when the
-    // bind fails: the refresh then holds and later retries that slot).
+    // bind fails: the refresh then holds and later retries that slot),
+    // unless the standard profile has the port.
     bool start();
     QString errorString() const;
 
@@ -139,10 +133,6 @@ private:
         qint64 fileSize = -1;
         qint64 bytesDone = 0;
         QElapsedTimer progressClock;
-        // Standard profile only: the transfer's protocol state and its retransmission timer.
-        std::unique_ptr<StandardTransfer> standard;
-        QTimer *retransmit = nullptr;
-        QElapsedTimer lastAdvance;
     };
 
     // tftp_server.cpp: sockets and slot lifecycle
@@ -171,23 +161,10 @@ private:
     void takeRequest(int slot, const QHostAddress &sender, quint16 senderPort);
     void sendBlock(int slot, int fd, qint64 offset, qint64 length, int high, int low);
     void readAhead(int slot, int fd, int block);
-    bool pathStaysInside(const QString &folder, const QString &name) const;
     void trace(int slot);
     int decideAccess(int slot, bool read, const QString &fileName, const QHostAddress &sender,
         const QHostAddress &destination);
     void showProgress(int slot, bool final);
-
-    // tftp_standard.cpp: the standard profile
-    void handleStandardRequest(int slot, const QByteArray &datagram, const QHostAddress &sender,
-        quint16 senderPort, const QHostAddress &destination);
-    void handleStandardDatagram(
-        int slot, const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort);
-    void standardOutcome(int slot, int outcome, bool rearm);
-    void retransmitTick(int slot);
-    int retransmitInterval(const Slot &slot) const;
-    void sendError(
-        DatagramSocket *socket, const QHostAddress &to, quint16 port, int code, const QByteArray &text);
-    void endStandard(Slot &slot);
 
     TransferMonitor *m_monitor;
     AccessList *m_acl;
@@ -200,7 +177,7 @@ private:
     bool m_confine = false;
     DatagramSocketFactory m_socketFactory;
     bool m_standard = false;
-    int m_retransmitMs = 0;
+    bool m_started = false;
     QStringList m_reportedFailures;
     QByteArray m_tracePath { "bugfix.ini" };
     int m_holdMs = 30000;

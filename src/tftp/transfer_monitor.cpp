@@ -26,9 +26,51 @@ int TransferMonitor::addTransfer(
     QList<QStandardItem *> items { new QStandardItem(fileName), new QStandardItem(from),
         new QStandardItem(to), new QStandardItem(status), new QStandardItem };
     m_transfers.appendRow(items);
+    trim();
     const int row = m_transfers.rowCount();
     Q_EMIT transferRowChanged(row);
     return row;
+}
+
+namespace {
+constexpr int runningRole = Qt::UserRole + 1;
+}
+
+void TransferMonitor::setKeepRows(int rows)
+{
+    m_keepRows = qMax(1, rows);
+    trim();
+}
+
+void TransferMonitor::setTrimBlocker(std::function<bool()> busy)
+{
+    m_busy = std::move(busy);
+}
+
+void TransferMonitor::setTransferRunning(int row, bool running)
+{
+    if (QStandardItem *item = m_transfers.item(row - 1, 0))
+        item->setData(running ? QVariant(true) : QVariant(), runningRole);
+}
+
+void TransferMonitor::trim()
+{
+    int excess = m_transfers.rowCount() - m_keepRows;
+    if (excess <= 0 || (m_busy && m_busy()))
+        return;
+    // Oldest first; runs of finished rows go in one removal.
+    for (int row = 0; row < m_transfers.rowCount() && excess > 0;) {
+        int run = 0;
+        while (row + run < m_transfers.rowCount() && run < excess
+            && !m_transfers.item(row + run, 0)->data(runningRole).toBool())
+            ++run;
+        if (run > 0) {
+            m_transfers.removeRows(row, run);
+            excess -= run;
+        } else {
+            ++row;
+        }
+    }
 }
 
 void TransferMonitor::setText(QStandardItemModel &model, int row, int column, const QString &text)
@@ -68,12 +110,12 @@ QString TransferMonitor::socketText(int slot, int column) const
 
 void TransferMonitor::clearOldTransfers(int highestRowInUse)
 {
-    if (highestRowInUse <= 0) {
-        m_transfers.removeRows(0, m_transfers.rowCount());
-        return;
-    }
-    for (int row = m_transfers.rowCount(); row > highestRowInUse; --row) {
-        if (transferText(row, Status) != QLatin1String("Allowed"))
+    // Rows of the standard engine's running transfers stay too: they are
+    // found by identity, not by number, so the rows around them may go.
+    for (int row = m_transfers.rowCount(); row > qMax(0, highestRowInUse); --row) {
+        if (m_transfers.item(row - 1, 0)->data(Qt::UserRole + 1).toBool())
+            continue;
+        if (highestRowInUse <= 0 || transferText(row, Status) != QLatin1String("Allowed"))
             m_transfers.removeRow(row - 1);
     }
 }

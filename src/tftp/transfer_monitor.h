@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QStandardItemModel>
+#include <functional>
 
 // The store of per-slot status of the TFTP server: two report lists that the
 // access decision, the slots and the engine write into by row number, and that
@@ -23,6 +24,7 @@ public:
     enum TransferColumn { Filename = 0, From, To, Status, DataSentReceived };
     enum SocketColumn { SocketName = 0, LocalPort, RemotePort, SocketStatus, SocketError };
     static constexpr int slotCount = 30;
+    static constexpr int defaultKeepRows = 5000;
 
     explicit TransferMonitor(QObject *parent = nullptr);
 
@@ -44,6 +46,15 @@ public:
     // nothing is running (highestRowInUse <= 0) the whole list is cleared.
     void clearOldTransfers(int highestRowInUse);
 
+    // A service that runs for months keeps at most `rows` transfer rows
+    // ("TftpKeepRows"): past that, the oldest rows whose transfer has ended
+    // go first. A row marked running is never dropped, and nothing is dropped
+    // while `busy` says that a writer addresses rows by number (the classic
+    // profile's running slots).
+    void setKeepRows(int rows);
+    void setTrimBlocker(std::function<bool()> busy);
+    void setTransferRunning(int row, bool running);
+
     // Tab-separated text of one row, as printed in --headless mode.
     QString transferLine(int row) const;
     QString socketLine(int slot) const;
@@ -56,6 +67,10 @@ private:
     static QString rowText(const QStandardItemModel &model, int row);
     static void setText(QStandardItemModel &model, int row, int column, const QString &text);
 
+    void trim();
+
+    int m_keepRows = defaultKeepRows;
+    std::function<bool()> m_busy;
     QStandardItemModel m_transfers;
     QStandardItemModel m_sockets;
 };

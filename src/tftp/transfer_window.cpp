@@ -1,5 +1,6 @@
 #include "transfer_window.h"
 
+#include "tftp/progress_delegate.h"
 #include "tftp/transfer_monitor.h"
 #include "util/twips.h"
 
@@ -42,6 +43,10 @@ TransferWindow::TransferWindow(TransferMonitor *monitor, QWidget *parent)
     m_standard->setCheckable(true);
     m_menuBar->addAction(m_standard);
     connect(m_standard, &QAction::triggered, this, &TransferWindow::standardProfileToggled);
+    m_transferList->setItemDelegateForColumn(TransferMonitor::DataSentReceived, new ProgressDelegate(this));
+    QAction *http = m_menuBar->addAction(QStringLiteral("HTTP Server..."));
+    http->setObjectName(QStringLiteral("MnuHttpServer"));
+    connect(http, &QAction::triggered, this, &TransferWindow::httpServerRequested);
     m_transferList->setColumnWidth(0, 180);
     m_socketTable->setColumnWidth(0, 60);
     resize(640, 480);

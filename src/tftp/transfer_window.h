@@ -26,6 +26,8 @@ Q_SIGNALS:
     void clearOldTransfersRequested();
     // The user checked or unchecked "Standard TFTP".
     void standardProfileToggled(bool on);
+    // "HTTP Server...": the user wants to set the HTTP port or switch serving on or off.
+    void httpServerRequested();
 
 protected:
     void resizeEvent(QResizeEvent *event) override;

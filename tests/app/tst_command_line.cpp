@@ -51,17 +51,17 @@ private Q_SLOTS:
     {
         QProcess process;
         process.start(program(), { QStringLiteral("--bogus") });
-        QVERIFY(process.waitForFinished(10000));
+        QVERIFY(process.waitForFinished(30000));
         QCOMPARE(process.exitCode(), 2);
         QVERIFY(process.readAllStandardError().contains("bogus"));
 
         process.start(program(), { QStringLiteral("--version") });
-        QVERIFY(process.waitForFinished(10000));
+        QVERIFY(process.waitForFinished(30000));
         QCOMPARE(process.exitCode(), 0);
         QVERIFY(process.readAllStandardOutput().startsWith("Tarnwick "));
 
         process.start(program(), { QStringLiteral("--help") });
-        QVERIFY(process.waitForFinished(10000));
+        QVERIFY(process.waitForFinished(30000));
         QCOMPARE(process.exitCode(), 0);
         const QByteArray help = process.readAllStandardOutput();
         for (const char *option : { "--headless", "--tftp-port", "--log-port", "--telnet-port", "--snmp-port",
@@ -88,11 +88,11 @@ private Q_SLOTS:
         QVERIFY2(tw::test::waitForOutput(process, listening, seen), seen.constData());
         QVERIFY2(seen.contains("\tListen\t"), seen.constData());
         QByteArray errors;
-        QTRY_VERIFY_WITH_TIMEOUT((errors += process.readAllStandardError()).contains(QByteArray::number(busy)), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT((errors += process.readAllStandardError()).contains(QByteArray::number(busy)), 30000);
         QVERIFY2(errors.contains("setcap"), errors.constData());
         QCOMPARE(process.state(), QProcess::Running);
         process.terminate(); // SIGTERM
-        QVERIFY(process.waitForFinished(10000));
+        QVERIFY(process.waitForFinished(30000));
         QCOMPARE(process.exitStatus(), QProcess::NormalExit);
         QCOMPARE(process.exitCode(), 0);
     }

@@ -225,7 +225,7 @@ private Q_SLOTS:
                 client.writeDatagram(packet(3, number) + data.mid((number - 1) * 512, 512),
                     QHostAddress::LocalHost, transferPort);
             }
-            QTRY_VERIFY_WITH_TIMEOUT(client.hasPendingDatagrams(), 5000);
+            QTRY_VERIFY_WITH_TIMEOUT(client.hasPendingDatagrams(), 30000);
             const QNetworkDatagram ack = client.receiveDatagram();
             QCOMPARE(ack.data(), packet(4, number));
             transferPort = quint16(ack.senderPort());

@@ -108,7 +108,7 @@ private Q_SLOTS:
         dialog.portBox()->clear();
         QTest::keyClicks(dialog.portBox(), QString::number(m_device.serverPort()));
         QTest::mouseClick(dialog.okButton(), Qt::LeftButton);
-        QVERIFY(m_device.waitForNewConnection(5000));
+        QVERIFY(m_device.waitForNewConnection(30000));
         delete m_device.nextPendingConnection();
         QCOMPARE(session.devicePort(), m_device.serverPort());
         QCOMPARE(ConnectionHistory::target(0),
@@ -129,9 +129,9 @@ private Q_SLOTS:
         tw::test::startHeadless(
             program, home.path(), { "--connect", QStringLiteral("127.0.0.1:%1").arg(m_device.serverPort()) });
         QVERIFY2(program.waitForStarted(), qPrintable(program.errorString()));
-        const bool connected = m_device.waitForNewConnection(10000);
+        const bool connected = m_device.waitForNewConnection(30000);
         program.terminate();
-        QVERIFY(program.waitForFinished(10000));
+        QVERIFY(program.waitForFinished(30000));
         QVERIFY2(connected, program.readAllStandardError().constData());
         delete m_device.nextPendingConnection();
     }
@@ -156,17 +156,17 @@ private Q_SLOTS:
         QVERIFY(release->isActive() && release->isSingleShot());
         QCOMPARE(release->interval(), ConsoleSession::breakMilliseconds);
         QTRY_COMPARE(line.received(), QByteArray("\r\xff\xf3"));
-        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 2, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 2, 30000);
         window.sendBreakAction()->trigger();
         QTRY_COMPARE(line.received(), QByteArray("\r\xff\xf3\xff\xf3"));
-        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 4, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 4, 30000);
         QCOMPARE(breakState.at(2).first().toBool(), true);
         session.disconnectSession();
 
         // On TCP the menu entry sends the bytes only.
         ConsoleSession::setTelnetPort(m_device.serverPort());
         session.ConnectTCP(QStringLiteral("127.0.0.1"));
-        QVERIFY(m_device.waitForNewConnection(5000));
+        QVERIFY(m_device.waitForNewConnection(30000));
         QTcpSocket *device = m_device.nextPendingConnection();
         QTRY_VERIFY(session.tcpConnected());
         window.sendBreakAction()->trigger();

@@ -7,6 +7,7 @@
 #include "logrecv/log_options.h"
 #include "logrecv/log_receiver.h"
 #include "logrecv/log_routes.h"
+#include "private_sshd.h"
 #include "test_support.h"
 
 #include <QAction>
@@ -26,131 +27,46 @@
 #include <QUdpSocket>
 
 #include <csignal>
-#include <pwd.h>
 #include <unistd.h>
 
-// SSH consoles against OpenSSH's sshd, started here as the current user on a
-// loopback port in front of a fake device shell. HOME is a temporary folder, so
-// nobody's own ~/.ssh is read or written.
+// SSH consoles through the console window against a private sshd
+// (private_sshd.h): nobody's own ~/.ssh is read or written.
 class TestConsoleSsh : public QObject
 {
     Q_OBJECT
-    QTemporaryDir m_dir;
-    QString m_home, m_user;
-    QProcess m_sshd;
-    quint16 m_port = 0;
+    PrivateSshd m_server;
     QPointer<ConsoleWindow> m_window;
 
-    QString path(const QString &name) const { return m_dir.filePath(name); }
-    QString sshFile(const QString &name) const { return m_home + QStringLiteral("/.ssh/") + name; }
+    QString path(const QString &name) const { return m_server.path(name); }
+    QString sshFile(const QString &name) const { return m_server.sshFile(name); }
     QString consoleText() const { return m_window->shownText(); }
     ConsoleSession &session() const { return *m_window->session(); }
 
-    static bool run(const QString &program, const QStringList &arguments)
-    {
-        QProcess process;
-        process.start(program, arguments);
-        return process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit
-            && process.exitCode() == 0;
-    }
-
-    static bool keygen(const QString &file, const char *type = "ed25519", const char *passphrase = "")
-    {
-        return run(QStringLiteral("ssh-keygen"), { "-q", "-t", type, "-N", passphrase, "-f", file });
-    }
-
-    static void writeFile(const QString &name, const QByteArray &text)
-    {
-        QFile file(name);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(text);
-    }
-
-    static QByteArray readFile(const QString &name)
-    {
-        QFile file(name);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-
-    // Starts sshd on a free loopback port with the given host key.
-    void startServer(const QString &hostKey)
-    {
-        stopServer();
-        QTcpServer probe;
-        QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-        m_port = probe.serverPort();
-        probe.close();
-        const QString config = QStringLiteral("Port %1\nListenAddress 127.0.0.1\nHostKey %2\nPidFile none\n"
-                                              "AuthorizedKeysFile %3\nUsePAM no\nStrictModes no\n"
-                                              "PermitRootLogin prohibit-password\nPasswordAuthentication no\n"
-                                              "KbdInteractiveAuthentication no\nLogLevel DEBUG3\n"
-                                              "ForceCommand %4\n")
-                                   .arg(m_port)
-                                   .arg(path(hostKey), path("authorized_keys"), path("device.sh"));
-        writeFile(path("sshd_config"), config.toUtf8());
-        // Per-host settings come from $HOME/.ssh/config: "fake-r1" is this server.
-        writeFile(sshFile("config"),
-            QStringLiteral("Host fake-r1\n    HostName 127.0.0.1\n    Port %1\n    User %2\n")
-                .arg(m_port)
-                .arg(m_user)
-                .toUtf8());
-        m_sshd.setProcessChannelMode(QProcess::MergedChannels);
-        m_sshd.start(QStringLiteral("/usr/sbin/sshd"),
-            { QStringLiteral("-D"), QStringLiteral("-e"), QStringLiteral("-f"), path("sshd_config") });
-        QVERIFY2(m_sshd.waitForStarted(), qPrintable(m_sshd.errorString()));
-        const auto listening = [this] {
-            QTcpSocket client;
-            client.connectToHost(QHostAddress::LocalHost, m_port);
-            return client.waitForConnected(500);
-        };
-        QTRY_VERIFY2_WITH_TIMEOUT(listening(), m_sshd.readAll().constData(), 15000);
-    }
-
-    // The per-connection sshd processes (and their shells) of our own sshd.
-    static QList<qint64> descendants(qint64 pid)
-    {
-        QList<qint64> found;
-        const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
-        for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            const QByteArray children = readFile(tasks.filePath(task + QStringLiteral("/children")));
-            for (const QByteArray &child : children.split(' ')) {
-                if (child.trimmed().toLongLong() > 0)
-                    found << child.trimmed().toLongLong() << descendants(child.trimmed().toLongLong());
-            }
-        }
-        return found;
-    }
+    void startServer() { m_server.start({}, "Host 127.0.0.1\n    HashKnownHosts yes\n"); }
 
     // The device dies mid-session: every sshd process of ours goes at once.
     void killServer()
     {
-        const QList<qint64> sessions = descendants(m_sshd.processId());
+        const QList<qint64> sessions = PrivateSshd::descendants(m_server.process.processId());
         QVERIFY(!sessions.isEmpty());
         for (qint64 pid : sessions)
             ::kill(pid_t(pid), SIGKILL);
-        stopServer();
-    }
-
-    void stopServer()
-    {
-        if (m_sshd.state() != QProcess::NotRunning) {
-            m_sshd.kill();
-            m_sshd.waitForFinished(10000);
-        }
+        m_server.stop();
     }
 
     // known_hosts holding the server's real key.
     void trustServer()
     {
-        const QByteArray key = readFile(path("host_key.pub")).split(' ').value(1);
-        writeFile(sshFile("known_hosts"),
-            "[127.0.0.1]:" + QByteArray::number(m_port) + " ssh-ed25519 " + key + "\n");
+        const QByteArray key = PrivateSshd::readFile(path("host_key.pub")).split(' ').value(1);
+        PrivateSshd::writeFile(sshFile("known_hosts"),
+            "[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + key + "\n");
     }
 
     void clickHostKeyAnswer(const QString &answer)
     {
         QMessageBox *box = nullptr;
-        QTRY_VERIFY_WITH_TIMEOUT((box = m_window->findChild<QMessageBox *>("SshHostKeyQuestion")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            (box = m_window->findChild<QMessageBox *>("SshHostKeyQuestion")), PrivateSshd::waitMs);
         QVERIFY(box->text().contains(QLatin1String("SHA256:")));
         for (QAbstractButton *button : box->buttons()) {
             if (button->text() == answer)
@@ -162,47 +78,17 @@ class TestConsoleSsh : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY2(QFile::exists(QStringLiteral("/usr/sbin/sshd")), "sshd is missing: install openssh-server");
-        QVERIFY2(QFile::exists(QStringLiteral("/usr/bin/ssh-keygen")),
-            "ssh-keygen is missing: install openssh-client");
-        QVERIFY(m_dir.isValid());
-        m_home = path("home");
-        QVERIFY(QDir().mkpath(m_home + QStringLiteral("/.ssh")));
-        qputenv("HOME", QFile::encodeName(m_home));
-        qunsetenv("SSH_AUTH_SOCK"); // the user's agent has no say in this test
-        QCOMPARE(QDir::homePath(), m_home);
-        // sshd logs in the account the test runs as, whatever USER says.
-        const passwd *account = getpwuid(getuid());
-        QVERIFY(account);
-        m_user = QString::fromLocal8Bit(account->pw_name);
-        // As root sshd insists on its privilege separation folder.
-        if (getuid() == 0)
-            QDir().mkpath("/run/sshd");
-        QVERIFY(keygen(path("host_key")) && keygen(path("other_host_key")) && keygen(sshFile("id_ed25519")));
-        QFile::copy(sshFile("id_ed25519.pub"), path("authorized_keys"));
-        // The fake device: a banner, the prompt, and a few commands; the pty echoes.
-        writeFile(path("device.sh"),
-            "#!/bin/sh\n"
-            "printf '\\r\\nFake R1 on an SSH line, authorised access only.\\r\\n\\r\\nR1#'\n"
-            "prompt='R1#'\n"
-            "while IFS= read -r line; do\n"
-            "  case \"$line\" in\n"
-            "    'show version'*) printf 'Fake IOS Software, Version 15.1.4M\\r\\n' ;;\n"
-            "    'conf t'*) prompt='R1(config)#' ;;\n"
-            "    exit*) exit 0 ;;\n"
-            "  esac\n"
-            "  printf '%s' \"$prompt\"\n"
-            "done\n");
-        QFile::setPermissions(path("device.sh"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        startServer(QStringLiteral("host_key"));
+        QVERIFY2(m_server.prepare(), "sshd or ssh-keygen is missing: install openssh-server");
+        QVERIFY(PrivateSshd::keygen(path("other_host_key")));
+        startServer();
     }
 
-    void cleanupTestCase() { stopServer(); }
+    void cleanupTestCase() { m_server.stop(); }
 
     void init()
     {
-        if (m_sshd.state() == QProcess::NotRunning)
-            startServer(QStringLiteral("host_key"));
+        if (m_server.process.state() == QProcess::NotRunning)
+            startServer();
         SshConnection::setInteractive(true);
         m_window = new ConsoleWindow;
         m_window->show();
@@ -213,7 +99,10 @@ private Q_SLOTS:
 
     void unknownKeyAskedThenSavedAndSessionWorks()
     {
-        QFile::remove(sshFile("known_hosts"));
+        // A file kept by hand: its line and its mode stay, the new entry is hashed.
+        PrivateSshd::writeFile(sshFile("known_hosts"), "# kept by hand");
+        QFile::setPermissions(
+            sshFile("known_hosts"), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup);
         LogOptions logOptions;
         LogReceiver receiver(&logOptions);
         LogRoutes routes;
@@ -229,17 +118,21 @@ private Q_SLOTS:
         Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
         for (int i = 0; i < 4; ++i)
             dialog->octetBox(i)->setText(QString::number(i == 0 ? 127 : i == 3));
-        dialog->portBox()->setText(QString::number(m_port));
-        dialog->userBox()->setText(m_user);
+        dialog->portBox()->setText(QString::number(m_server.port));
+        dialog->userBox()->setText(m_server.user);
         QTest::mouseClick(dialog->okButton(), Qt::LeftButton);
-        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "SSH", "127.0.0.1", m_port, m_user }));
+        QCOMPARE(ConnectionHistory::target(0),
+            (ConnectTarget { "SSH", "127.0.0.1", m_server.port, m_server.user }));
         QCOMPARE(session().connectionKind(), QStringLiteral("TCP/IP"));
         clickHostKeyAnswer(QStringLiteral("Accept and save"));
-        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(session().sshOpen());
         QCOMPARE(m_window->windowTitle(), QStringLiteral("R1#"));
-        QVERIFY(readFile(sshFile("known_hosts"))
-                    .startsWith(QStringLiteral("[127.0.0.1]:%1 ssh-ed25519 ").arg(m_port).toLatin1()));
+        QVERIFY(PrivateSshd::readFile(sshFile("known_hosts")).startsWith("# kept by hand\n|1|"));
+        QVERIFY(PrivateSshd::run(QStringLiteral("ssh-keygen"),
+            { "-F", QStringLiteral("[127.0.0.1]:%1").arg(m_server.port), "-f", sshFile("known_hosts") }));
+        QCOMPARE(QFile::permissions(sshFile("known_hosts")) & ~(QFile::ReadUser | QFile::WriteUser),
+            QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup);
 
         // Typed keys reach the device; its echo and answer come back.
         QTest::keyClicks(m_window->consoleBox(), "show version");
@@ -255,11 +148,11 @@ private Q_SLOTS:
         QTRY_VERIFY(m_window->logBox()->toPlainText().contains(QLatin1String("%SYS-5-CONFIG_I")));
 
         // The break request reaches sshd; the two Telnet bytes do not go down the channel.
-        m_sshd.readAll();
+        m_server.process.readAll();
         m_window->sendBreakAction()->trigger();
         QByteArray log;
-        QTRY_VERIFY2_WITH_TIMEOUT(
-            (log += m_sshd.readAll()).contains("request break"), log.right(3000).constData(), 10000);
+        QTRY_VERIFY2_WITH_TIMEOUT((log += m_server.process.readAll()).contains("request break"),
+            log.right(3000).constData(), PrivateSshd::waitMs);
 
         m_window->disconnectAction()->trigger();
         QVERIFY(!session().sshOpen() && consoleText().endsWith(QLatin1String("Disconected\n")));
@@ -268,52 +161,69 @@ private Q_SLOTS:
     void knownKeySilentThenServerKilled()
     {
         // Saved by the previous case: no question this time.
-        QVERIFY(readFile(sshFile("known_hosts")).contains("ssh-ed25519"));
+        QVERIFY(PrivateSshd::readFile(sshFile("known_hosts")).contains("ssh-ed25519"));
         session().setTimerIntervals(0, 50);
         connectRemembered(m_window->session(), *parseConnectTarget(QStringLiteral("ssh://fake-r1")));
-        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
         QCOMPARE(session().deviceAddress(), QStringLiteral("fake-r1"));
 
         killServer();
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
-        QVERIFY2(
-            consoleText().endsWith(QLatin1String("Connection timed out\n>\n")), qPrintable(consoleText()));
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
+        QVERIFY2(consoleText().contains(QLatin1String("R1#Connection to fake-r1 lost: ")),
+            qPrintable(consoleText()));
+        QVERIFY(consoleText().endsWith(QLatin1String("\nPress Enter to reconnect\n")));
     }
 
     void changedKeyRefusedNamingItsLine()
     {
-        const QByteArray otherKey = readFile(path("other_host_key.pub")).split(' ').value(1);
-        writeFile(sshFile("known_hosts"),
-            "# kept by hand\n[127.0.0.1]:" + QByteArray::number(m_port) + " ssh-ed25519 " + otherKey + "\n");
-        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        const QByteArray otherKey = PrivateSshd::readFile(path("other_host_key.pub")).split(' ').value(1);
+        PrivateSshd::writeFile(sshFile("known_hosts"),
+            "# kept by hand\n[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + otherKey
+                + "\n");
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         const QString text = consoleText();
         QVERIFY2(text.contains(QStringLiteral("SSH Err: WARNING: the host key of 127.0.0.1 has changed")),
             qPrintable(text));
         QVERIFY2(text.contains(QStringLiteral("line 2 of %1").arg(sshFile("known_hosts"))), qPrintable(text));
         QVERIFY(text.endsWith(QLatin1String("\n>\n")));
         QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
+
+        // A revoked key is refused even beside an entry that names it; a
+        // certificate authority line is not taken for an entry.
+        const QByteArray key = PrivateSshd::readFile(path("host_key.pub")).split(' ').value(1);
+        PrivateSshd::writeFile(sshFile("known_hosts"),
+            "@cert-authority * ssh-ed25519 " + otherKey + "\n@revoked * ssh-ed25519 " + key
+                + "\n[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + key + "\n");
+        m_window->consoleBox()->clear();
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
+        QVERIFY2(
+            consoleText().contains(
+                QStringLiteral("is revoked (@revoked at line 2 of %1); refused").arg(sshFile("known_hosts"))),
+            qPrintable(consoleText()));
     }
 
     void passphraseAskedForAnEncryptedKey()
     {
-        QVERIFY(keygen(sshFile("id_ecdsa"), "ecdsa", "open sesame"));
-        writeFile(path("authorized_keys"), readFile(sshFile("id_ecdsa.pub")));
+        QVERIFY(PrivateSshd::keygen(sshFile("id_ecdsa"), "ecdsa", "open sesame"));
+        PrivateSshd::writeFile(path("authorized_keys"), PrivateSshd::readFile(sshFile("id_ecdsa.pub")));
         trustServer();
-        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
         QDialog *prompt = nullptr;
-        QTRY_VERIFY_WITH_TIMEOUT((prompt = m_window->findChild<QDialog *>("SshSecretsDialog")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            (prompt = m_window->findChild<QDialog *>("SshSecretsDialog")), PrivateSshd::waitMs);
         QLineEdit *edit = prompt->findChild<QLineEdit *>();
         QCOMPARE(edit->echoMode(), QLineEdit::Password);
         QTest::keyClicks(edit, "open sesame");
         prompt->accept();
-        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(session().sshOpen());
         session().disconnectSession();
         QFile::remove(sshFile("id_ecdsa"));
         QFile::remove(sshFile("id_ecdsa.pub"));
-        writeFile(path("authorized_keys"), readFile(sshFile("id_ed25519.pub")));
+        PrivateSshd::writeFile(path("authorized_keys"), PrivateSshd::readFile(sshFile("id_ed25519.pub")));
     }
 
     void connectOptionOpensSsh()
@@ -322,15 +232,17 @@ private Q_SLOTS:
         trustServer();
         QTemporaryDir settings;
         QProcess program;
-        m_sshd.readAll();
+        m_server.process.readAll();
         tw::test::startHeadless(program, settings.path(),
-            { "--connect", QStringLiteral("ssh://%1@127.0.0.1:%2").arg(m_user).arg(m_port) }, true);
+            { "--connect", QStringLiteral("ssh://%1@127.0.0.1:%2").arg(m_server.user).arg(m_server.port) },
+            true);
         QVERIFY2(program.waitForStarted(), qPrintable(program.errorString()));
         QByteArray log;
         QTRY_VERIFY2_WITH_TIMEOUT(
-            (log += m_sshd.readAll()).contains("Accepted publickey for " + m_user.toUtf8()),
-            log.right(2000).constData(), 20000);
-        QTRY_VERIFY_WITH_TIMEOUT((log += m_sshd.readAll()).contains("session_pty_req"), 20000);
+            (log += m_server.process.readAll()).contains("Accepted publickey for " + m_server.user.toUtf8()),
+            log.right(2000).constData(), PrivateSshd::waitMs);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            (log += m_server.process.readAll()).contains("session_pty_req"), PrivateSshd::waitMs);
         program.terminate();
         QVERIFY(program.waitForFinished(10000));
     }
@@ -340,28 +252,29 @@ private Q_SLOTS:
         // With no one to ask (--headless), an unknown key is refused.
         QFile::remove(sshFile("known_hosts"));
         SshConnection::setInteractive(false);
-        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         QVERIFY(consoleText().contains(QLatin1String("is not in")));
         QVERIFY(!QFile::exists(sshFile("known_hosts")));
 
         // A name that does not resolve: looked up without blocking, then refused.
-        session().ConnectSSH(QStringLiteral("no..device"), 0, m_user);
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
+        session().ConnectSSH(QStringLiteral("no..device"), 0, m_server.user);
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         QVERIFY2(consoleText().contains(QLatin1String("SSH Err: cannot find no..device")),
             qPrintable(consoleText()));
 
         // A key the server does not know: authentication refused, console idle.
         SshConnection::setInteractive(true);
         QFile::remove(path("authorized_keys"));
-        QVERIFY(keygen(path("stranger")));
+        QVERIFY(PrivateSshd::keygen(path("stranger")));
         QFile::copy(path("stranger.pub"), path("authorized_keys"));
         m_window->consoleBox()->clear();
-        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_port, m_user);
+        session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
         clickHostKeyAnswer(QStringLiteral("Accept once"));
-        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), 15000);
-        QVERIFY2(consoleText().contains(
-                     QStringLiteral("SSH Err: authentication refused for %1@127.0.0.1\n>\n").arg(m_user)),
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
+        QVERIFY2(
+            consoleText().contains(
+                QStringLiteral("SSH Err: authentication refused for %1@127.0.0.1\n>\n").arg(m_server.user)),
             qPrintable(consoleText()));
         QVERIFY(!QFile::exists(sshFile("known_hosts"))); // accepted once, not saved
     }

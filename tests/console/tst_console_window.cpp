@@ -65,10 +65,10 @@ class TestConsole : public QObject
     {
         ConsoleSession::setTelnetPort(m_server->serverPort());
         session.ConnectTCP(QStringLiteral("127.0.0.1"));
-        if (!m_server->waitForNewConnection(5000))
+        if (!m_server->waitForNewConnection(30000))
             return nullptr;
         QTcpSocket *device = m_server->nextPendingConnection();
-        return QTest::qWaitFor([&] { return session.tcpConnected(); }, 5000) ? device : nullptr;
+        return QTest::qWaitFor([&] { return session.tcpConnected(); }, 30000) ? device : nullptr;
     }
 
     // Chooses an entry the way a user does, with the keyboard.
@@ -336,7 +336,7 @@ private Q_SLOTS:
         QSignalSpy gone(device, &QTcpSocket::disconnected);
         child<QAction>("MnuDisconnect")->trigger();
         QCOMPARE(session.connectionKind(), QString());
-        QVERIFY(gone.count() || gone.wait(5000));
+        QVERIFY(gone.count() || gone.wait(30000));
         QCOMPARE(out.appends, (Appends { { "\r\n\r\nDisconected\r\n", 36u } }));
 
         PtyDevice line;
@@ -465,7 +465,7 @@ private Q_SLOTS:
         for (const char *keys : { "127.", "000.", "\b", ".", "0.", "1" })
             QTest::keyClicks(QApplication::focusWidget(), keys);
         QTest::mouseClick(tcp.okButton(), Qt::LeftButton);
-        QVERIFY(m_server->waitForNewConnection(5000));
+        QVERIFY(m_server->waitForNewConnection(30000));
         QCOMPARE(session.deviceAddress(), QStringLiteral("127.0.0.1"));
         QCOMPARE(ConnectionHistory::entry(0), QStringList({ "127", "0", "0", "1" }));
     }

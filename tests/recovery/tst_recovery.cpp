@@ -100,7 +100,7 @@ class TestRecovery : public QObject
         m_received.clear();
         m_console->session()->ConnectModem(m_serialPath, "9600", "None", "8", "1", "Xon/Xoff");
         // Connecting writes one CR; start with a quiet line.
-        const bool connected = QTest::qWaitFor([this] { return m_received == "\r"; }, 2000);
+        const bool connected = QTest::qWaitFor([this] { return m_received == "\r"; }, 30000);
         m_received.clear();
         return connected && m_console->session()->connectionKind() == QLatin1String("Serial");
     }

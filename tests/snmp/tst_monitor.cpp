@@ -241,14 +241,14 @@ void TestMonitor::realAgent()
     const auto get = [&](const QString &oid) {
         QProcess p;
         p.start(snmpget, { "-v1", "-c", "tarnwick", "-Oqv", "-t", "1", "-r", "1", address, oid });
-        p.waitForFinished(5000);
+        p.waitForFinished(30000);
         return p.exitCode() == 0 ? QString::fromLatin1(p.readAllStandardOutput()).trimmed() : QString();
     };
     QProcess agent; // ended when the test leaves, before its folder goes
     agent.setProcessChannelMode(QProcess::MergedChannels);
     agent.start(
         snmpd, { "-f", "-Lo", "-C", "-u", "root", "--rocommunity=tarnwick 127.0.0.1", "udp:" + address });
-    QTRY_VERIFY2_WITH_TIMEOUT(!get(QStringLiteral("1.3.6.1.2.1.2.1.0")).isEmpty(), agent.readAll(), 10000);
+    QTRY_VERIFY2_WITH_TIMEOUT(!get(QStringLiteral("1.3.6.1.2.1.2.1.0")).isEmpty(), agent.readAll(), 30000);
 
     const auto sysNet = [](const QString &name, const char *file) {
         QFile f(QStringLiteral("/sys/class/net/%1/%2").arg(name, QLatin1String(file)));

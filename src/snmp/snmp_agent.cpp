@@ -1,0 +1,446 @@
+#include "snmp/snmp_agent.h"
+
+// clang-format off
+#include <net-snmp/net-snmp-config.h>
+#include <net-snmp/net-snmp-includes.h>
+// clang-format on
+
+#include <QHostAddress>
+#include <QMutex>
+#include <QStringList>
+
+#include <mutex>
+
+namespace {
+
+// net-snmp keeps its USM users in one process-wide list that session opening
+// and closing change; sessions of different consoles may do that at once.
+QMutex &libraryLock()
+{
+    static QMutex lock;
+    return lock;
+}
+
+struct Proto
+{
+    const oid *id;
+    size_t length;
+};
+
+Proto authProto(SnmpTarget::Auth auth)
+{
+    switch (auth) {
+    case SnmpTarget::Auth::Md5:
+        return { usmHMACMD5AuthProtocol, OID_LENGTH(usmHMACMD5AuthProtocol) };
+    case SnmpTarget::Auth::Sha1:
+        return { usmHMACSHA1AuthProtocol, OID_LENGTH(usmHMACSHA1AuthProtocol) };
+    case SnmpTarget::Auth::Sha224:
+        return { usmHMAC128SHA224AuthProtocol, OID_LENGTH(usmHMAC128SHA224AuthProtocol) };
+    case SnmpTarget::Auth::Sha256:
+        return { usmHMAC192SHA256AuthProtocol, OID_LENGTH(usmHMAC192SHA256AuthProtocol) };
+    case SnmpTarget::Auth::Sha384:
+        return { usmHMAC256SHA384AuthProtocol, OID_LENGTH(usmHMAC256SHA384AuthProtocol) };
+    case SnmpTarget::Auth::Sha512:
+        return { usmHMAC384SHA512AuthProtocol, OID_LENGTH(usmHMAC384SHA512AuthProtocol) };
+    }
+    return { usmHMACSHA1AuthProtocol, OID_LENGTH(usmHMACSHA1AuthProtocol) };
+}
+
+Proto privProto(SnmpTarget::Priv priv)
+{
+    switch (priv) {
+    case SnmpTarget::Priv::Des:
+        return { usmDESPrivProtocol, OID_LENGTH(usmDESPrivProtocol) };
+    case SnmpTarget::Priv::Aes128:
+        return { usmAESPrivProtocol, OID_LENGTH(usmAESPrivProtocol) };
+    case SnmpTarget::Priv::Aes192:
+        return { usmAES192PrivProtocol, OID_LENGTH(usmAES192PrivProtocol) };
+    case SnmpTarget::Priv::Aes256:
+        return { usmAES256PrivProtocol, OID_LENGTH(usmAES256PrivProtocol) };
+    }
+    return { usmAESPrivProtocol, OID_LENGTH(usmAESPrivProtocol) };
+}
+
+} // namespace
+
+void AgentSession::initLibrary()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_READ_CONFIGS, 1);
+        netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_LOAD, 1);
+        netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DISABLE_PERSISTENT_SAVE, 1);
+        netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
+        // Identifiers are numeric throughout: no MIB files are needed or read.
+        // The library's default module list would only fill stderr with
+        // "Cannot find module" where the MIB files are not installed; a MIBS
+        // the user set is left alone.
+        netsnmp_set_mib_directory("");
+        if (!qEnvironmentVariableIsSet("MIBS"))
+            qputenv("MIBS", "");
+        init_snmp("tarnwick");
+    });
+}
+
+SnmpValue toSnmpValue(const variable_list *var)
+{
+    SnmpValue v;
+    if (!var)
+        return v;
+    if (var->name && var->name_length <= MAX_OID_LEN)
+        for (size_t i = 0; i < var->name_length; ++i)
+            v.oid.append(quint32(var->name[i]));
+    v.endOfView = var->type == SNMP_ENDOFMIBVIEW;
+    const auto has = [var](size_t bytes) { return var->val.string != nullptr && var->val_len >= bytes; };
+    switch (var->type) {
+    case ASN_INTEGER:
+        if (has(sizeof(long))) {
+            v.kind = SnmpValue::Number;
+            v.number = quint64(qMax(0L, *var->val.integer)); // statuses and speeds: never negative
+            v.bits = 32;
+        }
+        break;
+    case ASN_COUNTER:
+    case ASN_GAUGE:
+    case ASN_TIMETICKS:
+    case ASN_UINTEGER:
+        if (has(sizeof(long))) {
+            v.kind = SnmpValue::Number;
+            v.number = quint32(*var->val.integer);
+            v.bits = 32;
+        }
+        break;
+    case ASN_COUNTER64:
+        if (has(sizeof(counter64))) {
+            v.kind = SnmpValue::Number;
+            v.number = (quint64(quint32(var->val.counter64->high)) << 32) | quint32(var->val.counter64->low);
+            v.bits = 64;
+        }
+        break;
+    case ASN_OCTET_STR:
+    case ASN_IPADDRESS:
+    case ASN_OPAQUE:
+        v.kind = SnmpValue::Bytes;
+        if (var->val.string && var->val_len > 0)
+            v.bytes = QByteArray(reinterpret_cast<const char *>(var->val.string),
+                qsizetype(qMin<size_t>(var->val_len, 65535)));
+        break;
+    default:
+        break;
+    }
+    return v;
+}
+
+Oid parseOid(const QString &dotted)
+{
+    Oid oid;
+    const QStringList pieces = dotted.trimmed().split(QLatin1Char('.'), Qt::SkipEmptyParts);
+    for (const QString &piece : pieces) {
+        bool ok = false;
+        const qulonglong n = piece.toULongLong(&ok);
+        if (!ok || n > 0xFFFFFFFFull)
+            return {};
+        oid.append(quint32(n));
+    }
+    return oid.size() >= 2 ? oid : Oid();
+}
+
+QString oidText(const Oid &oid)
+{
+    QStringList pieces;
+    for (quint32 n : oid)
+        pieces << QString::number(n);
+    return pieces.join(QLatin1Char('.'));
+}
+
+std::optional<int> columnIndex(const Oid &column, const Oid &oid)
+{
+    if (oid.size() != column.size() + 1 || !std::equal(column.begin(), column.end(), oid.begin()))
+        return std::nullopt;
+    const quint32 index = oid.last();
+    if (index < 1 || index > 0x7FFFFFFF)
+        return std::nullopt;
+    return int(index);
+}
+
+QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &library)
+{
+    switch (snmpErr) {
+    case SNMPERR_TIMEOUT:
+        return QStringLiteral("No response from %1 (%2 tries)").arg(target.host).arg(target.tries);
+    case SNMPERR_UNKNOWN_USER_NAME:
+    case SNMPERR_USM_UNKNOWNSECURITYNAME:
+        return QStringLiteral("Unknown user name \"%1\"").arg(target.user);
+    case SNMPERR_AUTHENTICATION_FAILURE:
+    case SNMPERR_USM_AUTHENTICATIONFAILURE:
+        return QStringLiteral("Wrong digest: check the authentication password and protocol");
+    case SNMPERR_DECRYPTION_ERR:
+    case SNMPERR_USM_DECRYPTIONERROR:
+        return QStringLiteral("Decryption error: check the privacy password and protocol");
+    case SNMPERR_NOT_IN_TIME_WINDOW:
+    case SNMPERR_USM_NOTINTIMEWINDOW:
+        return QStringLiteral("Not in time window: the agent's clock or boot count disagrees");
+    case SNMPERR_UNKNOWN_ENG_ID:
+    case SNMPERR_USM_UNKNOWNENGINEID:
+        return QStringLiteral("Unknown engine ID");
+    case SNMPERR_UNSUPPORTED_SEC_LEVEL:
+    case SNMPERR_USM_UNSUPPORTEDSECURITYLEVEL:
+        return QStringLiteral("Security level not supported for user \"%1\"").arg(target.user);
+    case SNMPERR_USM_ENCRYPTIONERROR:
+        return QStringLiteral("Encryption error: check the privacy protocol");
+    case SNMPERR_BAD_ADDRESS:
+    case SNMPERR_BAD_PARSE:
+        return QStringLiteral("Cannot use the address %1").arg(target.host);
+    default:
+        return library.isEmpty() ? QStringLiteral("SNMP error %1").arg(snmpErr) : library;
+    }
+}
+
+AgentSession::AgentSession(const SnmpTarget &target)
+    : m_target(target)
+{ }
+
+AgentSession::~AgentSession()
+{
+    if (m_session) {
+        QMutexLocker lock(&libraryLock());
+        snmp_sess_close(m_session);
+    }
+}
+
+void AgentSession::fail(int code, const QString &library)
+{
+    m_errorCode = code;
+    m_error = agentErrorText(code, m_target, library);
+}
+
+bool AgentSession::open()
+{
+    initLibrary();
+    const bool v6 = QHostAddress(m_target.host).protocol() == QAbstractSocket::IPv6Protocol;
+    QByteArray peer = (v6 ? QStringLiteral("udp6:[%1]:%2") : QStringLiteral("udp:%1:%2"))
+                          .arg(m_target.host)
+                          .arg(m_target.port)
+                          .toLatin1();
+    QByteArray community = m_target.community.toLatin1();
+    QByteArray user = m_target.user.toUtf8();
+    QByteArray context = m_target.context.toUtf8();
+    QByteArray authPassword = m_target.authPassword.toUtf8();
+    QByteArray privPassword = m_target.privPassword.toUtf8();
+
+    netsnmp_session s;
+    snmp_sess_init(&s);
+    s.peername = peer.data();
+    s.timeout = long(qMax(1, m_target.timeoutMs)) * 1000;
+    s.retries = qMax(1, m_target.tries) - 1;
+    if (m_target.version == 3) {
+        s.version = SNMP_VERSION_3;
+        s.securityName = user.data();
+        s.securityNameLen = size_t(user.size());
+        s.contextName = context.data();
+        s.contextNameLen = size_t(context.size());
+        s.securityLevel = m_target.level == SnmpTarget::Level::AuthPriv ? SNMP_SEC_LEVEL_AUTHPRIV
+            : m_target.level == SnmpTarget::Level::AuthNoPriv           ? SNMP_SEC_LEVEL_AUTHNOPRIV
+                                                                        : SNMP_SEC_LEVEL_NOAUTH;
+        if (m_target.needsAuth()) {
+            const Proto auth = authProto(m_target.auth);
+            s.securityAuthProto = const_cast<oid *>(auth.id);
+            s.securityAuthProtoLen = auth.length;
+            s.securityAuthKeyLen = USM_AUTH_KU_LEN;
+            if (generate_Ku(auth.id, u_int(auth.length),
+                    reinterpret_cast<const u_char *>(authPassword.constData()), size_t(authPassword.size()),
+                    s.securityAuthKey, &s.securityAuthKeyLen)
+                != SNMPERR_SUCCESS) {
+                fail(SNMPERR_GENERR,
+                    QStringLiteral("The authentication password needs at least 8 characters"));
+                return false;
+            }
+        }
+        if (m_target.needsPriv()) {
+            const Proto auth = authProto(m_target.auth);
+            const Proto priv = privProto(m_target.priv);
+            s.securityPrivProto = const_cast<oid *>(priv.id);
+            s.securityPrivProtoLen = priv.length;
+            s.securityPrivKeyLen = USM_PRIV_KU_LEN;
+            if (generate_Ku(auth.id, u_int(auth.length),
+                    reinterpret_cast<const u_char *>(privPassword.constData()), size_t(privPassword.size()),
+                    s.securityPrivKey, &s.securityPrivKeyLen)
+                != SNMPERR_SUCCESS) {
+                fail(SNMPERR_GENERR, QStringLiteral("The privacy password needs at least 8 characters"));
+                return false;
+            }
+        }
+    } else {
+        s.version = SNMP_VERSION_2c;
+        s.community = reinterpret_cast<u_char *>(community.data());
+        s.community_len = size_t(community.size());
+    }
+
+    QMutexLocker lock(&libraryLock());
+    // net-snmp keeps its USM users (name, engine, keys) for the whole process
+    // and a new session that names a known user gets that user's keys, not
+    // its own: a corrected password would never reach the wire. So users of
+    // this name with other keys or protocols go before the session opens.
+    // (Two consoles polling one user name with different passwords at once
+    // would take turns failing; net-snmp's design leaves no way round that.)
+    if (m_target.version == 3) {
+        const auto same = [](const oid *a, size_t aLen, const oid *b, size_t bLen) {
+            return (!a && !b) || (a && b && snmp_oid_compare(a, aLen, b, bLen) == 0);
+        };
+        const auto sameKey = [](const u_char *a, size_t aLen, const u_char *b, size_t bLen) {
+            return aLen == bLen && (aLen == 0 || (a && b && memcmp(a, b, aLen) == 0));
+        };
+        for (usmUser *u = usm_get_userList(); u;) {
+            usmUser *next = u->next;
+            const bool stale = u->secName && user == u->secName
+                && ((m_target.needsAuth()
+                        && (!same(u->authProtocol, u->authProtocolLen, s.securityAuthProto,
+                                s.securityAuthProtoLen)
+                            || !sameKey(
+                                u->authKeyKu, u->authKeyKuLen, s.securityAuthKey, s.securityAuthKeyLen)))
+                    || (m_target.needsPriv()
+                        && (!same(u->privProtocol, u->privProtocolLen, s.securityPrivProto,
+                                s.securityPrivProtoLen)
+                            || !sameKey(
+                                u->privKeyKu, u->privKeyKuLen, s.securityPrivKey, s.securityPrivKeyLen))));
+            if (stale) {
+                usm_remove_user(u);
+                usm_free_user(u);
+            }
+            u = next;
+        }
+    }
+    m_session = snmp_sess_open(&s);
+    if (!m_session) {
+        int libErr = 0, sysErr = 0;
+        char *text = nullptr;
+        snmp_error(&s, &libErr, &sysErr, &text);
+        fail(s.s_snmp_errno ? s.s_snmp_errno : libErr, QString::fromLocal8Bit(text));
+        free(text);
+        return false;
+    }
+    return true;
+}
+
+bool AgentSession::request(void *pdu, void **response)
+{
+    netsnmp_pdu *reply = nullptr;
+    const int status = snmp_sess_synch_response(m_session, static_cast<netsnmp_pdu *>(pdu), &reply);
+    m_answered = status == STAT_SUCCESS && reply;
+    if (status == STAT_SUCCESS && reply && reply->errstat == SNMP_ERR_NOERROR) {
+        *response = reply;
+        return true;
+    }
+    if (status == STAT_SUCCESS && reply) {
+        fail(SNMPERR_GENERR,
+            QStringLiteral("The agent answered: %1")
+                .arg(QString::fromLatin1(snmp_errstring(int(reply->errstat)))));
+    } else if (status == STAT_TIMEOUT) {
+        fail(SNMPERR_TIMEOUT);
+    } else {
+        int libErr = 0, sysErr = 0;
+        char *text = nullptr;
+        snmp_sess_error(m_session, &libErr, &sysErr, &text);
+        // A USM report's error reaches only the library-wide error number.
+        fail(libErr ? libErr : snmp_errno, QString::fromLocal8Bit(text));
+        free(text);
+    }
+    if (reply)
+        snmp_free_pdu(reply);
+    return false;
+}
+
+bool AgentSession::get(const QList<Oid> &oids, QList<SnmpValue> &values)
+{
+    values.clear();
+    if (!m_session && !open())
+        return false;
+    netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GET);
+    for (const Oid &o : oids) {
+        std::vector<oid> name(o.begin(), o.end());
+        snmp_add_null_var(pdu, name.data(), name.size());
+    }
+    void *reply = nullptr;
+    if (!request(pdu, &reply))
+        return false;
+    for (variable_list *v = static_cast<netsnmp_pdu *>(reply)->variables; v; v = v->next_variable)
+        values.append(toSnmpValue(v));
+    snmp_free_pdu(static_cast<netsnmp_pdu *>(reply));
+    while (values.size() < oids.size())
+        values.append(SnmpValue());
+    return true;
+}
+
+bool AgentSession::bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList<QList<SnmpValue>> &values)
+{
+    values = QList<QList<SnmpValue>>(columns.size());
+    if (!m_session && !open())
+        return false;
+    QList<Oid> cursor = columns;
+    QList<int> active;
+    for (int i = 0; i < columns.size(); ++i)
+        active.append(i);
+    // An agent that never leaves a column would keep us here for ever.
+    constexpr int instanceLimit = 100000;
+    int instances = 0;
+    while (!active.isEmpty() && instances < instanceLimit) {
+        netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GETBULK);
+        pdu->non_repeaters = 0;
+        pdu->max_repetitions = qMax(1, maxRepetitions / int(active.size()));
+        for (int c : std::as_const(active)) {
+            std::vector<oid> name(cursor[c].begin(), cursor[c].end());
+            snmp_add_null_var(pdu, name.data(), name.size());
+        }
+        void *reply = nullptr;
+        if (!request(pdu, &reply))
+            return false;
+        QList<bool> done(active.size(), false);
+        int n = 0;
+        bool any = false;
+        for (variable_list *v = static_cast<netsnmp_pdu *>(reply)->variables; v; v = v->next_variable, ++n) {
+            const int slot = n % int(active.size());
+            if (done[slot])
+                continue;
+            const int c = active[slot];
+            SnmpValue value = toSnmpValue(v);
+            const Oid &column = columns[c];
+            const bool inside = !value.endOfView && value.oid.size() > column.size()
+                && std::equal(column.begin(), column.end(), value.oid.begin());
+            // Identifiers must grow, or the agent is going round in circles.
+            if (!inside || !(cursor[c] < value.oid)) {
+                done[slot] = true;
+                continue;
+            }
+            cursor[c] = value.oid;
+            values[c].append(std::move(value));
+            any = true;
+            ++instances;
+        }
+        snmp_free_pdu(static_cast<netsnmp_pdu *>(reply));
+        QList<int> still;
+        for (int slot = 0; slot < active.size(); ++slot)
+            if (!done[slot] && any)
+                still.append(active[slot]);
+        active = still;
+    }
+    return true;
+}
+
+CredentialFault credentialFault(int snmpErr)
+{
+    if (snmpErr == SNMPERR_AUTHENTICATION_FAILURE || snmpErr == SNMPERR_USM_AUTHENTICATIONFAILURE)
+        return CredentialFault::Auth;
+    if (snmpErr == SNMPERR_DECRYPTION_ERR || snmpErr == SNMPERR_USM_DECRYPTIONERROR)
+        return CredentialFault::Priv;
+    return CredentialFault::None;
+}
+
+int AgentSession::timeoutError()
+{
+    return SNMPERR_TIMEOUT;
+}
+
+int AgentSession::decryptionError()
+{
+    return SNMPERR_USM_DECRYPTIONERROR;
+}

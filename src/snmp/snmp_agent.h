@@ -1,0 +1,127 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QMetaType>
+#include <QString>
+
+#include <optional>
+
+struct variable_list;
+
+// What the v2c and v3 monitor talks to an agent with: a thin layer over
+// net-snmp's single-session API. net-snmp does the protocol work (USM, engine
+// ID discovery, key localisation, privacy, GetBulk, time-outs and retries);
+// this layer turns our settings into its session, its variables into plain
+// values and its errors into words. Calls block for up to time-out × tries, so
+// an AgentSession lives on a worker thread, never on the UI thread.
+
+using Oid = QList<quint32>;
+
+// Who to poll and how. version is 2 (v2c) or 3.
+struct SnmpTarget
+{
+    enum class Level { NoAuthNoPriv, AuthNoPriv, AuthPriv };
+    enum class Auth { Md5, Sha1, Sha224, Sha256, Sha384, Sha512 };
+    enum class Priv { Des, Aes128, Aes192, Aes256 };
+
+    QString host;
+    quint16 port = 161;
+    int version = 2;
+    QString community;
+    QString user;
+    Level level = Level::AuthPriv;
+    Auth auth = Auth::Sha1;
+    Priv priv = Priv::Aes128;
+    QString authPassword;
+    QString privPassword;
+    QString context;
+    int timeoutMs = 1000;
+    int tries = 3;
+
+    bool operator==(const SnmpTarget &) const = default;
+    bool needsAuth() const { return version == 3 && level != Level::NoAuthNoPriv; }
+    bool needsPriv() const { return version == 3 && level == Level::AuthPriv; }
+};
+
+// One value as our code sees it. Integers, counters, gauges and time ticks
+// are numbers (bits tells a Counter64 from the 32-bit kinds); strings,
+// addresses and opaque values are bytes; noSuchObject, noSuchInstance,
+// endOfMibView and NULL are Missing.
+struct SnmpValue
+{
+    enum Kind { Missing, Number, Bytes };
+    Oid oid;
+    Kind kind = Missing;
+    quint64 number = 0;
+    int bits = 0;
+    QByteArray bytes;
+    bool endOfView = false;
+};
+
+// Converts one net-snmp variable, checking the length of what it points at
+// before reading it (a value shorter than its type needs is Missing).
+SnmpValue toSnmpValue(const variable_list *var);
+
+// "1.3.6.1.2.1.2.2.1.10" as an identifier; empty when any piece is not a
+// number below 2^32 or there are fewer than two pieces.
+Oid parseOid(const QString &dotted);
+QString oidText(const Oid &oid);
+
+// The instance of a table column: oid is column.<index> with exactly one more
+// piece, index 1 to 2^31 - 1 as IF-MIB allows; nullopt for anything else.
+std::optional<int> columnIndex(const Oid &column, const Oid &oid);
+
+// A net-snmp library error (SNMPERR_*) in words. Time-outs read
+// "No response from HOST (N tries)".
+QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &library = QString());
+
+class AgentSession
+{
+public:
+    explicit AgentSession(const SnmpTarget &target);
+    ~AgentSession();
+    AgentSession(const AgentSession &) = delete;
+    AgentSession &operator=(const AgentSession &) = delete;
+
+    // Opens the session (for v3 this discovers the engine and localises the
+    // keys, waiting on the agent). False with the reason in error().
+    bool open();
+    bool isOpen() const { return m_session != nullptr; }
+
+    // A GetRequest for the given identifiers: one value each, in order.
+    bool get(const QList<Oid> &oids, QList<SnmpValue> &values);
+
+    // Walks table columns side by side with GetBulk: values[i] receives the
+    // instances of columns[i] in order. maxRepetitions is shared among the
+    // columns still being walked.
+    bool bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList<QList<SnmpValue>> &values);
+
+    QString error() const { return m_error; }
+    int errorCode() const { return m_errorCode; }
+    // The last request failed but the agent did answer (an error status).
+    bool answered() const { return m_answered; }
+
+    static int timeoutError();
+    static int decryptionError();
+
+    // Sets net-snmp up once per process: it reads no configuration or
+    // persistent files of its own (the user's ~/.snmp stays untouched).
+    static void initLibrary();
+
+private:
+    bool request(void *pdu, void **response);
+    void fail(int code, const QString &library = QString());
+
+    SnmpTarget m_target;
+    void *m_session = nullptr;
+    QString m_error;
+    int m_errorCode = 0;
+    bool m_answered = false;
+};
+
+Q_DECLARE_METATYPE(SnmpTarget)
+
+// Which password a v3 error blames, so a wrong one is not offered again.
+enum class CredentialFault { None, Auth, Priv };
+CredentialFault credentialFault(int snmpErr);

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "snmp/snmp_agent.h"
+
+#include <optional>
+
+// The SNMP tab's settings for one device of the connection history (the
+// version, community, v3 user, levels, protocols and context, the interval,
+// time-out and tries), kept under "SnmpProfiles/HOST" in the settings store.
+// Passwords are not among them: see SnmpCredentials.
+struct SnmpProfile
+{
+    int version = 1; // 1: "v1 (classic)", 2: "v2c", 3: "v3"
+    SnmpTarget target;
+    int intervalMs = 5000;
+
+    bool operator==(const SnmpProfile &) const = default;
+};
+
+namespace SnmpProfiles {
+std::optional<SnmpProfile> load(const QString &host);
+void save(const QString &host, const SnmpProfile &profile);
+} // namespace SnmpProfiles

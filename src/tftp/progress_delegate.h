@@ -1,0 +1,19 @@
+#pragma once
+
+#include <QStyledItemDelegate>
+
+// Draws the "Data sent/Received" column as a progress bar while a transfer
+// with a known size runs ("1048576 of 100000000 bytes (1%)"), with that text
+// on the bar; any other text is drawn as it is. The model keeps the text, so
+// --headless output and copying rows are unchanged.
+class ProgressDelegate : public QStyledItemDelegate
+{
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+    // The percentage a progress text ends with, or -1.
+    static int percentOf(const QString &text);
+
+    void paint(
+        QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override;
+};

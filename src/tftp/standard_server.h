@@ -1,0 +1,87 @@
+#pragma once
+
+#include "tftp/standard_engine.h"
+
+#include <QHash>
+#include <QHostAddress>
+#include <QObject>
+#include <QPersistentModelIndex>
+#include <QThread>
+
+class AccessList;
+class CaptureSink;
+class StandardLoop;
+class TransferMonitor;
+
+// The standard TFTP profile as the rest of the program sees it: it starts
+// the engine on a thread of its own (StandardLoop, StandardEngine) and is the
+// only place that talks to it. Settings and the access list go there as
+// queued calls; rows, the socket table, captured uploads and reports come
+// back as queued signals, applied here to the monitor on the UI thread.
+//
+// Rows are matched by the engine's own row number, kept here as a persistent
+// index, so a row keeps receiving its updates when older rows are dropped
+// from the list above it.
+//
+// listen() and stopListening() wait for the engine's thread to bind or close
+// the port, so that switching profiles hands the port over without a gap
+// in which both or neither hold it.
+class StandardServer : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr int defaultMaxTransfers = 1000;
+
+    StandardServer(TransferMonitor *monitor, AccessList *acl, QObject *parent = nullptr);
+    ~StandardServer() override;
+
+    void setPort(quint16 port);
+    void setBindAddress(const QHostAddress &address);
+    void setConfine(bool on);
+    // The limit asked for (--tftp-max-transfers, "TftpMaxTransfers"). Each
+    // transfer needs two descriptors (socket and file); when the process may
+    // not open that many, the limit is lowered and limitLowered says so.
+    void setMaxTransfers(int limit);
+    int maxTransfers() const { return m_maxTransfers; }
+    void setCaptureSink(CaptureSink *sink);
+    void setCapturing(bool on);
+    void setRetransmitInterval(int ms); // tests
+
+    bool listen();
+    void stopListening();
+    bool isListening() const { return m_listening; }
+    QString errorString() const { return m_error; }
+    quint16 port() const { return m_port; }
+
+    // Returns once the engine has handled every call made before (tests).
+    void waitForEngine();
+    // Rows of the transfer list whose transfer still runs.
+    bool rowRunning(int row) const;
+
+    // Raises the soft RLIMIT_NOFILE to the hard limit; returns the limit now in force.
+    static quint64 raiseDescriptorLimit();
+
+Q_SIGNALS:
+    void limitReached(const QString &text);
+    void limitLowered(const QString &text);
+    void accessDecisionFailed(const QString &text);
+
+private:
+    void applyRows(const QList<StandardRow> &rows);
+    void applySockets(const StandardSocketRows &rows);
+    void sendAccessList();
+    template <typename F> void onEngine(F &&call);
+
+    TransferMonitor *m_monitor;
+    AccessList *m_acl;
+    CaptureSink *m_capture = nullptr;
+    QThread m_thread;
+    StandardLoop *m_loop;
+    StandardEngine *m_engine;
+    QHash<quint64, QPersistentModelIndex> m_rows; // running rows, by the engine's row number
+    quint16 m_port = 69;
+    QHostAddress m_bindAddress { QHostAddress::AnyIPv4 };
+    int m_maxTransfers = defaultMaxTransfers;
+    bool m_listening = false;
+    QString m_error;
+};

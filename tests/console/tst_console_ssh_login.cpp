@@ -1,0 +1,196 @@
+#include "console/console_session.h"
+#include "console/ssh_connection.h"
+#include "private_sshd.h"
+#include "test_support.h"
+#include "tftp/tftp_test_peer.h"
+
+#include <QLocalServer>
+#include <QLocalSocket>
+
+#include <csignal>
+
+// How an SSH console logs in and ends against a private sshd: an agent that
+// never answers, a server that gives up during the login, keys offered the
+// way OpenSSH offers them, a logout, and a peer that stops answering.
+class TestConsoleSshLogin : public QObject
+{
+    Q_OBJECT
+    PrivateSshd m_sshd;
+    ConsoleSession *m_session = nullptr;
+    QString m_text;
+
+    void connectFakeR1()
+    {
+        m_text.clear();
+        m_session->ConnectSSH(QStringLiteral("fake-r1"), 0, QString());
+    }
+    bool loggedIn() const { return m_text.endsWith(QLatin1String("R1#")) && m_session->sshOpen(); }
+
+    // A real ssh-agent holding the given keys, for SSH_AUTH_SOCK.
+    QString startAgent(QProcess &agent, const QStringList &keys)
+    {
+        const QString socket = m_sshd.path(QStringLiteral("agent.sock"));
+        QFile::remove(socket);
+        agent.start(QStringLiteral("ssh-agent"), { QStringLiteral("-D"), QStringLiteral("-a"), socket });
+        if (!agent.waitForStarted()
+            || !QTest::qWaitFor([&] { return QFile::exists(socket); }, PrivateSshd::waitMs))
+            return {};
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("SSH_AUTH_SOCK"), socket);
+        for (const QString &key : keys) {
+            if (!PrivateSshd::run(QStringLiteral("ssh-add"), { QStringLiteral("-q"), key }, env))
+                return {};
+        }
+        return socket;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY2(m_sshd.prepare(), "sshd or ssh-keygen is missing: install openssh-server");
+    }
+
+    void init()
+    {
+        m_session = new ConsoleSession;
+        // Line ends as the console shows them: CR LF or a lone CR is one break.
+        connect(m_session, &ConsoleSession::terminalAppend, this, [this](QString text) {
+            m_text += text.replace(QLatin1String("\r\n"), QLatin1String("\n"))
+                          .replace(QLatin1Char('\r'), QLatin1Char('\n'));
+        });
+        qunsetenv("SSH_AUTH_SOCK");
+        QVERIFY(PrivateSshd::writeFile(
+            m_sshd.path("authorized_keys"), PrivateSshd::readFile(m_sshd.sshFile("id_ed25519.pub"))));
+    }
+
+    void cleanup()
+    {
+        delete m_session;
+        m_sshd.stop();
+    }
+
+    void silentAgentFreezesNothing()
+    {
+        m_sshd.start();
+        tftptest::Fixture tftp("served meanwhile");
+        QLocalServer agent;
+        QVERIFY(agent.listen(m_sshd.path(QStringLiteral("silent.sock"))));
+        qputenv("SSH_AUTH_SOCK", QFile::encodeName(agent.fullServerName()));
+        m_session->ssh()->setHandshakeTimeout(600000);
+
+        // Held by the agent: the TFTP server in the same process keeps serving.
+        m_session->ssh()->setAgentTimeout(600000);
+        connectFakeR1();
+        QTRY_VERIFY_WITH_TIMEOUT(agent.hasPendingConnections(), PrivateSshd::waitMs);
+        QLocalSocket *held = agent.nextPendingConnection();
+        QTRY_VERIFY_WITH_TIMEOUT(held->bytesAvailable() >= 5, PrivateSshd::waitMs);
+        tftptest::Client client;
+        QCOMPARE(tftp.download(client, "f.bin"), QByteArray("served meanwhile"));
+        QVERIFY(!m_text.contains(QLatin1String("R1#")));
+        // An agent that goes away: the key file takes over.
+        held->abort();
+        QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
+        m_session->disconnectSession();
+
+        // Past the time limit the login goes on without the agent.
+        m_session->ssh()->setAgentTimeout(50);
+        connectFakeR1();
+        QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
+        QVERIFY2(m_text.contains(QLatin1String("SSH agent did not answer; trying other methods\n")),
+            qPrintable(m_text));
+        m_session->disconnectSession();
+    }
+
+    void keysOfferedAsOpenSshDoes()
+    {
+        // Three keys in the agent, the server gives up after two refusals.
+        for (const char *name : { "k1", "k2", "k3" })
+            QVERIFY(PrivateSshd::keygen(m_sshd.sshFile(QLatin1String(name))));
+        QVERIFY(PrivateSshd::writeFile(
+            m_sshd.path("authorized_keys"), PrivateSshd::readFile(m_sshd.sshFile("k3.pub"))));
+        QProcess agent;
+        const QString socket
+            = startAgent(agent, { m_sshd.sshFile("k1"), m_sshd.sshFile("k2"), m_sshd.sshFile("k3") });
+        QVERIFY(!socket.isEmpty());
+        qputenv("SSH_AUTH_SOCK", QFile::encodeName(socket));
+        m_session->ssh()->setHandshakeTimeout(600000);
+
+        // Every agent key offered: the server closes the connection, and that
+        // is said at once, with its reason.
+        m_sshd.start("MaxAuthTries 2\n", "    IdentityFile ~/.ssh/k3\n");
+        connectFakeR1();
+        QTRY_VERIFY2_WITH_TIMEOUT(
+            m_session->connectionKind().isEmpty(), qPrintable(m_text), PrivateSshd::waitMs);
+        QVERIFY2(m_text.contains(QLatin1String("SSH Err: Connection closed by fake-r1 during login: ")),
+            qPrintable(m_text));
+        QVERIFY2(m_text.contains(QLatin1String("Too many authentication failures")), qPrintable(m_text));
+
+        // IdentitiesOnly: only the IdentityFile key, through the agent.
+        m_sshd.start("MaxAuthTries 2\n", "    IdentityFile ~/.ssh/k3\n    IdentitiesOnly yes\n");
+        connectFakeR1();
+        QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
+        QTRY_VERIFY_WITH_TIMEOUT(m_sshd.log().contains("Accepted publickey"), PrivateSshd::waitMs);
+        QCOMPARE(m_sshd.log().count("Failed publickey"), 0);
+        m_session->disconnectSession();
+        agent.kill();
+        agent.waitForFinished();
+    }
+
+    void logoutSaysSoAndEnterReconnects()
+    {
+        m_sshd.start();
+        connectFakeR1();
+        QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
+        m_session->send("logout 3\r");
+        QTRY_VERIFY_WITH_TIMEOUT(
+            m_text.endsWith(QLatin1String("Press Enter to reconnect\n")), PrivateSshd::waitMs);
+        QVERIFY2(m_text.contains(QLatin1String("Session closed by fake-r1 (exit status 3)\n")),
+            qPrintable(m_text.right(300)));
+        QVERIFY(!m_text.contains(QLatin1String("timed out")));
+        QCOMPARE(m_session->connectionKind(), QString());
+
+        // Any other key does nothing; Enter opens the session again.
+        m_session->send("x");
+        QCOMPARE(m_session->connectionKind(), QString());
+        m_session->send("\r");
+        QTRY_VERIFY_WITH_TIMEOUT(m_text.endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
+        QVERIFY(m_session->sshOpen());
+        m_session->disconnectSession();
+    }
+
+    void keepAlivesInsteadOfTypedCharacters()
+    {
+        // A count no slow machine runs out of while the peer is alive.
+        m_sshd.start({}, "    ServerAliveInterval 1\n    ServerAliveCountMax 1000\n");
+        connectFakeR1();
+        QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
+        // Two idle rounds, the second of which typed backspace-space on raw TCP.
+        m_session->setTimerIntervals(0, 1);
+        QTRY_COMPARE_WITH_TIMEOUT(m_session->keepAlive(), qint16(2), PrivateSshd::waitMs);
+        QTRY_COMPARE_WITH_TIMEOUT(m_session->keepAlive(), qint16(1), PrivateSshd::waitMs);
+        m_session->setTimerIntervals(0, 1000);
+        m_session->send("show version\r");
+        QTRY_VERIFY_WITH_TIMEOUT(
+            m_text.contains(QLatin1String("R1#show version\nFake IOS")), PrivateSshd::waitMs);
+        QTRY_VERIFY_WITH_TIMEOUT(m_sshd.log().contains("keepalive@openssh.com"), PrivateSshd::waitMs);
+        m_session->disconnectSession();
+
+        // The device stops answering: lost after the unanswered keep-alives.
+        QVERIFY(m_sshd.writeClientConfig("    ServerAliveInterval 1\n    ServerAliveCountMax 2\n"));
+        connectFakeR1();
+        QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
+        const QList<qint64> sessions = PrivateSshd::descendants(m_sshd.process.processId());
+        QVERIFY(!sessions.isEmpty());
+        for (qint64 pid : sessions)
+            ::kill(pid_t(pid), SIGSTOP);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            m_text.endsWith(QLatin1String("Press Enter to reconnect\n")), PrivateSshd::waitMs);
+        QVERIFY2(m_text.contains(QLatin1String("Connection to fake-r1 lost: no answer to 2 keep-alives\n")),
+            qPrintable(m_text));
+        for (qint64 pid : sessions)
+            ::kill(pid_t(pid), SIGKILL);
+    }
+};
+
+QTEST_MAIN(TestConsoleSshLogin)
+#include "tst_console_ssh_login.moc"

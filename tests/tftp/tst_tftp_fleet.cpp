@@ -1,0 +1,308 @@
+// The standard engine as a fleet meets it: refusals mixed with allowed requests, the transfer limit,
+// repeated requests, a thousand transfers at once, the port handed between profiles, and files that
+// are not what they seem (a FIFO, a file that shrinks while it is read).
+
+#include "access/access_list.h"
+#include "access/mask_display.h"
+#include "tftp/standard_engine.h"
+#include "tftp/standard_server.h"
+#include "tftp/tftp_server.h"
+#include "tftp/transfer_monitor.h"
+#include "tftp_test_peer.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+using TM = TransferMonitor;
+using namespace tftptest;
+
+namespace {
+
+struct Fleet
+{
+    QTemporaryDir dir;
+    TransferMonitor monitor;
+    AccessList acl;
+    StandardServer server { &monitor, &acl };
+    quint16 port = 0;
+    QString folder = dir.filePath("share");
+
+    explicit Fleet(const QByteArray &content, int limit = 1000)
+    {
+        port = tw::test::freeUdpPort();
+        QDir().mkpath(folder);
+        acl.appendEntry({ "127.0.0.0", maskDisplayForm(8), "yes", "yes", folder, 8 });
+        acl.appendEntry({ "127.0.0.2", maskDisplayForm(32), "no", "no", folder, 32 });
+        writeFile(folder + "/f.bin", content);
+        server.setPort(port);
+        server.setBindAddress(QHostAddress::LocalHost);
+        server.setMaxTransfers(limit);
+        // Nothing is re-sent unasked, however long a test takes on a loaded machine: the
+        // retransmission cases drive the engine with a clock of their own.
+        server.setRetransmitInterval(3600000);
+        if (!server.listen())
+            qFatal("cannot listen: %s", qPrintable(server.errorString()));
+    }
+    QString transfer(int row, int column) const { return monitor.transferText(row, column); }
+};
+
+// A bare client socket, for when a thousand of them are needed.
+struct RawClient
+{
+    int fd = -1;
+    quint16 peer = 0;
+    explicit RawClient(const char *address = "127.0.0.1")
+    {
+        fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in local {};
+        local.sin_family = AF_INET;
+        ::inet_pton(AF_INET, address, &local.sin_addr);
+        ::bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local);
+    }
+    ~RawClient() { ::close(fd); }
+    void send(const QByteArray &d, quint16 port) const
+    {
+        sockaddr_in to {};
+        to.sin_family = AF_INET;
+        to.sin_port = htons(port);
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::sendto(fd, d.constData(), size_t(d.size()), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    }
+    // The next datagram within timeoutMs; empty when none came.
+    QByteArray next(int timeoutMs = 10000)
+    {
+        pollfd p { fd, POLLIN, 0 };
+        if (::poll(&p, 1, timeoutMs) != 1)
+            return {};
+        char buffer[1024];
+        sockaddr_in from {};
+        socklen_t length = sizeof from;
+        const ssize_t n
+            = ::recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&from), &length);
+        peer = ntohs(from.sin_port);
+        return n < 0 ? QByteArray() : QByteArray(buffer, int(n));
+    }
+};
+
+// The engine's sockets in memory, for driving it with a clock of the test's own.
+struct MemoryNet : EngineNet
+{
+    QList<QByteArray> sent;
+    QMap<int, quint16> ports;
+    int open(quint32, quint16 port) override
+    {
+        const int socket = ports.isEmpty() ? 3 : ports.lastKey() + 1;
+        ports.insert(socket, port ? port : quint16(40000 + socket));
+        return socket;
+    }
+    void close(int socket) override { ports.remove(socket); }
+    quint16 localPort(int socket) const override { return ports.value(socket); }
+    void send(int, const QByteArray &datagram, quint32, quint16) override { sent << datagram; }
+    int sendBufferBytes(int) const override { return 212992; }
+    QString errorString() const override { return {}; }
+};
+
+} // namespace
+
+class TestTftpFleet : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    // A refused device (127.0.0.2) and allowed ones take turns: every allowed request is answered with
+    // its first block, every refusal with ERROR 2 from a port of its own, and the listener never moves.
+    void refusalsCostNothing()
+    {
+        Fleet f(pattern(100));
+        for (int round = 0; round < 50; ++round) {
+            RawClient refused("127.0.0.2"), allowed;
+            refused.send(request(1, "f.bin"), f.port);
+            allowed.send(request(1, "f.bin"), f.port);
+            QCOMPARE(refused.next().left(4), packet(5, 2));
+            QVERIFY(refused.peer != f.port);
+            QCOMPARE(allowed.next(), packet(3, 1, pattern(100)));
+            allowed.send(packet(4, 1), allowed.peer);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(f.monitor.transferCount(), 100, 30000);
+        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(100, TM::Status), QString("FINISHED OK"), 30000);
+        QCOMPARE(f.transfer(99, TM::Status), QString("Blocked"));
+        QCOMPARE(f.monitor.socketText(1, TM::SocketStatus), QString("Listen"));
+        QCOMPARE(f.monitor.socketText(1, TM::LocalPort), QString::number(f.port));
+    }
+
+    // A thousand transfers at once, each held after its first block; the socket table shows the
+    // listener and the 29 oldest. One more request gets no answer and the limit is reported once;
+    // when one transfer ends, the waiting client's retry gets in. A repeated request is not a second
+    // transfer. Then all finish.
+    void thousandAtOnce()
+    {
+        const int limit = 1000;
+        Fleet f(pattern(700), limit);
+        QSignalSpy limitSpy(&f.server, &StandardServer::limitReached);
+        std::vector<std::unique_ptr<RawClient>> clients;
+        for (int i = 0; i < limit; ++i) {
+            clients.push_back(std::make_unique<RawClient>());
+            clients.back()->send(request(1, "f.bin"), f.port);
+            if (i == 0) { // repeated at once; its row is the first
+                clients.back()->send(request(1, "f.bin"), f.port);
+                QTRY_COMPARE_WITH_TIMEOUT(f.monitor.transferCount(), 1, 30000);
+            }
+        }
+        for (auto &c : clients) { // a burst may overflow the port's buffer: retry as real clients do
+            QByteArray reply = c->next(2000);
+            for (int retry = 0; retry < 5 && reply.isEmpty(); ++retry) {
+                c->send(request(1, "f.bin"), f.port);
+                reply = c->next(2000);
+            }
+            QCOMPARE(reply, packet(3, 1, pattern(512)));
+        }
+        RawClient late;
+        late.send(request(1, "f.bin"), f.port);
+        QTRY_COMPARE_WITH_TIMEOUT(limitSpy.count(), 1, 30000);
+        QCOMPARE(limitSpy[0][0].toString(), QString("TFTP: transfer limit (1000) reached"));
+        late.send(request(1, "f.bin"), f.port);
+        QTRY_COMPARE_WITH_TIMEOUT(f.monitor.transferCount(), limit, 30000);
+        QCOMPARE(f.monitor.socketText(30, TM::SocketStatus), QString("SENDING"));
+        QCOMPARE(f.transfer(1, TM::Status), QString("Allowed"));
+        // The first client finishes; the late one's retry is taken.
+        clients[0]->send(packet(4, 1), clients[0]->peer);
+        QCOMPARE(clients[0]->next(), packet(3, 2, pattern(700).mid(512)));
+        clients[0]->send(packet(4, 2), clients[0]->peer);
+        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(1, TM::Status), QString("FINISHED OK"), 30000);
+        late.send(request(1, "f.bin"), f.port);
+        QCOMPARE(late.next(), packet(3, 1, pattern(512)));
+        QCOMPARE(limitSpy.count(), 1);
+        QCOMPARE(clients[0]->next(0), QByteArray()); // the repeated request made no second transfer
+        for (size_t i = 1; i < clients.size(); ++i) {
+            clients[i]->send(packet(4, 1), clients[i]->peer);
+            QCOMPARE(clients[i]->next().left(4), packet(3, 2));
+            clients[i]->send(packet(4, 2), clients[i]->peer);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(limit, TM::Status), QString("FINISHED OK"), 30000);
+        QCOMPARE(f.monitor.transferCount(), limit + 1);
+    }
+
+    // The port goes from the classic server to the engine and back; a transfer running under either
+    // finishes under the one that started it.
+    void switchingHandsOverThePort()
+    {
+        Fleet f(pattern(1500));
+        f.server.stopListening();
+        TftpServer classic(&f.monitor, &f.acl);
+        classic.setPort(f.port);
+        classic.setBindAddress(QHostAddress::LocalHost);
+        classic.setTraceFilePath(f.dir.filePath("bugfix.ini"));
+        QVERIFY(classic.start());
+        Client old;
+        old.send(request(1, "f.bin"), f.port);
+        QCOMPARE(old.next(), packet(3, 1, pattern(512)));
+        classic.setStandardProfile(true);
+        QVERIFY(f.server.listen());
+        Client fresh;
+        fresh.send(request(1, "f.bin", "octet", bytes("tsize\0000\0")), f.port);
+        QCOMPARE(fresh.next(), bytes("\0\6tsize\0001500\0"));
+        old.send(packet(4, 1), old.peer);
+        QCOMPARE(old.next(), packet(3, 2, pattern(1024).mid(512)));
+        f.server.stopListening();
+        classic.setStandardProfile(false);
+        QVERIFY(classic.listenerSlot() != 0);
+        fresh.send(packet(4, 0), fresh.peer);
+        QCOMPARE(fresh.next(), packet(3, 1, pattern(512)));
+        Client third;
+        third.send(request(1, "f.bin", "octet", bytes("tsize\0000\0")), f.port);
+        third.send(request(1, "f.bin"), f.port);
+        // The classic profile left the option request unanswered: the plain one's block comes first.
+        QCOMPARE(third.next(), packet(3, 1, pattern(512)));
+    }
+
+    // A FIFO is not served and does not stop the engine; a file that shrinks while it is read ends the
+    // transfer with the block it gives; a client holding its ACK holds the transfer mid-way, and the
+    // row shows how far it got.
+    void filesThatAreNotWhatTheySeem()
+    {
+        Fleet f(pattern(2000));
+        QCOMPARE(::mkfifo(qPrintable(f.folder + "/pipe"), 0644), 0);
+        Client client;
+        client.send(request(1, "pipe"), f.port);
+        QCOMPARE(client.next(), bytes("\0\5\0\1File not found\0"));
+        client.send(request(1, "f.bin"), f.port);
+        QCOMPARE(client.next(), packet(3, 1, pattern(512)));
+        client.send(packet(4, 1), client.peer);
+        QCOMPARE(client.next(), packet(3, 2, pattern(1024).mid(512)));
+        client.send(packet(4, 2), client.peer);
+        QCOMPARE(client.next(), packet(3, 3, pattern(1536).mid(1024)));
+        // Held here: the row shows the last ACK, however soon it followed the one before.
+        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(2, TM::DataSentReceived), QString("1024 of 2000 bytes (51%)"), 30000);
+        QVERIFY(::truncate(qPrintable(f.folder + "/f.bin"), 1300) == 0);
+        client.send(packet(4, 3), client.peer); // block 3 was read before; block 4 finds the file short
+        QCOMPARE(client.next(), packet(3, 4, QByteArray()));
+        client.send(packet(4, 4), client.peer);
+        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(2, TM::Status), QString("FINISHED OK"), 30000);
+        QCOMPARE(f.transfer(2, TM::DataSentReceived), QString("1536 bytes"));
+        QTRY_COMPARE_WITH_TIMEOUT(f.monitor.socketText(2, TM::SocketStatus), QString("ready"), 30000);
+    }
+
+    // The retransmission timer counts from the last progress: a transfer that moves on, however slowly,
+    // is never re-sent to; one that stops is, after the full interval.
+    void retransmitOnlyWhenQuiet()
+    {
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.filePath("f.bin"), pattern(512 * 40)));
+        MemoryNet net;
+        StandardEngine engine(&net);
+        qint64 clock = 0;
+        engine.setClock([&clock] { return clock; });
+        engine.setAccessEntries({ { "0.0.0.0", maskDisplayForm(0), "yes", "yes", dir.path(), 0 } });
+        engine.setAddress(0x7f000001, 69);
+        QVERIFY(engine.listen());
+        engine.receive(engine.listenerSocket(), request(1, "f.bin"), 0x7f000001, 5000, 0x7f000001);
+        const int socket = net.ports.lastKey();
+        for (int block = 1; block <= 30; ++block) {
+            QCOMPARE(net.sent.size(), block);
+            QCOMPARE(net.sent.last().left(4), packet(3, block));
+            clock += 3000; // well inside the 5 s timeout each time, far beyond it in total
+            engine.expire(clock);
+            engine.receive(socket, packet(4, block), 0x7f000001, 5000, 0x7f000001);
+        }
+        clock += 4999;
+        engine.expire(clock);
+        QCOMPARE(net.sent.size(), 31);
+        clock += 1;
+        engine.expire(clock);
+        QCOMPARE(net.sent.size(), 32);
+        QCOMPARE(net.sent.last(), net.sent[30]); // block 31 again
+    }
+
+    // The list keeps at most TftpKeepRows rows: the oldest finished go, a running one stays.
+    void keptRows()
+    {
+        Fleet f(pattern(700));
+        f.monitor.setKeepRows(3);
+        Client held;
+        held.send(request(1, "f.bin"), f.port);
+        QCOMPARE(held.next(), packet(3, 1, pattern(512)));
+        for (int i = 0; i < 4; ++i) {
+            RawClient refused("127.0.0.2");
+            refused.send(request(1, QByteArray("r") + char('0' + i)), f.port);
+            QCOMPARE(refused.next().left(4), packet(5, 2));
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(3, TM::Filename), QString("r3"), 30000);
+        QCOMPARE(f.monitor.transferCount(), 3);
+        QCOMPARE(f.transfer(1, TM::Filename), QString("f.bin"));
+        held.send(packet(4, 1), held.peer);
+        QCOMPARE(held.next(), packet(3, 2, pattern(700).mid(512)));
+        held.send(packet(4, 2), held.peer);
+        QTRY_COMPARE(f.transfer(1, TM::Status), QString("FINISHED OK")); // still found after rows moved
+    }
+};
+
+QTEST_MAIN(TestTftpFleet)
+#include "tst_tftp_fleet.moc"
