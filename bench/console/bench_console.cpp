@@ -5,13 +5,23 @@
 // and the same bytes through the received-text processor alone, with the
 // ratio console / processor.
 //
+// Then the terminal-mode line: 10 MB of ANSI-heavy output (a colour on every
+// word) into a console with "Terminal Emulation" on, shown in its terminal
+// view: time until the last line is on screen, MB/s, the longest stall of the
+// event loop meanwhile, the memory with the scrollback full, the terminal
+// model alone, and tmux reading the same bytes through cat as the peer.
+//
 //   bench_console [--bytes N] [--runs R]     the benchmark (prints results)
 //   bench_console --device FILE              the device (prints its port)
 
 #include "console/console_session.h"
+#include "console/console_terminal.h"
 #include "console/console_window.h"
 #include "console/terminal_processor.h"
+#include "console/terminal_screen.h"
+#include "console/terminal_text_reader.h"
 #include "console/terminal_view.h"
+#include "console/terminal_widget.h"
 
 #include <QApplication>
 #include <QElapsedTimer>
@@ -22,6 +32,7 @@
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTextDocument>
+#include <QTimer>
 
 #include <algorithm>
 #include <cstdio>
@@ -71,6 +82,141 @@ int runDevice(const QString &file)
     while (socket->bytesToWrite() > 0 && socket->waitForBytesWritten(30000)) { }
     socket->waitForReadyRead(2000); // let the console read the tail before the line drops
     return 0;
+}
+
+QByteArray ansiText(qint64 bytes, int *lines)
+{
+    static const char *const words[] = { "interface", "GigabitEthernet0/1", "is", "up,", "line", "protocol",
+        "drops", "Vlan100", "vlan", "trunk", "0", "packets", "input", "CRC", "errors" };
+    QRandomGenerator random(2026);
+    QByteArray text;
+    text.reserve(bytes + 200);
+    *lines = 0;
+    while (text.size() < bytes) {
+        const int count = 6 + int(random.bounded(6));
+        for (int w = 0; w < count; ++w) {
+            const int colour = int(random.bounded(256));
+            text += "\x1b[38;5;" + QByteArray::number(colour) + (w % 3 == 0 ? ";1m" : "m")
+                + words[random.bounded(15)] + "\x1b[0m ";
+        }
+        text += "\r\n";
+        ++*lines;
+    }
+    text += "END-OF-FLOOD";
+    return text;
+}
+
+long residentKilobytes(const char *field)
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith(field))
+            return line.mid(int(qstrlen(field))).trimmed().split(' ').value(0).toLong();
+    }
+    return 0;
+}
+
+struct TerminalResult
+{
+    double seconds = -1;
+    double longestStall = 0;
+    long residentKb = 0;
+};
+
+// One flood into a fresh terminal-mode console; the clock stops when the
+// last line is painted, and a 1 ms timer notes the longest gap meanwhile.
+TerminalResult terminalRun(const QString &file)
+{
+    TerminalResult result;
+    QProcess device;
+    device.start(QCoreApplication::applicationFilePath(), { QStringLiteral("--device"), file });
+    if (!device.waitForReadyRead(10000))
+        return result;
+    ConsoleSession::setTelnetPort(quint16(device.readLine().trimmed().toUInt()));
+
+    ConsoleWindow window;
+    window.resize(1000, 700);
+    window.show();
+    window.session()->setTerminalEmulation(true);
+    QApplication::processEvents();
+    const TerminalScreen &screen = window.session()->terminal()->screen();
+    QElapsedTimer clock;
+    QElapsedTimer sinceTick;
+    QTimer ticker;
+    ticker.setInterval(1);
+    QObject::connect(&ticker, &QTimer::timeout, &window, [&] {
+        result.longestStall = qMax(result.longestStall, sinceTick.nsecsElapsed() / 1e6);
+        sinceTick.restart();
+    });
+    QObject::connect(window.session()->terminal(), &ConsoleTerminal::screenChanged, &window, [&] {
+        if (result.seconds < 0 && screen.rowText(screen.cursorRow()) == QLatin1String("END-OF-FLOOD")) {
+            window.terminalBox()->viewport()->repaint();
+            result.seconds = clock.nsecsElapsed() / 1e9;
+        }
+    });
+    clock.start();
+    sinceTick.start();
+    ticker.start();
+    window.session()->ConnectTCP(QStringLiteral("127.0.0.1"));
+    while (result.seconds < 0 && clock.elapsed() < 120000)
+        QApplication::processEvents(QEventLoop::AllEvents, 50);
+    ticker.stop();
+    QApplication::processEvents();
+    result.residentKb = residentKilobytes("VmRSS:");
+    window.session()->disconnectSession();
+    device.waitForFinished(10000);
+    return result;
+}
+
+double modelRun(const QByteArray &text)
+{
+    TerminalScreen screen(40, 120);
+    TerminalTextReader reader;
+    QElapsedTimer clock;
+    clock.start();
+    constexpr int block = 65536;
+    for (qsizetype at = 0; at < text.size(); at += block) {
+        const QByteArray piece = text.mid(at, block);
+        screen.feed(piece);
+        reader.feed(piece);
+    }
+    return clock.nsecsElapsed() / 1e9;
+}
+
+// tmux reading the same bytes from cat on its pty, until a title set at the
+// end of the stream shows that it has read them all.
+double tmuxRun(const QString &file, const QString &folder)
+{
+    QFile marker(folder + QStringLiteral("/marker"));
+    if (!marker.open(QIODevice::WriteOnly))
+        return -1;
+    marker.write("\x1b]2;bench-done\x1b\\");
+    marker.close();
+    const QStringList base { "-L", "twbench", "-f", "/dev/null" };
+    QProcess::execute(QStringLiteral("tmux"), base + QStringList { "kill-server" });
+    QElapsedTimer clock;
+    clock.start();
+    if (QProcess::execute(QStringLiteral("tmux"),
+            base
+                + QStringList { "new", "-d", "-x", "120", "-y", "40",
+                    QStringLiteral("stty -opost; cat '%1' '%2'; exec sleep 100000")
+                        .arg(file, marker.fileName()) })
+        != 0)
+        return -1;
+    double seconds = -1;
+    while (clock.elapsed() < 120000) {
+        QProcess title;
+        title.start(QStringLiteral("tmux"), base + QStringList { "display", "-p", "#{pane_title}" });
+        title.waitForFinished(10000);
+        if (title.readAllStandardOutput().trimmed() == "bench-done") {
+            seconds = clock.nsecsElapsed() / 1e9;
+            break;
+        }
+    }
+    QProcess::execute(QStringLiteral("tmux"), base + QStringList { "kill-server" });
+    return seconds;
 }
 
 double median(QList<double> values)
@@ -180,6 +326,51 @@ void measure(qint64 bytes, int runs, const QString &folder)
     std::printf("  peak memory of the program so far: %.1f MB\n", peak / 1024.0);
     std::fflush(stdout);
 }
+void measureTerminal(qint64 bytes, int runs, const QString &folder)
+{
+    int lines = 0;
+    QByteArray text = ansiText(bytes, &lines);
+    const QString file = folder + QStringLiteral("/ansi-%1.txt").arg(bytes);
+    {
+        QFile out(file);
+        if (!out.open(QIODevice::WriteOnly) || out.write(text) != text.size())
+            return;
+    }
+    const qint64 size = text.size();
+    QList<double> shown;
+    QList<double> stalls;
+    long resident = 0;
+    for (int i = 0; i < runs; ++i) {
+        const TerminalResult result = terminalRun(file);
+        shown << result.seconds;
+        stalls << result.longestStall;
+        resident = qMax(resident, result.residentKb);
+    }
+    QList<double> alone;
+    QList<double> peer;
+    for (int i = 0; i < runs; ++i) {
+        alone << modelRun(text);
+        peer << tmuxRun(file, folder);
+    }
+    const double s = median(shown);
+    const double m = median(alone);
+    const double t = median(peer);
+    std::printf("terminal-mode flood of %lld bytes of ANSI-heavy output, %d lines (median of %d runs)\n",
+        static_cast<long long>(size), lines, runs);
+    std::printf("  terminal view shows the last line after %.3f s: %.1f MB/s\n", s, size / s / 1e6);
+    std::printf("  longest event-loop stall meanwhile: %.1f ms (median; worst %.1f ms)\n", median(stalls),
+        *std::max_element(stalls.begin(), stalls.end()));
+    std::printf("  resident memory with the scrollback full (%d lines): %.1f MB\n",
+        TerminalScreen::defaultScrollback, resident / 1024.0);
+    std::printf(
+        "  terminal model alone (libvterm screen + decoded text): %.3f s: %.1f MB/s\n", m, size / m / 1e6);
+    if (t > 0)
+        std::printf("  tmux, same bytes through cat: %.3f s: %.1f MB/s; ratio console / tmux: %.2f\n", t,
+            size / t / 1e6, s / t);
+    else
+        std::printf("  tmux did not run (install tmux for the peer line)\n");
+    std::fflush(stdout);
+}
 } // namespace
 
 int main(int argc, char **argv)
@@ -199,6 +390,8 @@ int main(int argc, char **argv)
             runs = qMax(1, args.at(i + 1).toInt());
     }
     QTemporaryDir folder;
+    // First, so that its memory figure is not the classic flood's.
+    measureTerminal(bytes, runs, folder.path());
     measure(1000000, runs, folder.path()); // a large running configuration
     measure(bytes, runs, folder.path());
     return 0;

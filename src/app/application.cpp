@@ -191,6 +191,9 @@ ConsoleWindow *Application::createConsole()
     });
     tw::attachLogPage(console->logBox(), console->logToFileCheck(), console->choosePathButton(),
         console->pathLabel(), m_logOptions.get());
+    // "Log Session..." offers its file in the log folder.
+    LogOptions *logOptions = m_logOptions.get();
+    console->setLogFolderSource([logOptions] { return logOptions->effectiveFolder(); });
     attachRecovery(console);
     return console;
 }

@@ -27,6 +27,11 @@ QString kindKey(int n)
     return QStringLiteral("HistoryKind%1").arg(n);
 }
 
+QString terminalKey(int n)
+{
+    return QStringLiteral("HistoryTerminal%1").arg(n);
+}
+
 QString userKey(int n)
 {
     return QStringLiteral("HistoryUser%1").arg(n);
@@ -126,25 +131,76 @@ void remember(const QStringList &typed)
     remember(plain);
 }
 
+namespace {
+bool sameConnection(int n, const ConnectTarget &typed)
+{
+    QStringList address = typed.host.split(QLatin1Char('.')).mid(0, octets);
+    while (address.size() < octets)
+        address << QString();
+    const ConnectTarget held = ConnectionHistory::target(n);
+    return ConnectionHistory::entry(n) == address && held.kind == typed.kind
+        && held.effectivePort() == typed.effectivePort();
+}
+
+std::optional<bool> readTerminal(int n)
+{
+    QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
+    settings.beginGroup(QStringLiteral("Settings"));
+    const QString value = readKey(settings, terminalKey(n));
+    if (value != QLatin1String("1") && value != QLatin1String("0"))
+        return std::nullopt;
+    return value == QLatin1String("1");
+}
+
+void writeTerminal(QSettings &settings, int n, const ConnectTarget &target, std::optional<bool> on)
+{
+    // Only a choice other than the kind's default is written, so entries
+    // stay as earlier releases wrote them.
+    if (on && *on != target.terminalByDefault())
+        settings.setValue(terminalKey(n), QString::number(int(*on)));
+    else
+        settings.remove(terminalKey(n));
+}
+} // namespace
+
+void setTerminalEmulation(const ConnectTarget &typed, bool on)
+{
+    for (int n = 0; n < entryCount; ++n) {
+        if (sameConnection(n, typed)) {
+            QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
+            settings.beginGroup(QStringLiteral("Settings"));
+            writeTerminal(settings, n, typed, on);
+            return;
+        }
+    }
+}
+
+std::optional<bool> terminalEmulation(const ConnectTarget &typed)
+{
+    for (int n = 0; n < entryCount; ++n) {
+        if (sameConnection(n, typed))
+            return readTerminal(n);
+    }
+    return std::nullopt;
+}
+
 void remember(const ConnectTarget &typed)
 {
     QStringList address = typed.host.split(QLatin1Char('.')).mid(0, octets);
     while (address.size() < octets)
         address << QString();
-    const auto sameConnection = [&](int n) {
-        const ConnectTarget held = target(n);
-        return entry(n) == address && held.kind == typed.kind
-            && held.effectivePort() == typed.effectivePort();
-    };
 
     // Entry 5 is never searched: a match there is treated like a new connection.
     int match = entryCount - 1;
     for (int n = 0; n < entryCount - 1; ++n) {
-        if (sameConnection(n)) {
+        if (sameConnection(n, typed)) {
             match = n;
             break;
         }
     }
+    std::optional<bool> terminal;
+    if (sameConnection(match, typed))
+        terminal = readTerminal(match);
 
     QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
     settings.beginGroup(QStringLiteral("Settings"));
@@ -155,6 +211,7 @@ void remember(const ConnectTarget &typed)
             copyKey(settings, portKey(j - 1), portKey(j));
             copyKey(settings, kindKey(j - 1), kindKey(j));
             copyKey(settings, userKey(j - 1), userKey(j));
+            copyKey(settings, terminalKey(j - 1), terminalKey(j));
         }
         for (int i = 0; i < octets; ++i)
             settings.setValue(key(0, i), address.at(i));
@@ -173,6 +230,7 @@ void remember(const ConnectTarget &typed)
         settings.remove(kindKey(0));
         settings.remove(userKey(0));
     }
+    writeTerminal(settings, 0, typed, terminal);
 }
 
 } // namespace ConnectionHistory
@@ -188,6 +246,8 @@ void connectRemembered(ConsoleSession *session, const ConnectTarget &target)
 {
     if (!session)
         return;
+    session->setTerminalEmulation(
+        ConnectionHistory::terminalEmulation(target).value_or(target.terminalByDefault()));
     if (target.isSsh())
         session->ConnectSSH(target.host, target.port, target.user);
     else if (target.port == 0)

@@ -18,6 +18,8 @@ struct ConnectTarget
     bool isSsh() const { return kind == QLatin1String("SSH"); }
     // The port actually used: the given one, else the kind's default.
     quint16 effectivePort() const;
+    // "Terminal Emulation" unless the history says otherwise: on for SSH.
+    bool terminalByDefault() const { return isSsh(); }
     bool operator==(const ConnectTarget &) const = default;
 };
 
@@ -32,7 +34,8 @@ std::optional<ConnectTarget> parseConnectTarget(const QString &text);
 // "histroy" 5n to 5n+3. Key name and stride are what earlier releases wrote,
 // so users keep their history. The fifth key of the stride, 5n+4, holds the
 // port when it is not the kind's default; "HistoryKind" n and "HistoryUser" n
-// hold the kind and user name of an SSH entry. An entry with none of these
+// hold the kind and user name of an SSH entry, "HistoryTerminal" n the
+// terminal emulation choice when it is not the kind's default. An entry with none of these
 // keys (as earlier releases wrote them, and as a raw TCP connection to the
 // default port still writes them) is TCP/IP on the default port.
 //
@@ -50,6 +53,11 @@ ConnectTarget target(int n);
 
 void remember(const QStringList &octets);
 void remember(const ConnectTarget &target);
+// Stores the terminal emulation choice with the entry holding target (octets,
+// kind and port), if there is one.
+void setTerminalEmulation(const ConnectTarget &target, bool on);
+// The choice stored with the entry holding target; nullopt: none stored.
+std::optional<bool> terminalEmulation(const ConnectTarget &target);
 
 // The settings key of octet `octet` of entry n ("histroy" followed by 5n + octet).
 QString key(int n, int octet);
@@ -63,5 +71,7 @@ class ConsoleSession;
 // parts (a name) connects without entering the history, whose entries are
 // four octet boxes.
 void connectTcpRemembered(ConsoleSession *session, const QString &host);
-// The same for any network target: raw TCP on its port, or SSH.
+// The same for any network target: raw TCP on its port, or SSH. The console's
+// terminal emulation follows the target, else the history entry for it, else
+// the kind's default.
 void connectRemembered(ConsoleSession *session, const ConnectTarget &target);

@@ -1,5 +1,7 @@
 #include "console_session.h"
 
+#include "console/console_terminal.h"
+#include "console/session_log.h"
 #include "console/ssh_connection.h"
 
 #include <QCoreApplication>
@@ -83,6 +85,8 @@ ConsoleSession::ConsoleSession(QObject *parent)
     , m_serial(new QSerialPort(this))
     , m_tcp(new QTcpSocket(this))
     , m_ssh(new SshConnection(this))
+    , m_terminal(new ConsoleTerminal(this))
+    , m_sessionLog(new SessionLog(this))
     , m_timer1(new QTimer(this))
     , m_timer2(new QTimer(this))
     , m_breakTimer(new QTimer(this))
@@ -105,6 +109,7 @@ ConsoleSession::ConsoleSession(QObject *parent)
     connect(m_ssh, &SshConnection::received, this, &ConsoleSession::deviceData);
     connect(m_ssh, &SshConnection::opened, this, &ConsoleSession::onSshOpened);
     connect(m_ssh, &SshConnection::failed, this, &ConsoleSession::onSshFailed);
+    connect(m_terminal, &ConsoleTerminal::sendRequested, this, &ConsoleSession::send);
     connect(m_ssh, &SshConnection::closed, this, [this](int exitStatus) {
         endSsh(exitStatus >= 0 ? QStringLiteral("Session closed by %1 (exit status %2)")
                                      .arg(m_sshTarget.host)
@@ -408,27 +413,63 @@ void ConsoleSession::disconnectSession()
     m_timer2->stop();
 }
 
+void ConsoleSession::setTerminalEmulation(bool on)
+{
+    m_terminal->setEnabled(on);
+    // A terminal screen costs more per byte than the classic processor: a
+    // flood is taken in slices, with the event loop running between them.
+    m_tcp->setReadBufferSize(on ? 32768 : 0);
+}
+
+bool ConsoleSession::terminalEmulation() const
+{
+    return m_terminal->isEnabled();
+}
+
 void ConsoleSession::clearTerminal()
 {
     m_processor.noteCleared();
+    m_terminal->clear();
     Q_EMIT terminalCleared();
 }
 
 void ConsoleSession::appendTerminal(const QString &text, quint32 colour)
 {
     m_processor.noteAppended(text);
+    m_sessionLog->writeText(text);
+    if (m_terminal->isEnabled())
+        m_terminal->showMessage(text);
     Q_EMIT terminalAppend(text, colour);
+}
+
+void ConsoleSession::emitReaderOps(const QList<TerminalOp> &ops)
+{
+    for (const TerminalOp &op : ops) {
+        if (op.kind == TerminalOp::LogLine)
+            Q_EMIT logAppend(op.text);
+        else if (op.kind == TerminalOp::Caption)
+            Q_EMIT captionChanged(op.text);
+    }
 }
 
 void ConsoleSession::processReceived(const QByteArray &block)
 {
+    m_sessionLog->writeRaw(block);
+    if (m_terminal->isEnabled()) {
+        const TerminalTextReader::Result decoded = m_terminal->feed(block);
+        m_sessionLog->writeText(decoded.text);
+        emitReaderOps(decoded.ops);
+        return;
+    }
     const QList<TerminalOp> ops = m_processor.feed(block);
     for (const TerminalOp &op : ops) {
         switch (op.kind) {
         case TerminalOp::Append:
+            m_sessionLog->writeText(op.text);
             Q_EMIT terminalAppend(op.text, black);
             break;
         case TerminalOp::DeleteLast:
+            m_sessionLog->writeText(QStringLiteral("\b"));
             Q_EMIT terminalDeleteLast();
             break;
         case TerminalOp::LogLine:
@@ -466,10 +507,15 @@ void ConsoleSession::onTcpReadyRead()
 
 void ConsoleSession::deviceData(const QByteArray &data)
 {
-    if (m_listingReader)
+    if (m_listingReader && m_terminal->isEnabled()) {
+        m_sessionLog->writeRaw(data);
+        Q_EMIT listingText(m_terminal->decode(data).toUtf8());
+    } else if (m_listingReader) {
+        m_sessionLog->writeRaw(data);
         Q_EMIT listingText(data);
-    else
+    } else {
         processReceived(data);
+    }
     m_countDown = idleSeconds;
     m_keepAlive = 1;
     Q_EMIT idleChanged();

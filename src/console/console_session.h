@@ -8,8 +8,10 @@
 #include <QSerialPort>
 #include <QString>
 
+class ConsoleTerminal;
 class QTcpSocket;
 class QTimer;
+class SessionLog;
 class SshConnection;
 
 // The connection and session record of one console.
@@ -53,6 +55,12 @@ class SshConnection;
 //    (it then bypasses the terminal);
 //  - messageBoxRequested(text): the window shows it with tw::messageBox
 //    ("cant connect socket in use?").
+//
+// With terminal emulation on (terminal()->isEnabled(), "Terminal Emulation"),
+// device text goes to the terminal's screen instead of the processor, and the
+// caption, the "*" lines and the flash listing reader read the text that the
+// terminal decodes. The terminal's answers and keys leave by the sending rule.
+// sessionLog() copies what arrives (and what the console shows) to a file.
 class ConsoleSession : public QObject
 {
     Q_OBJECT
@@ -128,6 +136,11 @@ public:
     QSerialPort *serialPort() const { return m_serial; }
     QTcpSocket *tcpSocket() const { return m_tcp; }
     SshConnection *ssh() const { return m_ssh; }
+    ConsoleTerminal *terminal() const { return m_terminal; }
+    // "Terminal Emulation" on or off (off until set: the classic processor).
+    void setTerminalEmulation(bool on);
+    bool terminalEmulation() const;
+    SessionLog *sessionLog() const { return m_sessionLog; }
 
 Q_SIGNALS:
     void terminalAppend(const QString &text, quint32 colour);
@@ -157,10 +170,13 @@ private:
     void onTimer1();
     void onTimer2();
     void enableTimer1();
+    void emitReaderOps(const QList<TerminalOp> &ops);
 
     QSerialPort *m_serial;
     QTcpSocket *m_tcp;
     SshConnection *m_ssh;
+    ConsoleTerminal *m_terminal;
+    SessionLog *m_sessionLog;
     bool m_sshSession = false;
     bool m_offerReconnect = false;
     struct

@@ -1,17 +1,25 @@
 #include "console_window.h"
 
+#include "console/connection_history.h"
 #include "console/console_session.h"
+#include "console/console_terminal.h"
 #include "console/idle_bar.h"
+#include "console/log_session_dialog.h"
 #include "console/modem_options.h"
+#include "console/session_log.h"
 #include "console/ssh_connection.h"
 #include "console/ssh_prompts.h"
 #include "console/terminal_view.h"
+#include "console/terminal_widget.h"
 #include "util/message_box.h"
 #include "util/twips.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QCheckBox>
 #include <QCloseEvent>
+#include <QDateTime>
+#include <QDir>
 #include <QGridLayout>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -72,6 +80,10 @@ ConsoleWindow::ConsoleWindow(QWidget *parent)
     m_rommon = addMenuAction("MnuRommon", QStringLiteral("Rommon TFTP"));
     // Ctrl+Break for keyboards without a Pause/Break key.
     m_sendBreak = addMenuAction("MnuSendBreak", QStringLiteral("Send Break"));
+    m_terminalEmulation = addMenuAction("MnuTerminalEmulation", QStringLiteral("Terminal Emulation"));
+    m_terminalEmulation->setCheckable(true);
+    m_logSession = addMenuAction("MnuLogSession", QStringLiteral("Log Session..."));
+    m_logSession->setCheckable(true);
 
     m_tabStrip = new QTabBar(this);
     m_tabStrip->setObjectName(QStringLiteral("TabStrip1"));
@@ -87,6 +99,18 @@ ConsoleWindow::ConsoleWindow(QWidget *parent)
     connect(m_newConsole, &QAction::triggered, this, &ConsoleWindow::newConsoleRequested);
     connect(m_removeConsole, &QAction::triggered, this, &ConsoleWindow::removeConsole);
     connect(m_sendBreak, &QAction::triggered, m_session, &ConsoleSession::sendBreak);
+    connect(m_terminalEmulation, &QAction::triggered, this, [this](bool on) {
+        m_session->setTerminalEmulation(on);
+        if (!m_session->connectionKind().isEmpty()
+            && m_session->connectionKind() != QLatin1String("Serial")) {
+            ConnectTarget target;
+            target.kind = m_session->sshSession() ? QStringLiteral("SSH") : QStringLiteral("TCP/IP");
+            target.host = m_session->deviceAddress();
+            target.port = m_session->devicePort();
+            ConnectionHistory::setTerminalEmulation(target, on);
+        }
+    });
+    connect(m_logSession, &QAction::triggered, this, &ConsoleWindow::logSession);
     connect(m_tabStrip, &QTabBar::currentChanged, this, &ConsoleWindow::selectTab);
 
     selectTab(0);
@@ -98,6 +122,8 @@ void ConsoleWindow::buildPages()
 {
     m_frames[0] = makeFrame(QStringLiteral("Frame1"), QStringLiteral("Console"), this);
     m_consoleBox = new TerminalView(m_frames[0]);
+    m_terminalBox = new TerminalWidget(m_session->terminal(), m_frames[0]);
+    m_terminalBox->hide();
     m_idleBar = new IdleBar(m_session, m_frames[0]);
     m_clearConsole = new QPushButton(QStringLiteral("Clear Console"), m_frames[0]);
     m_clearConsole->setObjectName(QStringLiteral("Command1"));
@@ -165,8 +191,26 @@ void ConsoleWindow::connectSession()
         cursor.insertText(text);
     });
     connect(m_session, &ConsoleSession::captionChanged, this, [this](const QString &caption) {
-        setWindowTitle(caption);
+        m_caption = caption;
+        updateTitle();
         Q_EMIT captionChanged(caption);
+    });
+    connect(
+        m_session->terminal(), &ConsoleTerminal::enabledChanged, this, &ConsoleWindow::onTerminalEmulation);
+    connect(m_terminalBox, &TerminalWidget::breakRequested, m_session, &ConsoleSession::sendBreak);
+    connect(m_terminalBox, &TerminalWidget::gridChanged, this, &ConsoleWindow::sendTerminalSize);
+    SessionLog *log = m_session->sessionLog();
+    connect(log, &SessionLog::started, this, [this] {
+        m_logSession->setChecked(true);
+        updateTitle();
+    });
+    connect(log, &SessionLog::stopped, this, [this] {
+        m_logSession->setChecked(false);
+        updateTitle();
+    });
+    connect(log, &SessionLog::failed, this, [this](const QString &message) {
+        // Said in the console itself: a dialog would stop a flood's display.
+        m_session->appendTerminal(message + QStringLiteral("\r\n"), ConsoleSession::errorColour);
     });
     connect(m_session, &ConsoleSession::messageBoxRequested, this,
         [](const QString &text) { tw::messageBox(text, QMessageBox::Warning); });
@@ -187,7 +231,7 @@ void ConsoleWindow::selectTab(int index)
         m_frames[i]->setVisible(i == index);
     relayout();
     if (index == 0)
-        m_consoleBox->setFocus();
+        (m_session->terminalEmulation() ? static_cast<QWidget *>(m_terminalBox) : m_consoleBox)->setFocus();
 }
 
 void ConsoleWindow::relayout()
@@ -236,12 +280,8 @@ void ConsoleWindow::layoutPage(int index, const QRect &area)
         // The terminal leaves room beneath it for the idle bar and "Clear Console".
         const int boxHeight = qMax(0, area.height() - twips(900));
         m_consoleBox->setGeometry(viewLeft, viewTop, viewWidth, boxHeight);
-        // An SSH shell's pty follows the terminal's size in characters.
-        const QFontMetrics metrics(m_consoleBox->font());
-        const QRect text = m_consoleBox->viewport()->rect();
-        m_session->ssh()->setTerminalSize(
-            qMax(20, text.width() / qMax(1, metrics.horizontalAdvance(QLatin1Char('M')))),
-            qMax(5, text.height() / qMax(1, metrics.lineSpacing())));
+        m_terminalBox->setGeometry(viewLeft, viewTop, viewWidth, boxHeight);
+        sendTerminalSize();
         const int below = viewTop + boxHeight + twips(60);
         const int buttonWidth = qMax(twips(1500), m_clearConsole->sizeHint().width());
         const int buttonHeight = twips(450);
@@ -256,6 +296,77 @@ void ConsoleWindow::layoutPage(int index, const QRect &area)
             viewLeft + viewWidth - hint.width(), 0, hint.width(), qMin(hint.height(), viewTop));
     }
     // The SNMP and settings pages lay out their own contents.
+}
+
+void ConsoleWindow::sendTerminalSize()
+{
+    // An SSH shell's pty follows the view's size in characters.
+    if (m_session->terminalEmulation()) {
+        m_session->ssh()->setTerminalSize(m_terminalBox->gridColumns(), m_terminalBox->gridRows());
+        return;
+    }
+    const QFontMetrics metrics(m_consoleBox->font());
+    const QRect text = m_consoleBox->viewport()->rect();
+    m_session->ssh()->setTerminalSize(
+        qMax(20, text.width() / qMax(1, metrics.horizontalAdvance(QLatin1Char('M')))),
+        qMax(5, text.height() / qMax(1, metrics.lineSpacing())));
+}
+
+void ConsoleWindow::onTerminalEmulation(bool on)
+{
+    m_terminalEmulation->setChecked(on);
+    const bool focused = m_consoleBox->hasFocus() || m_terminalBox->hasFocus();
+    m_terminalBox->setVisible(on);
+    m_consoleBox->setVisible(!on);
+    if (focused || m_tabStrip->currentIndex() == 0)
+        (on ? static_cast<QWidget *>(m_terminalBox) : m_consoleBox)->setFocus();
+    sendTerminalSize();
+}
+
+void ConsoleWindow::updateTitle()
+{
+    const SessionLog *log = m_session->sessionLog();
+    if (log->isActive())
+        setWindowTitle(
+            QStringLiteral("%1 [Logging to %2]").arg(m_caption, QDir::toNativeSeparators(log->path())));
+    else
+        setWindowTitle(m_caption);
+}
+
+QString ConsoleWindow::shownText() const
+{
+    if (m_session->terminalEmulation())
+        return m_session->terminal()->screen().allText();
+    return m_consoleBox->toPlainText();
+}
+
+void ConsoleWindow::logSession()
+{
+    SessionLog *log = m_session->sessionLog();
+    if (log->isActive()) {
+        log->stop();
+        return;
+    }
+    m_logSession->setChecked(false);
+    QString folder = m_logFolder ? m_logFolder() : QString();
+    if (folder.isEmpty() || !QDir(folder).exists())
+        folder = QDir::homePath();
+    const QString offered = QDir(folder).filePath(
+        SessionLog::offeredName(m_session->deviceAddress().isEmpty() ? m_caption : m_session->deviceAddress(),
+            QDateTime::currentDateTime()));
+    auto *dialog = new LogSessionDialog(offered, window());
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setWindowModality(Qt::ApplicationModal);
+    connect(dialog, &QDialog::accepted, this, [this, dialog] {
+        SessionLog *log = m_session->sessionLog();
+        if (dialog->path().isEmpty())
+            return;
+        if (!log->start(dialog->path(), dialog->mode())) {
+            tw::messageBox(QStringLiteral("Cannot log to %1: %2").arg(dialog->path(), log->errorString()),
+                QMessageBox::Warning);
+        }
+    });
+    dialog->show();
 }
 
 void ConsoleWindow::openConnectionDialog()

@@ -2,6 +2,8 @@
 
 #include "util/child_window.h"
 
+#include <functional>
+
 class ConsoleSession;
 class IdleBar;
 class QAction;
@@ -14,6 +16,7 @@ class QPlainTextEdit;
 class QPushButton;
 class QTabBar;
 class TerminalView;
+class TerminalWidget;
 
 // `Console`: the window of one device console. It owns its ConsoleSession
 // (serial port, TCP socket, timers) and shows it: the terminal (`ConsoleBox`),
@@ -33,6 +36,11 @@ class TerminalView;
 //    caption is already set; the toolbar button follows);
 //  - consoleUnloaded(tag): the console is closing for good (its serial port
 //    is already closed); the window deletes itself afterwards.
+//
+// "Terminal Emulation" (`MnuTerminalEmulation`, checkable) swaps ConsoleBox
+// for the terminal view (`TerminalBox`) and back; the choice is kept with the
+// connection's history entry. "Log Session..." (`MnuLogSession`) starts and
+// stops the session log; while it runs the caption says so.
 // tag() (ChildWindow) holds the console number.
 class ConsoleWindow : public ChildWindow
 {
@@ -43,6 +51,10 @@ public:
 
     ConsoleSession *session() const { return m_session; }
     TerminalView *consoleBox() const { return m_consoleBox; }
+    TerminalWidget *terminalBox() const { return m_terminalBox; }
+    // What the console shows as text: ConsoleBox's text, or in terminal
+    // mode the scrollback and screen (trailing blanks removed).
+    QString shownText() const;
     QPlainTextEdit *logBox() const { return m_logBox; }
     QTabBar *tabStrip() const { return m_tabStrip; }
     IdleBar *idleBar() const { return m_idleBar; }
@@ -67,6 +79,13 @@ public:
     QAction *backUpFlashAction() const { return m_backUpFlash; }
     QAction *rommonAction() const { return m_rommon; }
     QAction *sendBreakAction() const { return m_sendBreak; }
+    QAction *terminalEmulationAction() const { return m_terminalEmulation; }
+    QAction *logSessionAction() const { return m_logSession; }
+
+    // Where "Log Session..." offers its file (the log folder); home when unset.
+    void setLogFolderSource(std::function<QString()> source) { m_logFolder = std::move(source); }
+    // "Log Session...": the dialog, or stopping a running log.
+    void logSession();
 
     // Tab index 0 to 3: shows that page only; the terminal page takes the focus.
     void selectTab(int index);
@@ -94,6 +113,9 @@ private:
     void buildPages();
     void connectSession();
     void layoutPage(int index, const QRect &area);
+    void onTerminalEmulation(bool on);
+    void updateTitle();
+    void sendTerminalSize();
 
     ConsoleSession *m_session;
     QMenuBar *m_menuBar;
@@ -102,6 +124,9 @@ private:
     QGroupBox *m_backUpFlashFrame;
     QGroupBox *m_rommonFrame;
     TerminalView *m_consoleBox;
+    TerminalWidget *m_terminalBox;
+    QString m_caption = QStringLiteral("Terminal");
+    std::function<QString()> m_logFolder;
     IdleBar *m_idleBar;
     QPushButton *m_clearConsole;
     QPlainTextEdit *m_logBox;
@@ -118,4 +143,6 @@ private:
     QAction *m_backUpFlash;
     QAction *m_rommon;
     QAction *m_sendBreak;
+    QAction *m_terminalEmulation;
+    QAction *m_logSession;
 };

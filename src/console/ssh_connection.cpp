@@ -438,7 +438,7 @@ bool SshConnection::openShell()
             QStringLiteral("%1 opened no session: %2").arg(d->host, QStringLiteral("%1")));
     }
     if (d->stage == Stage::RequestPty)
-        return advance(ssh_channel_request_pty_size(d->channel, "vt100", m_columns, m_rows),
+        return advance(ssh_channel_request_pty_size(d->channel, "xterm-256color", m_columns, m_rows),
             Stage::RequestShell,
             QStringLiteral("%1 gave no terminal: %2").arg(d->host, QStringLiteral("%1")));
     if (!advance(ssh_channel_request_shell(d->channel), Stage::Open,

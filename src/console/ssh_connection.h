@@ -19,7 +19,7 @@ class QTimer;
 //
 // open() reads ~/.ssh/config for the host ("~" is $HOME, QDir::homePath(),
 // not the password database), connects, checks the host key against
-// ~/.ssh/known_hosts, authenticates and opens a channel with a "vt100" pty of
+// ~/.ssh/known_hosts, authenticates and opens a channel with an "xterm-256color" pty of
 // the terminal's size and a shell. Authentication follows OpenSSH's client:
 // PreferredAuthentications (publickey, keyboard-interactive, password by
 // default) as the *Authentication keywords allow; public keys are offered

@@ -39,7 +39,7 @@ class TestConsoleSsh : public QObject
 
     QString path(const QString &name) const { return m_server.path(name); }
     QString sshFile(const QString &name) const { return m_server.sshFile(name); }
-    QString consoleText() const { return m_window->consoleBox()->toPlainText(); }
+    QString consoleText() const { return m_window->shownText(); }
     ConsoleSession &session() const { return *m_window->session(); }
 
     void startServer() { m_server.start({}, "Host 127.0.0.1\n    HashKnownHosts yes\n"); }

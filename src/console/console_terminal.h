@@ -1,0 +1,52 @@
+#pragma once
+
+#include "console/terminal_screen.h"
+#include "console/terminal_text_reader.h"
+
+#include <QObject>
+
+// Terminal mode of one console ("Terminal Emulation"): the screen that
+// libvterm keeps and the decoded text beside it. Off, the console uses the
+// classic received-text processor and none of this runs.
+//
+// feed() takes a block from the device: the screen takes it, and the decoded
+// text and its ops (log lines, caption) come back to the session. Answers the
+// terminal owes the device (cursor reports, keys, pastes) are announced with
+// sendRequested(bytes); screenChanged() tells a view to repaint.
+class ConsoleTerminal : public QObject
+{
+    Q_OBJECT
+public:
+    explicit ConsoleTerminal(QObject *parent = nullptr);
+
+    bool isEnabled() const { return m_enabled; }
+    void setEnabled(bool on);
+
+    TerminalScreen &screen() { return m_screen; }
+    const TerminalScreen &screen() const { return m_screen; }
+
+    TerminalTextReader::Result feed(const QByteArray &block);
+    // Decoded text only, for readers that bypass the screen (flash listing).
+    QString decode(const QByteArray &block);
+    // A message of the program's own ("Disconected", "SSH Err: ..."); its
+    // line ends may be a lone CR, which a terminal would not advance on.
+    void showMessage(const QString &text);
+    void clear();
+    void resize(int rows, int columns);
+
+    // Keys and pastes from a view; the bytes leave by sendRequested().
+    bool key(int qtKey, Qt::KeyboardModifiers modifiers, const QString &text);
+    void paste(const QString &text);
+
+Q_SIGNALS:
+    void enabledChanged(bool on);
+    void screenChanged();
+    void sendRequested(const QByteArray &bytes);
+
+private:
+    void flushOutput();
+
+    bool m_enabled = false;
+    TerminalScreen m_screen;
+    TerminalTextReader m_reader;
+};

@@ -1,0 +1,225 @@
+#include "console/console_session.h"
+#include "console/console_terminal.h"
+#include "console/terminal_screen.h"
+#include "console/terminal_text_reader.h"
+#include "test_support.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+// The terminal model against tmux, a terminal emulator nobody here wrote: the
+// same bytes go to TerminalScreen and, through `cat` on a raw pty, to a
+// detached 80x24 tmux pane, and every row's characters and the cursor must
+// agree. A title sequence at the end of each stream tells when tmux has
+// read all of it.
+class TestConsoleTerminal : public QObject
+{
+    Q_OBJECT
+    QTemporaryDir m_dir;
+    int m_run = 0;
+
+    QStringList tmux(const QStringList &arguments, bool *ok = nullptr)
+    {
+        QProcess process;
+        // A server of its own for every stream: one being killed cannot take the next.
+        process.start(QStringLiteral("tmux"),
+            QStringList { "-L", QStringLiteral("oracle%1").arg(m_run), "-f", "/dev/null" } + arguments);
+        const bool finished = process.waitForFinished(30000) && process.exitCode() == 0;
+        if (ok)
+            *ok = finished;
+        return QString::fromUtf8(process.readAllStandardOutput()).split(QLatin1Char('\n'));
+    }
+
+    // tmux's view of stream: the 24 rows (trailing blanks removed) and the cursor.
+    void tmuxScreen(const QByteArray &stream, QStringList *rows, QPoint *cursor)
+    {
+        const QString marker = QStringLiteral("tw-done-%1").arg(++m_run);
+        const QString file = m_dir.filePath(QStringLiteral("stream%1").arg(m_run));
+        QFile out(file);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write(stream + "\x1b]2;" + marker.toLatin1() + "\x1b\\");
+        out.close();
+        bool ok = false;
+        tmux({ "new", "-d", "-x", "80", "-y", "24",
+                 QStringLiteral("stty -opost; cat '%1'; exec sleep 100000").arg(file) },
+            &ok);
+        QVERIFY2(ok, "tmux cannot start a session");
+        QTRY_COMPARE_WITH_TIMEOUT(tmux({ "display", "-p", "#{pane_title}" }).value(0), marker, 30000);
+        *rows = tmux({ "capture-pane", "-p" }).mid(0, 24);
+        const QStringList at = tmux({ "display", "-p", "#{cursor_x},#{cursor_y}" }).value(0).split(',');
+        *cursor = QPoint(at.value(0).toInt(), at.value(1).toInt());
+        tmux({ "kill-server" });
+        for (QString &row : *rows) {
+            while (row.endsWith(QLatin1Char(' ')))
+                row.chop(1);
+        }
+    }
+
+    static QByteArray fixture(const char *name)
+    {
+        QFile file(QStringLiteral(TW_SOURCE_DIR "/tests/console/data/") + QLatin1String(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        QVERIFY2(!QStandardPaths::findExecutable(QStringLiteral("tmux")).isEmpty(),
+            "tmux is missing: install tmux");
+        // Our own tmux server, in our own folder.
+        qputenv("TMUX_TMPDIR", QFile::encodeName(m_dir.path()));
+        qunsetenv("TMUX");
+    }
+
+    void sameScreenAsTmux_data()
+    {
+        QTest::addColumn<QByteArray>("stream");
+
+        QByteArray ls;
+        const char *names[] = { "bin", "boot.ini", "config.text", "flash", "script.sh", "vlan.dat" };
+        const char *colours[] = { "01;34", "00", "00", "01;36", "01;32", "38;5;208" };
+        for (int i = 0; i < 40; ++i) {
+            ls += "drwxr-xr-x 2 admin admin 4096 Nov 24 22:" + QByteArray::number(10 + i) + " \x1b[0m\x1b["
+                + colours[i % 6] + "m" + names[i % 6] + QByteArray::number(i) + "\x1b[0m\r\n";
+        }
+        ls += "\x1b[48;2;10;60;200m truecolour \x1b[7m reversed \x1b[27;4m underlined\x1b[m\r\n";
+        QTest::newRow("coloured listing") << ls;
+
+        QByteArray region = "\x1b[2J\x1b[H";
+        for (int i = 1; i <= 24; ++i)
+            region += "row " + QByteArray::number(i) + (i < 24 ? "\r\n" : "");
+        region += "\x1b[5;15r\x1b[15;1H";
+        for (int i = 0; i < 7; ++i)
+            region += "\nscrolled " + QByteArray::number(i) + "\r";
+        region += "\x1b[5;1H\x1bM\x1bMreverse index\x1b[8;1H\x1b[2L\x1b[12;1H\x1b[3M\x1b[r\x1b[24;1Hbottom";
+        region += "\x1b[10;10Hmid\x1b[1K\x1b[11;5H\x1b[0K\x1b[3;3H\x1b[4@ins\x1b[2P";
+        QTest::newRow("scroll region") << region;
+
+        QTest::newRow("alternate screen (vi)") << fixture("vi_session.bin");
+
+        QByteArray utf8
+            = "\xe2\x94\x8c\xe2\x94\x80\xe2\x94\x80\xe2\x94\x90\r\n"
+              "\xe2\x94\x82\xe6\x97\xa5\xe6\x9c\xac\xe2\x94\x82 ok\r\n"
+              "\xe2\x94\x94\xe2\x94\x80\xe2\x94\x80\xe2\x94\x98\r\n"
+              "desc: caf\xc3\xa9 M\xc3\xbcnchen \xe4\xb8\xad\xe6\x96\x87 \xed\x95\x9c\xea\xb8\x80\r\n";
+        utf8 += QByteArray(78, '-') + "\xe6\x97\xa5\xe6\x9c\xac" + "wrapped\r\n";
+        QTest::newRow("UTF-8 box drawing and wide characters") << utf8;
+
+        QTest::newRow("coloured prompt")
+            << QByteArray("Last login: Tue Nov 24\r\n\x1b]0;admin@leaf1: ~\x07\x1b[01;32madmin@leaf1\x1b[00m:"
+                          "\x1b[01;34m~\x1b[00m$ ls\r\n\x1b[1;32mleaf1#\x1b[0m ");
+    }
+
+    void sameScreenAsTmux()
+    {
+        QFETCH(QByteArray, stream);
+        QVERIFY(!stream.isEmpty());
+        QStringList expected;
+        QPoint cursor;
+        tmuxScreen(stream, &expected, &cursor);
+        if (QTest::currentTestFailed())
+            return;
+
+        TerminalScreen screen(24, 80);
+        // In pieces of every size, as the network delivers them.
+        for (qsizetype at = 0, piece = 1; at < stream.size(); at += piece, piece = piece % 97 + 1)
+            screen.feed(stream.mid(at, piece));
+        screen.feed("\x1b]2;done\x1b\\");
+        for (int row = 0; row < 24; ++row)
+            QCOMPARE(screen.rowText(row), expected.value(row));
+        QCOMPARE(QPoint(screen.cursorColumn(), screen.cursorRow()), cursor);
+    }
+
+    void scrollbackKeepsItsLimit()
+    {
+        TerminalScreen screen(24, 80, 100);
+        for (int i = 0; i < 1000; ++i)
+            screen.feed("line " + QByteArray::number(i) + "\r\n");
+        QCOMPARE(screen.scrollbackCount(), 100);
+        QCOMPARE(screen.rowText(-100), QStringLiteral("line 877"));
+        QCOMPARE(screen.rowText(-1), QStringLiteral("line 976"));
+        QCOMPARE(screen.rowText(0), QStringLiteral("line 977"));
+        // The alternate screen leaves the scrollback alone and gives the main screen back.
+        screen.feed("\x1b[?1049h\x1b[Hfull screen\r\n\r\n\r\n");
+        QCOMPARE(screen.scrollbackCount(), 100);
+        screen.feed("\x1b[?1049l");
+        QCOMPARE(screen.rowText(0), QStringLiteral("line 977"));
+        // A taller screen takes lines back from the scrollback.
+        screen.resize(30, 80);
+        QCOMPARE(screen.scrollbackCount(), 94);
+        QCOMPARE(screen.rowText(0), QStringLiteral("line 971"));
+        QCOMPARE(TerminalScreen().scrollbackLimit(), 10000);
+    }
+
+    void keysAndPaste()
+    {
+        TerminalScreen screen;
+        const auto keyed = [&](int key, Qt::KeyboardModifiers mods, const QString &text = QString()) {
+            screen.key(key, mods, text);
+            return screen.takeOutput();
+        };
+        QCOMPARE(keyed(Qt::Key_Up, Qt::NoModifier), QByteArray("\x1b[A"));
+        QCOMPARE(keyed(Qt::Key_F5, Qt::NoModifier), QByteArray("\x1b[15~"));
+        QCOMPARE(keyed(Qt::Key_Delete, Qt::NoModifier), QByteArray("\x1b[3~"));
+        QCOMPARE(keyed(Qt::Key_PageUp, Qt::NoModifier), QByteArray("\x1b[5~"));
+        QCOMPARE(keyed(Qt::Key_C, Qt::ControlModifier, QStringLiteral("\x03")), QByteArray("\x03"));
+        QCOMPARE(keyed(Qt::Key_M, Qt::ControlModifier), QByteArray("\r"));
+        QCOMPARE(keyed(Qt::Key_X, Qt::AltModifier, QStringLiteral("x")), QByteArray("\x1bx"));
+        QCOMPARE(keyed(Qt::Key_E, Qt::NoModifier, QStringLiteral("\u00e9")), QByteArray("\xc3\xa9"));
+        // Full-screen programs switch the cursor keys to application mode.
+        screen.feed("\x1b[?1h");
+        QCOMPARE(keyed(Qt::Key_Up, Qt::NoModifier), QByteArray("\x1bOA"));
+
+        screen.paste(QStringLiteral("conf t\nhostname R2\n"));
+        QCOMPARE(screen.takeOutput(), QByteArray("conf t\rhostname R2\r"));
+        screen.feed("\x1b[?2004h");
+        screen.paste(QStringLiteral("end\r\n"));
+        QCOMPARE(screen.takeOutput(), QByteArray("\x1b[200~end\r\x1b[201~"));
+        // The device asks where the cursor is; the answer goes back to it.
+        screen.feed("\x1b[3;7H\x1b[6n");
+        QCOMPARE(screen.takeOutput(), QByteArray("\x1b[3;7R"));
+    }
+
+    void decodedTextFeedsCaptionAndLog()
+    {
+        TerminalTextReader reader;
+        auto result = reader.feed("\x1b[1;32mleaf1#\x1b[0m ");
+        QCOMPARE(result.ops, (QList<TerminalOp> { { TerminalOp::Caption, QStringLiteral("leaf1#") } }));
+        result = reader.feed("\r\n\x1b[31m*Nov 24 22:10: %LINK-3-UPDOWN: \xe2\x86\x92 down\x1b[0m\r");
+        QCOMPARE(result.ops,
+            (QList<TerminalOp> {
+                { TerminalOp::LogLine, QStringLiteral("*Nov 24 22:10: %LINK-3-UPDOWN: \u2192 down\r\n") } }));
+        result = reader.feed("\nR1(config-\x1b[1mif\x1b[0m)#");
+        QCOMPARE(result.ops, (QList<TerminalOp> { { TerminalOp::Caption, QStringLiteral("R1") } }));
+        // UTF-8 split between blocks, backspace, and a title that is not text.
+        const QString first = reader.feed("\x1b]0;title\x07M\xc3").text;
+        QCOMPARE(first + reader.feed("\xbcnchenX\b").text, QStringLiteral("M\u00fcnchenX\b"));
+        QCOMPARE(reader.currentLine(), QStringLiteral("R1(config-if)#M\u00fcnchen"));
+    }
+
+    void sessionInTerminalMode()
+    {
+        // The console's own path: screen, caption, log page, answers to the device.
+        ConsoleSession session;
+        session.setTerminalEmulation(true);
+        QSignalSpy captions(&session, &ConsoleSession::captionChanged);
+        QSignalSpy classic(&session, &ConsoleSession::terminalAppend);
+        QSignalSpy answers(session.terminal(), &ConsoleTerminal::sendRequested);
+        session.processReceived("\x1b[1;32mleaf1#\x1b[0m \x1b[5n");
+        QCOMPARE(captions.value(0).value(0).toString(), QStringLiteral("leaf1#"));
+        QCOMPARE(classic.count(), 0);
+        QCOMPARE(answers.value(0).value(0).toByteArray(), QByteArray("\x1b[0n"));
+        session.appendTerminal(QStringLiteral("Connection timed out\r"), ConsoleSession::red);
+        session.appendTerminal(QStringLiteral(">\r"), ConsoleSession::black);
+        QCOMPARE(session.terminal()->screen().allText(), QStringLiteral("leaf1#\nConnection timed out\n>\n"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestConsoleTerminal)
+#include "tst_console_terminal.moc"
