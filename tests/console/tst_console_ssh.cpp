@@ -23,6 +23,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
+#include <QRegularExpression>
 #include <QTest>
 #include <QUdpSocket>
 
@@ -170,7 +171,8 @@ private Q_SLOTS:
 
         killServer();
         QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
-        QVERIFY2(consoleText().contains(QLatin1String("R1#Connection to fake-r1 lost: ")),
+        // Straight after the prompt (on a line of its own in terminal mode, SSH's default).
+        QVERIFY2(consoleText().contains(QRegularExpression(QStringLiteral("R1#\\n?Connection to fake-r1 lost: "))),
             qPrintable(consoleText()));
         QVERIFY(consoleText().endsWith(QLatin1String("\nPress Enter to reconnect\n")));
     }
