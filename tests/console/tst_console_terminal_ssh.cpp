@@ -75,17 +75,16 @@ private Q_SLOTS:
         QVERIFY(run("ssh-keygen", { "-q", "-t", "ed25519", "-N", "", "-f", clientKey }));
         QFile::copy(clientKey + QStringLiteral(".pub"), path("authorized_keys"));
 
-        QTcpServer probe;
-        QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-        m_port = probe.serverPort();
-        probe.close();
+        m_port = tw::test::freeTcpPort();
         writeFile(path("sshd_config"),
             QStringLiteral(
                 "Port %1\nListenAddress 127.0.0.1\nHostKey %2\nPidFile none\nAuthorizedKeysFile %3\n"
                 "UsePAM no\nStrictModes no\nPermitRootLogin prohibit-password\n"
-                "PasswordAuthentication no\nKbdInteractiveAuthentication no\nForceCommand env PS1= /bin/sh\n")
+                "PasswordAuthentication no\nKbdInteractiveAuthentication no\nForceCommand env PS1= /bin/sh\n"
+                // The session's shell reads its start-up files from the test's home, not the real one.
+                "SetEnv HOME=%4\n")
                 .arg(m_port)
-                .arg(path("host_key"), path("authorized_keys"))
+                .arg(path("host_key"), path("authorized_keys"), home)
                 .toUtf8());
         writeFile(home + QStringLiteral("/.ssh/known_hosts"),
             "[127.0.0.1]:" + QByteArray::number(m_port) + " ssh-ed25519 "
@@ -98,7 +97,7 @@ private Q_SLOTS:
             client.connectToHost(QHostAddress::LocalHost, m_port);
             return client.waitForConnected(500);
         };
-        QTRY_VERIFY2_WITH_TIMEOUT(listening(), m_sshd.readAll().constData(), 15000);
+        QTRY_VERIFY2_WITH_TIMEOUT(listening(), m_sshd.readAll().constData(), 120000);
     }
 
     void cleanupTestCase()
@@ -125,7 +124,7 @@ private Q_SLOTS:
 
         type(&window, "printf '\\033[1;32mleaf1#\\033[0m '");
         QTRY_VERIFY2_WITH_TIMEOUT(
-            window.windowTitle() == QLatin1String("leaf1#"), qPrintable(window.shownText()), 15000);
+            window.windowTitle() == QLatin1String("leaf1#"), qPrintable(window.shownText()), 120000);
         QVERIFY(window.shownText().endsWith(QLatin1String("\nleaf1#")));
 
         const QRegularExpression size(QStringLiteral("\n(\\d+) (\\d+)\n"));
@@ -144,12 +143,12 @@ private Q_SLOTS:
                 .arg(window.terminalBox()->gridRows());
         };
         type(&window, "stty size");
-        QTRY_COMPARE_WITH_TIMEOUT(farEndSize(), viewSize(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(farEndSize(), viewSize(), 120000);
         const QString before = viewSize();
         window.resize(640, 420);
         QTRY_VERIFY(viewSize() != before);
         type(&window, "stty size");
-        QTRY_COMPARE_WITH_TIMEOUT(farEndSize(), viewSize(), 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(farEndSize(), viewSize(), 120000);
     }
 };
 
