@@ -11,6 +11,7 @@
 
 #include "access/access_list.h"
 #include "access/mask_display.h"
+#include "tftp_fuzz_folder.h"
 #include "tftp/standard_engine.h"
 
 #include <QCoreApplication>
@@ -23,26 +24,6 @@
 #include <cstdint>
 
 namespace {
-
-const QTemporaryDir &folder()
-{
-    static QTemporaryDir dir;
-    return dir;
-}
-
-// The files every input starts from (uploads may have replaced them).
-void resetFiles()
-{
-    const QString share = folder().filePath(QStringLiteral("share"));
-    static const bool made = QDir().mkpath(share + QStringLiteral("/sub"));
-    Q_UNUSED(made);
-    QFile small(share + QStringLiteral("/f.bin"));
-    if (small.open(QIODevice::WriteOnly))
-        small.write(QByteArray(1500, 'f'));
-    QFile text(share + QStringLiteral("/t.txt"));
-    if (text.open(QIODevice::WriteOnly))
-        text.write("line\nline\r\nend\r");
-}
 
 // The standard engine's sockets: handles with ports, datagrams sent into the void.
 class MemoryNet : public EngineNet
@@ -73,12 +54,12 @@ private:
 
 void runStandard(const uint8_t *data, size_t size)
 {
-    resetFiles();
+    resetTftpFuzzFiles();
     MemoryNet network;
     StandardEngine engine(&network);
     qint64 clock = 0;
     engine.setClock([&clock] { return clock; });
-    const QString share = folder().filePath(QStringLiteral("share"));
+    const QString share = tftpFuzzFolder().filePath(QStringLiteral("share"));
     engine.setAccessEntries({ { QStringLiteral("0.0.0.0"), maskDisplayForm(0), QStringLiteral("yes"),
                                   QStringLiteral("yes"), share, 0 },
         { QStringLiteral("10.0.0.3"), maskDisplayForm(32), QStringLiteral("no"), QStringLiteral("no"), share,

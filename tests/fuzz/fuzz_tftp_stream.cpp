@@ -12,6 +12,7 @@
 
 #include "access/access_list.h"
 #include "access/mask_display.h"
+#include "tftp_fuzz_folder.h"
 #include "tftp/capture_sink.h"
 #include "tftp/datagram_socket.h"
 #include "tftp/tftp_server.h"
@@ -116,41 +117,21 @@ public:
     void CaptureData(const QByteArray &) override { }
 };
 
-const QTemporaryDir &folder()
-{
-    static QTemporaryDir dir;
-    return dir;
-}
-
-// The files every input starts from (uploads may have replaced them).
-void resetFiles()
-{
-    const QString share = folder().filePath(QStringLiteral("share"));
-    static const bool made = QDir().mkpath(share + QStringLiteral("/sub"));
-    Q_UNUSED(made);
-    QFile small(share + QStringLiteral("/f.bin"));
-    if (small.open(QIODevice::WriteOnly))
-        small.write(QByteArray(1500, 'f'));
-    QFile exact(share + QStringLiteral("/e.bin"));
-    if (exact.open(QIODevice::WriteOnly))
-        exact.write(QByteArray(1024, 'e'));
-}
-
 void runClassic(const uint8_t *data, size_t size)
 {
-    resetFiles();
+    resetTftpFuzzFiles();
     MemoryNetwork network;
     TransferMonitor monitor;
     AccessList acl;
     acl.appendEntry({ QStringLiteral("0.0.0.0"), maskDisplayForm(0), QStringLiteral("yes"),
-        QStringLiteral("yes"), folder().filePath(QStringLiteral("share")), 0 });
+        QStringLiteral("yes"), tftpFuzzFolder().filePath(QStringLiteral("share")), 0 });
     acl.appendEntry({ QStringLiteral("10.0.0.3"), maskDisplayForm(32), QStringLiteral("no"),
-        QStringLiteral("no"), folder().filePath(QStringLiteral("share")), 32 });
+        QStringLiteral("no"), tftpFuzzFolder().filePath(QStringLiteral("share")), 32 });
     Capture capture;
     TftpServer server(&monitor, &acl);
     server.setSocketFactory([&network](QObject *parent) { return new MemorySocket(network, parent); });
     server.setPort(69);
-    server.setTraceFilePath(folder().filePath(QStringLiteral("bugfix.ini")));
+    server.setTraceFilePath(tftpFuzzFolder().filePath(QStringLiteral("bugfix.ini")));
     server.setCaptureSink(&capture);
     server.setConfine(size > 0 && (data[0] & 2));
     capture.on = size > 0 && (data[0] & 1);
