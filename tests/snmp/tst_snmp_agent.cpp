@@ -256,18 +256,6 @@ void TestSnmpAgent::pageWithoutKeyring()
     QTRY_VERIFY(view->model()->rowCount() > 0);
     view->setCurrentIndex(view->model()->index(0, 0));
     QCOMPARE(page.selectedInterface(), page.monitor()->interfaceAt(0));
-    // For a look at the live tab (TW_SNMP_LOOK=seconds, on a real display): traffic through loopback.
-    if (const int look = qEnvironmentVariableIntValue("TW_SNMP_LOOK")) {
-        page.resize(1180, 760);
-        QUdpSocket source;
-        QTimer push;
-        connect(&push, &QTimer::timeout, &source, [&] {
-            for (int i = 0; i < 1 + QRandomGenerator::global()->bounded(20); ++i)
-                source.writeDatagram(QByteArray(30000, 'x'), QHostAddress::LocalHost, m_port + 1);
-        });
-        push.start(10);
-        QTest::qWait(look * 1000);
-    }
 
     QSettings settings = tw::test::settingsStore();
     settings.sync();
