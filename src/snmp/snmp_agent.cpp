@@ -3,13 +3,18 @@
 // clang-format off
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
+#include <net-snmp/library/large_fd_set.h>
 // clang-format on
 
 #include <QHostAddress>
 #include <QMutex>
 #include <QStringList>
 
+#include <cerrno>
 #include <mutex>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -61,7 +66,73 @@ Proto privProto(SnmpTarget::Priv priv)
     return { usmAESPrivProtocol, OID_LENGTH(usmAESPrivProtocol) };
 }
 
+// Takes what net-snmp reports about the request out on a session, the way its
+// own synchronous call does, into the session's Wait.
+int onResponse(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *magic)
+{
+    auto *wait = static_cast<AgentSession::Wait *>(magic);
+    if (!wait->waiting)
+        return 1;
+    switch (operation) {
+    case NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE:
+        if (pdu->command == SNMP_MSG_RESPONSE) {
+            wait->reply = snmp_clone_pdu(pdu);
+            wait->status = STAT_SUCCESS;
+            wait->waiting = false;
+        } else if (pdu->command == SNMP_MSG_REPORT) {
+            // A USM report says what the agent made of us in its own words.
+            // net-snmp answers a notInTimeWindow report itself, by sending the
+            // request again with the agent's clock: that answer is still to come.
+            wait->error = snmpv3_get_report_type(pdu);
+            wait->status = STAT_ERROR;
+            wait->waiting = wait->error == SNMPERR_NOT_IN_TIME_WINDOW;
+        } else {
+            wait->error = SNMPERR_PROTOCOL;
+            wait->status = STAT_ERROR;
+            wait->waiting = false;
+        }
+        break;
+    case NETSNMP_CALLBACK_OP_TIMED_OUT:
+        wait->error = SNMPERR_TIMEOUT;
+        wait->status = STAT_TIMEOUT;
+        wait->waiting = false;
+        break;
+    case NETSNMP_CALLBACK_OP_SEC_ERROR:
+        // An answer that failed its security checks: a genuine one may follow.
+        if (!wait->error)
+            wait->error = SNMPERR_GENERR;
+        break;
+    case NETSNMP_CALLBACK_OP_RESEND:
+        break;
+    default: // the send failed or the session is going
+        wait->error = SNMPERR_ABORT;
+        wait->status = STAT_ERROR;
+        wait->waiting = false;
+        break;
+    }
+    return 1;
+}
+
 } // namespace
+
+SnmpCancel::SnmpCancel()
+    : m_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{ }
+
+SnmpCancel::~SnmpCancel()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+void SnmpCancel::cancel()
+{
+    m_cancelled = true;
+    if (m_fd >= 0) {
+        const quint64 one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(m_fd, &one, sizeof one);
+    }
+}
 
 void AgentSession::initLibrary()
 {
@@ -188,6 +259,8 @@ QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &lib
         return QStringLiteral("Security level not supported for user \"%1\"").arg(target.user);
     case SNMPERR_USM_ENCRYPTIONERROR:
         return QStringLiteral("Encryption error: check the privacy protocol");
+    case SNMPERR_ABORT:
+        return QStringLiteral("Cancelled");
     case SNMPERR_BAD_ADDRESS:
     case SNMPERR_BAD_PARSE:
         return QStringLiteral("Cannot use the address %1").arg(target.host);
@@ -196,8 +269,9 @@ QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &lib
     }
 }
 
-AgentSession::AgentSession(const SnmpTarget &target)
+AgentSession::AgentSession(const SnmpTarget &target, const SnmpCancel *cancel)
     : m_target(target)
+    , m_cancel(cancel)
 { }
 
 AgentSession::~AgentSession()
@@ -206,6 +280,8 @@ AgentSession::~AgentSession()
         QMutexLocker lock(&libraryLock());
         snmp_sess_close(m_session);
     }
+    if (m_wait.reply)
+        snmp_free_pdu(static_cast<netsnmp_pdu *>(m_wait.reply));
 }
 
 void AgentSession::fail(int code, const QString &library)
@@ -217,6 +293,10 @@ void AgentSession::fail(int code, const QString &library)
 bool AgentSession::open()
 {
     initLibrary();
+    if (m_cancel && m_cancel->isCancelled()) {
+        fail(SNMPERR_ABORT);
+        return false;
+    }
     const bool v6 = QHostAddress(m_target.host).protocol() == QAbstractSocket::IPv6Protocol;
     QByteArray peer = (v6 ? QStringLiteral("udp6:[%1]:%2") : QStringLiteral("udp:%1:%2"))
                           .arg(m_target.host)
@@ -322,29 +402,74 @@ bool AgentSession::open()
     return true;
 }
 
+// Sends one request and waits for its answer as net-snmp's own synchronous
+// call would (its time-outs and retries), but also on the cancel descriptor,
+// so a console closing never waits out a silent device.
 bool AgentSession::request(void *pdu, void **response)
 {
-    netsnmp_pdu *reply = nullptr;
-    const int status = snmp_sess_synch_response(m_session, static_cast<netsnmp_pdu *>(pdu), &reply);
-    m_answered = status == STAT_SUCCESS && reply;
-    if (status == STAT_SUCCESS && reply && reply->errstat == SNMP_ERR_NOERROR) {
-        *response = reply;
-        return true;
+    m_answered = false;
+    if (m_cancel && m_cancel->isCancelled()) {
+        snmp_free_pdu(static_cast<netsnmp_pdu *>(pdu));
+        fail(SNMPERR_ABORT);
+        return false;
     }
-    if (status == STAT_SUCCESS && reply) {
-        fail(SNMPERR_GENERR,
-            QStringLiteral("The agent answered: %1")
-                .arg(QString::fromLatin1(snmp_errstring(int(reply->errstat)))));
-    } else if (status == STAT_TIMEOUT) {
-        fail(SNMPERR_TIMEOUT);
-    } else {
+    m_wait = Wait();
+    m_wait.waiting = true;
+    if (snmp_sess_async_send(m_session, static_cast<netsnmp_pdu *>(pdu), onResponse, &m_wait) == 0) {
+        snmp_free_pdu(static_cast<netsnmp_pdu *>(pdu));
+        m_wait.waiting = false;
         int libErr = 0, sysErr = 0;
         char *text = nullptr;
         snmp_sess_error(m_session, &libErr, &sysErr, &text);
-        // A USM report's error reaches only the library-wide error number.
-        fail(libErr ? libErr : snmp_errno, QString::fromLocal8Bit(text));
+        fail(libErr ? libErr : SNMPERR_GENERR, QString::fromLocal8Bit(text));
         free(text);
+        return false;
     }
+    netsnmp_large_fd_set fds;
+    netsnmp_large_fd_set_init(&fds, FD_SETSIZE);
+    while (m_wait.waiting) {
+        int count = 0, block = 1;
+        timeval timeout {};
+        NETSNMP_LARGE_FD_ZERO(&fds);
+        snmp_sess_select_info2(m_session, &count, &fds, &timeout, &block);
+        if (m_cancel && m_cancel->fd() >= 0) {
+            NETSNMP_LARGE_FD_SET(m_cancel->fd(), &fds);
+            count = qMax(count, m_cancel->fd() + 1);
+        }
+        const int ready
+            = netsnmp_large_fd_set_select(count, &fds, nullptr, nullptr, block ? nullptr : &timeout);
+        if (m_cancel && m_cancel->isCancelled()) {
+            m_wait.waiting = false;
+            m_wait.status = STAT_ERROR;
+            m_wait.error = SNMPERR_ABORT;
+        } else if (ready > 0) {
+            snmp_sess_read2(m_session, &fds);
+        } else if (ready == 0) {
+            snmp_sess_timeout(m_session);
+        } else if (errno != EINTR) {
+            m_wait.waiting = false;
+            m_wait.status = STAT_ERROR;
+            m_wait.error = SNMPERR_GENERR;
+        }
+    }
+    netsnmp_large_fd_set_cleanup(&fds);
+
+    auto *reply = static_cast<netsnmp_pdu *>(m_wait.reply);
+    m_wait.reply = nullptr;
+    m_answered = m_wait.status == STAT_SUCCESS && reply;
+    if (m_answered && reply->errstat == SNMP_ERR_NOERROR) {
+        *response = reply;
+        return true;
+    }
+    if (m_answered)
+        fail(SNMPERR_GENERR,
+            QStringLiteral("The agent answered: %1")
+                .arg(QString::fromLatin1(snmp_errstring(int(reply->errstat)))));
+    else if (m_wait.status == STAT_TIMEOUT)
+        fail(SNMPERR_TIMEOUT);
+    else
+        fail(m_wait.error ? m_wait.error : SNMPERR_GENERR,
+            QString::fromLatin1(snmp_api_errstring(m_wait.error ? m_wait.error : SNMPERR_GENERR)));
     if (reply)
         snmp_free_pdu(reply);
     return false;
@@ -443,4 +568,9 @@ int AgentSession::timeoutError()
 int AgentSession::decryptionError()
 {
     return SNMPERR_USM_DECRYPTIONERROR;
+}
+
+int AgentSession::cancelledError()
+{
+    return SNMPERR_ABORT;
 }

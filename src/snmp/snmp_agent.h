@@ -5,6 +5,7 @@
 #include <QMetaType>
 #include <QString>
 
+#include <atomic>
 #include <optional>
 
 struct variable_list;
@@ -76,10 +77,32 @@ std::optional<int> columnIndex(const Oid &column, const Oid &oid);
 // "No response from HOST (N tries)".
 QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &library = QString());
 
+// Ends the waits of the sessions that watch it, from any thread: a request
+// under way gives up at once, and later ones are not sent. One-way: what is
+// cancelled stays cancelled. (net-snmp's v3 engine discovery, which happens
+// inside the opening of a session, cannot be interrupted.)
+class SnmpCancel
+{
+public:
+    SnmpCancel();
+    ~SnmpCancel();
+    SnmpCancel(const SnmpCancel &) = delete;
+    SnmpCancel &operator=(const SnmpCancel &) = delete;
+
+    void cancel();
+    bool isCancelled() const { return m_cancelled.load(); }
+    // Readable once cancelled.
+    int fd() const { return m_fd; }
+
+private:
+    int m_fd = -1;
+    std::atomic_bool m_cancelled { false };
+};
+
 class AgentSession
 {
 public:
-    explicit AgentSession(const SnmpTarget &target);
+    explicit AgentSession(const SnmpTarget &target, const SnmpCancel *cancel = nullptr);
     ~AgentSession();
     AgentSession(const AgentSession &) = delete;
     AgentSession &operator=(const AgentSession &) = delete;
@@ -104,16 +127,29 @@ public:
 
     static int timeoutError();
     static int decryptionError();
+    static int cancelledError();
 
     // Sets net-snmp up once per process: it reads no configuration or
     // persistent files of its own (the user's ~/.snmp stays untouched).
     static void initLibrary();
+
+    // What the response callback reports to request(); kept with the session,
+    // which may call back about a request still out when it closes.
+    struct Wait
+    {
+        bool waiting = false;
+        int status = 0;
+        int error = 0;
+        void *reply = nullptr;
+    };
 
 private:
     bool request(void *pdu, void **response);
     void fail(int code, const QString &library = QString());
 
     SnmpTarget m_target;
+    const SnmpCancel *m_cancel = nullptr;
+    Wait m_wait;
     void *m_session = nullptr;
     QString m_error;
     int m_errorCode = 0;
