@@ -10,6 +10,7 @@
 #include <QMutex>
 #include <QStringList>
 
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
 
@@ -76,7 +77,10 @@ int onResponse(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *ma
     switch (operation) {
     case NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE:
         if (pdu->command == SNMP_MSG_RESPONSE) {
-            wait->reply = snmp_clone_pdu(pdu);
+            // Read in place: the library frees the answer once we return.
+            wait->errorStatus = pdu->errstat;
+            if (pdu->errstat == SNMP_ERR_NOERROR && wait->take)
+                (*wait->take)(pdu);
             wait->status = STAT_SUCCESS;
             wait->waiting = false;
         } else if (pdu->command == SNMP_MSG_REPORT) {
@@ -158,9 +162,11 @@ SnmpValue toSnmpValue(const variable_list *var)
     SnmpValue v;
     if (!var)
         return v;
-    if (var->name && var->name_length <= MAX_OID_LEN)
-        for (size_t i = 0; i < var->name_length; ++i)
-            v.oid.append(quint32(var->name[i]));
+    if (var->name && var->name_length <= MAX_OID_LEN) {
+        v.oid.resize(qsizetype(var->name_length));
+        std::transform(
+            var->name, var->name + var->name_length, v.oid.begin(), [](oid n) { return quint32(n); });
+    }
     v.endOfView = var->type == SNMP_ENDOFMIBVIEW;
     const auto has = [var](size_t bytes) { return var->val.string != nullptr && var->val_len >= bytes; };
     switch (var->type) {
@@ -280,8 +286,6 @@ AgentSession::~AgentSession()
         QMutexLocker lock(&libraryLock());
         snmp_sess_close(m_session);
     }
-    if (m_wait.reply)
-        snmp_free_pdu(static_cast<netsnmp_pdu *>(m_wait.reply));
 }
 
 void AgentSession::fail(int code, const QString &library)
@@ -405,19 +409,20 @@ bool AgentSession::open()
 // Sends one request and waits for its answer as net-snmp's own synchronous
 // call would (its time-outs and retries), but also on the cancel descriptor,
 // so a console closing never waits out a silent device.
-bool AgentSession::request(void *pdu, void **response)
+bool AgentSession::request(snmp_pdu *pdu, const std::function<void(const snmp_pdu *)> &take)
 {
     m_answered = false;
     if (m_cancel && m_cancel->isCancelled()) {
-        snmp_free_pdu(static_cast<netsnmp_pdu *>(pdu));
+        snmp_free_pdu(pdu);
         fail(SNMPERR_ABORT);
         return false;
     }
     m_wait = Wait();
     m_wait.waiting = true;
-    if (snmp_sess_async_send(m_session, static_cast<netsnmp_pdu *>(pdu), onResponse, &m_wait) == 0) {
-        snmp_free_pdu(static_cast<netsnmp_pdu *>(pdu));
-        m_wait.waiting = false;
+    m_wait.take = &take;
+    if (snmp_sess_async_send(m_session, pdu, onResponse, &m_wait) == 0) {
+        snmp_free_pdu(pdu);
+        m_wait = Wait();
         int libErr = 0, sysErr = 0;
         char *text = nullptr;
         snmp_sess_error(m_session, &libErr, &sysErr, &text);
@@ -453,27 +458,32 @@ bool AgentSession::request(void *pdu, void **response)
         }
     }
     netsnmp_large_fd_set_cleanup(&fds);
+    m_wait.take = nullptr;
 
-    auto *reply = static_cast<netsnmp_pdu *>(m_wait.reply);
-    m_wait.reply = nullptr;
-    m_answered = m_wait.status == STAT_SUCCESS && reply;
-    if (m_answered && reply->errstat == SNMP_ERR_NOERROR) {
-        *response = reply;
+    m_answered = m_wait.status == STAT_SUCCESS;
+    if (m_answered && m_wait.errorStatus == SNMP_ERR_NOERROR)
         return true;
-    }
     if (m_answered)
         fail(SNMPERR_GENERR,
             QStringLiteral("The agent answered: %1")
-                .arg(QString::fromLatin1(snmp_errstring(int(reply->errstat)))));
+                .arg(QString::fromLatin1(snmp_errstring(int(m_wait.errorStatus)))));
     else if (m_wait.status == STAT_TIMEOUT)
         fail(SNMPERR_TIMEOUT);
     else
         fail(m_wait.error ? m_wait.error : SNMPERR_GENERR,
             QString::fromLatin1(snmp_api_errstring(m_wait.error ? m_wait.error : SNMPERR_GENERR)));
-    if (reply)
-        snmp_free_pdu(reply);
     return false;
 }
+
+namespace {
+void addNull(netsnmp_pdu *pdu, const Oid &name)
+{
+    oid id[MAX_OID_LEN];
+    const size_t length = qMin<size_t>(size_t(name.size()), MAX_OID_LEN);
+    std::copy_n(name.begin(), length, id);
+    snmp_add_null_var(pdu, id, length);
+}
+} // namespace
 
 bool AgentSession::get(const QList<Oid> &oids, QList<SnmpValue> &values)
 {
@@ -481,16 +491,14 @@ bool AgentSession::get(const QList<Oid> &oids, QList<SnmpValue> &values)
     if (!m_session && !open())
         return false;
     netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GET);
-    for (const Oid &o : oids) {
-        std::vector<oid> name(o.begin(), o.end());
-        snmp_add_null_var(pdu, name.data(), name.size());
-    }
-    void *reply = nullptr;
-    if (!request(pdu, &reply))
+    for (const Oid &o : oids)
+        addNull(pdu, o);
+    const bool ok = request(pdu, [&values](const snmp_pdu *reply) {
+        for (const variable_list *v = reply->variables; v; v = v->next_variable)
+            values.append(toSnmpValue(v));
+    });
+    if (!ok)
         return false;
-    for (variable_list *v = static_cast<netsnmp_pdu *>(reply)->variables; v; v = v->next_variable)
-        values.append(toSnmpValue(v));
-    snmp_free_pdu(static_cast<netsnmp_pdu *>(reply));
     while (values.size() < oids.size())
         values.append(SnmpValue());
     return true;
@@ -508,21 +516,12 @@ bool AgentSession::bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList
     // An agent that never leaves a column would keep us here for ever.
     constexpr int instanceLimit = 100000;
     int instances = 0;
-    while (!active.isEmpty() && instances < instanceLimit) {
-        netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GETBULK);
-        pdu->non_repeaters = 0;
-        pdu->max_repetitions = qMax(1, maxRepetitions / int(active.size()));
-        for (int c : std::as_const(active)) {
-            std::vector<oid> name(cursor[c].begin(), cursor[c].end());
-            snmp_add_null_var(pdu, name.data(), name.size());
-        }
-        void *reply = nullptr;
-        if (!request(pdu, &reply))
-            return false;
-        QList<bool> done(active.size(), false);
+    QList<bool> done;
+    bool any = false;
+    // One answer: its values come column by column, round after round.
+    const std::function<void(const snmp_pdu *)> take = [&](const snmp_pdu *reply) {
         int n = 0;
-        bool any = false;
-        for (variable_list *v = static_cast<netsnmp_pdu *>(reply)->variables; v; v = v->next_variable, ++n) {
+        for (const variable_list *v = reply->variables; v; v = v->next_variable, ++n) {
             const int slot = n % int(active.size());
             if (done[slot])
                 continue;
@@ -541,7 +540,17 @@ bool AgentSession::bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList
             any = true;
             ++instances;
         }
-        snmp_free_pdu(static_cast<netsnmp_pdu *>(reply));
+    };
+    while (!active.isEmpty() && instances < instanceLimit) {
+        netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GETBULK);
+        pdu->non_repeaters = 0;
+        pdu->max_repetitions = qMax(1, maxRepetitions / int(active.size()));
+        for (int c : std::as_const(active))
+            addNull(pdu, cursor[c]);
+        done.fill(false, active.size());
+        any = false;
+        if (!request(pdu, take))
+            return false;
         QList<int> still;
         for (int slot = 0; slot < active.size(); ++slot)
             if (!done[slot] && any)

@@ -6,8 +6,10 @@
 #include <QString>
 
 #include <atomic>
+#include <functional>
 #include <optional>
 
+struct snmp_pdu;
 struct variable_list;
 
 // What the v2c and v3 monitor talks to an agent with: a thin layer over
@@ -134,17 +136,19 @@ public:
     static void initLibrary();
 
     // What the response callback reports to request(); kept with the session,
-    // which may call back about a request still out when it closes.
+    // which may call back about a request still out when it closes. An answer
+    // without an error status goes to take while net-snmp still holds it.
     struct Wait
     {
         bool waiting = false;
         int status = 0;
         int error = 0;
-        void *reply = nullptr;
+        long errorStatus = 0;
+        const std::function<void(const snmp_pdu *)> *take = nullptr;
     };
 
 private:
-    bool request(void *pdu, void **response);
+    bool request(snmp_pdu *pdu, const std::function<void(const snmp_pdu *)> &take);
     void fail(int code, const QString &library = QString());
 
     SnmpTarget m_target;
