@@ -16,6 +16,8 @@ QString statusText(int status)
 {
     static const char *const names[]
         = { "", "up", "down", "testing", "unknown", "dormant", "notPresent", "lowerLayerDown" };
+    if (status == 0)
+        return QString(); // the agent gave none
     return status >= 1 && status <= 7 ? QLatin1String(names[status]) : QString::number(status);
 }
 
