@@ -406,23 +406,20 @@ bool AgentSession::open()
     return true;
 }
 
-// Sends one request and waits for its answer as net-snmp's own synchronous
-// call would (its time-outs and retries), but also on the cancel descriptor,
-// so a console closing never waits out a silent device.
-bool AgentSession::request(snmp_pdu *pdu, const std::function<void(const snmp_pdu *)> &take)
+bool AgentSession::send(snmp_pdu *pdu, const Take &take, Wait &wait)
 {
-    m_answered = false;
+    wait = Wait();
     if (m_cancel && m_cancel->isCancelled()) {
         snmp_free_pdu(pdu);
-        fail(SNMPERR_ABORT);
+        wait.status = STAT_ERROR;
+        wait.error = SNMPERR_ABORT;
         return false;
     }
-    m_wait = Wait();
-    m_wait.waiting = true;
-    m_wait.take = &take;
-    if (snmp_sess_async_send(m_session, pdu, onResponse, &m_wait) == 0) {
+    wait.waiting = true;
+    wait.take = &take;
+    if (snmp_sess_async_send(m_session, pdu, onResponse, &wait) == 0) {
         snmp_free_pdu(pdu);
-        m_wait = Wait();
+        wait = Wait();
         int libErr = 0, sysErr = 0;
         char *text = nullptr;
         snmp_sess_error(m_session, &libErr, &sysErr, &text);
@@ -430,9 +427,18 @@ bool AgentSession::request(snmp_pdu *pdu, const std::function<void(const snmp_pd
         free(text);
         return false;
     }
+    return true;
+}
+
+// Waits as net-snmp's own synchronous call would (its time-outs and retries),
+// but also on the cancel descriptor, so a console closing never waits out a
+// silent device.
+bool AgentSession::pump(const std::function<bool()> &done)
+{
     netsnmp_large_fd_set fds;
     netsnmp_large_fd_set_init(&fds, FD_SETSIZE);
-    while (m_wait.waiting) {
+    bool ok = true;
+    while (!done()) {
         int count = 0, block = 1;
         timeval timeout {};
         NETSNMP_LARGE_FD_ZERO(&fds);
@@ -444,35 +450,70 @@ bool AgentSession::request(snmp_pdu *pdu, const std::function<void(const snmp_pd
         const int ready
             = netsnmp_large_fd_set_select(count, &fds, nullptr, nullptr, block ? nullptr : &timeout);
         if (m_cancel && m_cancel->isCancelled()) {
-            m_wait.waiting = false;
-            m_wait.status = STAT_ERROR;
-            m_wait.error = SNMPERR_ABORT;
-        } else if (ready > 0) {
+            ok = false;
+            break;
+        }
+        if (ready > 0) {
             snmp_sess_read2(m_session, &fds);
         } else if (ready == 0) {
             snmp_sess_timeout(m_session);
         } else if (errno != EINTR) {
-            m_wait.waiting = false;
-            m_wait.status = STAT_ERROR;
-            m_wait.error = SNMPERR_GENERR;
+            ok = false;
+            break;
         }
     }
     netsnmp_large_fd_set_cleanup(&fds);
-    m_wait.take = nullptr;
+    if (!ok) {
+        const bool cancelled = m_cancel && m_cancel->isCancelled();
+        for (Wait &wait : m_waits)
+            if (wait.waiting) {
+                wait.waiting = false;
+                wait.status = STAT_ERROR;
+                wait.error = cancelled ? SNMPERR_ABORT : SNMPERR_GENERR;
+            }
+    }
+    return ok;
+}
 
-    m_answered = m_wait.status == STAT_SUCCESS;
-    if (m_answered && m_wait.errorStatus == SNMP_ERR_NOERROR)
+bool AgentSession::finish(Wait &wait)
+{
+    wait.take = nullptr;
+    m_answered = wait.status == STAT_SUCCESS;
+    if (m_answered && wait.errorStatus == SNMP_ERR_NOERROR)
         return true;
     if (m_answered)
         fail(SNMPERR_GENERR,
             QStringLiteral("The agent answered: %1")
-                .arg(QString::fromLatin1(snmp_errstring(int(m_wait.errorStatus)))));
-    else if (m_wait.status == STAT_TIMEOUT)
+                .arg(QString::fromLatin1(snmp_errstring(int(wait.errorStatus)))));
+    else if (wait.status == STAT_TIMEOUT)
         fail(SNMPERR_TIMEOUT);
     else
-        fail(m_wait.error ? m_wait.error : SNMPERR_GENERR,
-            QString::fromLatin1(snmp_api_errstring(m_wait.error ? m_wait.error : SNMPERR_GENERR)));
+        fail(wait.error ? wait.error : SNMPERR_GENERR,
+            QString::fromLatin1(snmp_api_errstring(wait.error ? wait.error : SNMPERR_GENERR)));
     return false;
+}
+
+void AgentSession::abandon()
+{
+    // net-snmp may still call back about them (an answer, a time-out, the
+    // session closing): a Wait that is not waiting ignores that.
+    for (Wait &wait : m_waits) {
+        wait.waiting = false;
+        wait.take = nullptr;
+    }
+}
+
+bool AgentSession::request(snmp_pdu *pdu, const Take &take)
+{
+    m_answered = false;
+    Wait &wait = m_waits[0];
+    if (!send(pdu, take, wait)) {
+        if (wait.error)
+            finish(wait);
+        return false;
+    }
+    pump([&wait] { return !wait.waiting; });
+    return finish(wait);
 }
 
 namespace {
@@ -504,60 +545,110 @@ bool AgentSession::get(const QList<Oid> &oids, QList<SnmpValue> &values)
     return true;
 }
 
+// The columns are walked in two chains of requests, each on its own share of
+// the columns and each sent as soon as its previous answer is in, so the
+// agent has the other chain's request to work on while we read an answer
+// and while a request or an answer is on its way.
 bool AgentSession::bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList<QList<SnmpValue>> &values)
 {
     values = QList<QList<SnmpValue>>(columns.size());
     if (!m_session && !open())
         return false;
+    m_answered = false;
     QList<Oid> cursor = columns;
-    QList<int> active;
-    for (int i = 0; i < columns.size(); ++i)
-        active.append(i);
     // An agent that never leaves a column would keep us here for ever.
     constexpr int instanceLimit = 100000;
     int instances = 0;
-    QList<bool> done;
-    bool any = false;
-    // One answer: its values come column by column, round after round.
-    const std::function<void(const snmp_pdu *)> take = [&](const snmp_pdu *reply) {
-        int n = 0;
-        for (const variable_list *v = reply->variables; v; v = v->next_variable, ++n) {
-            const int slot = n % int(active.size());
-            if (done[slot])
-                continue;
-            const int c = active[slot];
-            SnmpValue value = toSnmpValue(v);
-            const Oid &column = columns[c];
-            const bool inside = !value.endOfView && value.oid.size() > column.size()
-                && std::equal(column.begin(), column.end(), value.oid.begin());
-            // Identifiers must grow, or the agent is going round in circles.
-            if (!inside || !(cursor[c] < value.oid)) {
-                done[slot] = true;
-                continue;
-            }
-            cursor[c] = value.oid;
-            values[c].append(std::move(value));
-            any = true;
-            ++instances;
-        }
+    struct Chain
+    {
+        QList<int> active; // the columns still being walked
+        QList<bool> done;
+        bool any = false;
+        bool out = false; // a request is out
+        Take take;
     };
-    while (!active.isEmpty() && instances < instanceLimit) {
+    Chain chains[walkChains];
+    for (int c = 0; c < columns.size(); ++c)
+        chains[c * walkChains / columns.size()].active.append(c);
+    for (Chain &chain : chains) {
+        // One answer: its values come column by column, round after round.
+        chain.take = [&, ch = &chain](const snmp_pdu *reply) {
+            int n = 0;
+            for (const variable_list *v = reply->variables; v; v = v->next_variable, ++n) {
+                const int slot = n % int(ch->active.size());
+                if (ch->done[slot])
+                    continue;
+                const int c = ch->active[slot];
+                SnmpValue value = toSnmpValue(v);
+                const Oid &column = columns[c];
+                const bool inside = !value.endOfView && value.oid.size() > column.size()
+                    && std::equal(column.begin(), column.end(), value.oid.begin());
+                // Identifiers must grow, or the agent is going round in circles.
+                if (!inside || !(cursor[c] < value.oid)) {
+                    ch->done[slot] = true;
+                    continue;
+                }
+                cursor[c] = value.oid;
+                values[c].append(std::move(value));
+                ch->any = true;
+                ++instances;
+            }
+        };
+    }
+    const auto next = [&](int k) {
+        Chain &chain = chains[k];
         netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GETBULK);
         pdu->non_repeaters = 0;
-        pdu->max_repetitions = qMax(1, maxRepetitions / int(active.size()));
-        for (int c : std::as_const(active))
+        pdu->max_repetitions = qMax(1, maxRepetitions / int(chain.active.size()));
+        for (int c : std::as_const(chain.active))
             addNull(pdu, cursor[c]);
-        done.fill(false, active.size());
-        any = false;
-        if (!request(pdu, take))
+        chain.done.fill(false, chain.active.size());
+        chain.any = false;
+        chain.out = send(pdu, chain.take, m_waits[k]);
+        return chain.out;
+    };
+    for (int k = 0; k < walkChains; ++k) {
+        if (!chains[k].active.isEmpty() && !next(k)) {
+            if (m_waits[k].error)
+                finish(m_waits[k]);
+            abandon();
             return false;
-        QList<int> still;
-        for (int slot = 0; slot < active.size(); ++slot)
-            if (!done[slot] && any)
-                still.append(active[slot]);
-        active = still;
+        }
     }
-    return true;
+    for (;;) {
+        bool out = false;
+        for (const Chain &chain : chains)
+            out = out || chain.out;
+        if (!out)
+            return true;
+        pump([&] {
+            for (int k = 0; k < walkChains; ++k)
+                if (chains[k].out && !m_waits[k].waiting)
+                    return true;
+            return false;
+        });
+        for (int k = 0; k < walkChains; ++k) {
+            Chain &chain = chains[k];
+            if (!chain.out || m_waits[k].waiting)
+                continue;
+            chain.out = false;
+            if (!finish(m_waits[k])) {
+                abandon();
+                return false;
+            }
+            QList<int> still;
+            for (int slot = 0; slot < chain.active.size(); ++slot)
+                if (!chain.done[slot] && chain.any)
+                    still.append(chain.active[slot]);
+            chain.active = still;
+            if (!chain.active.isEmpty() && instances < instanceLimit && !next(k)) {
+                if (m_waits[k].error)
+                    finish(m_waits[k]);
+                abandon();
+                return false;
+            }
+        }
+    }
 }
 
 CredentialFault credentialFault(int snmpErr)

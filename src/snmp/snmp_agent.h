@@ -148,12 +148,25 @@ public:
     };
 
 private:
-    bool request(snmp_pdu *pdu, const std::function<void(const snmp_pdu *)> &take);
+    using Take = std::function<void(const snmp_pdu *)>;
+    bool request(snmp_pdu *pdu, const Take &take);
+    // Sends pdu without waiting, its outcome to go to wait.
+    bool send(snmp_pdu *pdu, const Take &take, Wait &wait);
+    // Lets net-snmp work (answers, time-outs, retries) until done() holds or
+    // the session is cancelled (false).
+    bool pump(const std::function<bool()> &done);
+    // The outcome of a request that is no longer waiting: true if answered
+    // without an error status, else false with the reason in error().
+    bool finish(Wait &wait);
+    // Stops listening for the requests still out, after a failure.
+    void abandon();
     void fail(int code, const QString &library = QString());
 
     SnmpTarget m_target;
     const SnmpCancel *m_cancel = nullptr;
-    Wait m_wait;
+    // A walk keeps this many requests out at once, each on columns of its own.
+    static constexpr int walkChains = 2;
+    Wait m_waits[walkChains];
     void *m_session = nullptr;
     QString m_error;
     int m_errorCode = 0;
