@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QByteArray>
-#include <QList>
+#include "snmp/snmp_value.h"
+
 #include <QMetaType>
 #include <QString>
 
@@ -10,7 +10,6 @@
 #include <optional>
 
 struct snmp_pdu;
-struct variable_list;
 
 // What the v2c and v3 monitor talks to an agent with: a thin layer over
 // net-snmp's single-session API. net-snmp does the protocol work (USM, engine
@@ -18,8 +17,6 @@ struct variable_list;
 // this layer turns our settings into its session, its variables into plain
 // values and its errors into words. Calls block for up to time-out × tries, so
 // an AgentSession lives on a worker thread, never on the UI thread.
-
-using Oid = QList<quint32>;
 
 // Who to poll and how. version is 2 (v2c) or 3.
 struct SnmpTarget
@@ -46,34 +43,6 @@ struct SnmpTarget
     bool needsAuth() const { return version == 3 && level != Level::NoAuthNoPriv; }
     bool needsPriv() const { return version == 3 && level == Level::AuthPriv; }
 };
-
-// One value as our code sees it. Integers, counters, gauges and time ticks
-// are numbers (bits tells a Counter64 from the 32-bit kinds); strings,
-// addresses and opaque values are bytes; noSuchObject, noSuchInstance,
-// endOfMibView and NULL are Missing.
-struct SnmpValue
-{
-    enum Kind { Missing, Number, Bytes };
-    Oid oid;
-    Kind kind = Missing;
-    quint64 number = 0;
-    int bits = 0;
-    QByteArray bytes;
-    bool endOfView = false;
-};
-
-// Converts one net-snmp variable, checking the length of what it points at
-// before reading it (a value shorter than its type needs is Missing).
-SnmpValue toSnmpValue(const variable_list *var);
-
-// "1.3.6.1.2.1.2.2.1.10" as an identifier; empty when any piece is not a
-// number below 2^32 or there are fewer than two pieces.
-Oid parseOid(const QString &dotted);
-QString oidText(const Oid &oid);
-
-// The instance of a table column: oid is column.<index> with exactly one more
-// piece, index 1 to 2^31 - 1 as IF-MIB allows; nullopt for anything else.
-std::optional<int> columnIndex(const Oid &column, const Oid &oid);
 
 // A net-snmp library error (SNMPERR_*) in words. Time-outs read
 // "No response from HOST (N tries)".
