@@ -59,8 +59,9 @@ public:
     // The rest runs on the server thread only (the library's callbacks).
     struct Connection;
     struct Request;
-    int answer(MHD_Connection *connection, const char *url, const char *method, const char *upload,
-        size_t *uploadSize, void **requestContext);
+    int answer(MHD_Connection *connection, const char *url, const char *method, const char *version,
+        const char *upload, size_t *uploadSize, void **requestContext);
+    void uriSeen(MHD_Connection *connection, const char *uri);
     void requestEnded(void **requestContext, int termination);
     void connectionEvent(MHD_Connection *connection, void **socketContext, int event);
 
