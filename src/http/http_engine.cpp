@@ -19,7 +19,7 @@ namespace {
 
 constexpr quint64 progressBytes = 1024; // what counts as progress for the watchdog
 constexpr int progressIntervalMs = 250; // about four monitor updates a second per row
-constexpr int batchMs = 40; // events handed to the windows' thread at most this often
+constexpr int batchMs = 200; // events handed to the windows' thread at most this often
 
 MHD_Result answerCallback(void *cls, MHD_Connection *connection, const char *url, const char *method,
     const char *version, const char *upload, size_t *uploadSize, void **requestContext)
@@ -183,7 +183,8 @@ void HttpEngine::run()
             watch();
         }
         // One hand-over per batch interval at most, however many turns the
-        // loop makes: the windows' thread gets a few dozen signals a second.
+        // loop makes: the windows' thread gets five signals a second at most,
+        // each carrying every row's latest change, and repaints five times.
         if (!m_pending.isEmpty() && now() - lastFlush >= batchMs) {
             flush();
             lastFlush = now();
