@@ -19,6 +19,7 @@
 #include <microhttpd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -93,7 +94,8 @@ int HttpEngine::answer(MHD_Connection *connection, const char *url, const char *
     if (from->overLimit)
         return reply(connection, nullptr, MHD_HTTP_SERVICE_UNAVAILABLE, "Too many connections\n");
 
-    if (nulInRequestLine(method, url, version, from->uriEnd))
+    const char *uriEnd = std::exchange(from->uriEnd, nullptr); // this request's only
+    if (nulInRequestLine(method, url, version, uriEnd))
         return reply(connection, nullptr, MHD_HTTP_BAD_REQUEST, "Bad request line\n");
     const QByteArray verb(method);
     const bool write = verb == "PUT";
