@@ -30,6 +30,11 @@ class QTimer;
 // thread. An agent silent past its time limit is reported through notice()
 // and the login goes on with the next method.
 //
+// A host with ProxyJump is reached through its jump hosts (SshJump, in
+// ssh_jump.cpp): each hop is an SshConnection of its own whose questions
+// reach the user as the target's do, and a failure names the hop ("jump host
+// J: authentication failed", "cannot reach J: ...").
+//
 // An open shell is kept alive with SSH keep-alives every
 // ServerAliveInterval seconds (60 by default, 0 turns them off); a peer that
 // lets ServerAliveCountMax (3) of them go unanswered is reported lost.
@@ -121,9 +126,22 @@ private:
     bool keyboardInteractive();
     bool password();
     bool openShell();
+    bool shellOpened();
     void readChannel();
     void flushPending();
-    void fail(const QString &message, bool timedOut = false);
+    // Ends the login with message; a jump host's own failures name it unless
+    // `named` says the message does already.
+    void fail(const QString &message, bool timedOut = false, bool named = false);
+    void unreachable(const QString &reason, const QString &message = QString());
+    // A notice, naming the jump host when this is one.
+    void tell(const QString &text);
+    QString lostMessage(const QString &reason) const;
+    void endJump();
+    bool startJump(const QString &setting);
+    void onJumpOpened();
+    void onJumpEnded(const QString &message);
+    void readTunnel();
+    void flushTunnel();
     void endSession();
     void watchSocket();
     void askSecrets(const QString &title, const QString &instruction, const QStringList &prompts,
@@ -148,6 +166,12 @@ private:
     int m_handshakeTimeout = 20000;
     int m_columns = 80;
     int m_rows = 24;
+
+    // Set on a jump host's connection: who it carries, and where to.
+    SshConnection *m_outer = nullptr;
+    QString m_forwardHost;
+    quint16 m_forwardPort = 0;
+    QString m_jumpVia; // the hops before this one, when the outer ProxyJump names them
 
     static bool s_interactive;
 };

@@ -8,6 +8,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QSocketNotifier>
 #include <QThread>
 
 #include <memory>
@@ -19,6 +20,7 @@ enum class SshConnection::Stage {
     Idle,
     Resolving,
     TcpConnecting,
+    Jumping, // waiting for the jump host's channel to the target
     Connecting,
     HostKey,
     WaitHostKey,
@@ -74,6 +76,14 @@ struct SshConnection::State
     int passwordTries = 0;
     int kbdintRounds = 0;
     QByteArray pending; // typed bytes the channel's window has no room for yet
+    // Through a jump host: its connection, and our end of the socket pair
+    // whose other end is the session's socket.
+    SshConnection *jump = nullptr;
+    int tunnelFd = -1;
+    QSocketNotifier *tunnelRead = nullptr;
+    QSocketNotifier *tunnelWrite = nullptr;
+    QByteArray tunnelOut; // from the jump host, not yet taken by the session
+    bool tunnelEnded = false; // the jump host's channel ended: EOF once tunnelOut is out
 
     void dropKey()
     {

@@ -38,6 +38,8 @@ bool namesHost(const QString &field, const QString &hostText)
 
 bool SshConnection::canAsk(const char *signal) const
 {
+    if (m_outer)
+        return m_outer->canAsk(signal); // a jump host asks whoever the target asks
     const QMetaMethod method = signal == QByteArrayLiteral("hostKey")
         ? QMetaMethod::fromSignal(&SshConnection::hostKeyQuestion)
         : QMetaMethod::fromSignal(&SshConnection::secretsRequested);
@@ -76,6 +78,12 @@ bool SshConnection::checkHostKey()
         return true;
     case SSH_KNOWN_HOSTS_CHANGED:
     case SSH_KNOWN_HOSTS_OTHER:
+        if (m_outer) {
+            fail(QStringLiteral("jump host %1: host key changed (now %2; it does not match %3)")
+                     .arg(d->host, fingerprint, changedKeyLine()),
+                false, true);
+            return false;
+        }
         fail(QStringLiteral("WARNING: the host key of %1 has changed (now %2); it does not match %3. "
                             "Refused: if the device really has a new key, remove that line.")
                  .arg(d->host, fingerprint, changedKeyLine()));
@@ -90,7 +98,7 @@ bool SshConnection::checkHostKey()
         }
         d->stage = Stage::WaitHostKey;
         m_handshakeTimer->stop();
-        Q_EMIT hostKeyQuestion(d->host, fingerprint);
+        Q_EMIT hostKeyQuestion(m_outer ? QStringLiteral("jump host %1").arg(d->host) : d->host, fingerprint);
         return false;
     case SSH_KNOWN_HOSTS_ERROR:
         break;
@@ -188,6 +196,8 @@ QString SshConnection::saveHostKey()
 
 void SshConnection::answerHostKey(HostKeyAnswer answer)
 {
+    if (d->stage == Stage::Jumping && d->jump)
+        return d->jump->answerHostKey(answer); // the jump host asked
     if (d->stage != Stage::WaitHostKey)
         return;
     if (answer == HostKeyAnswer::Cancel)
@@ -213,6 +223,8 @@ void SshConnection::askSecrets(
 
 void SshConnection::answerSecrets(const QStringList &answers)
 {
+    if (d->stage == Stage::Jumping && d->jump)
+        return d->jump->answerSecrets(answers);
     if (d->stage != Stage::WaitPassphrase && d->stage != Stage::WaitKbdint && d->stage != Stage::WaitPassword)
         return;
     d->answers = answers;
@@ -226,6 +238,8 @@ void SshConnection::answerSecrets(const QStringList &answers)
 
 void SshConnection::cancelSecrets()
 {
+    if (d->stage == Stage::Jumping && d->jump)
+        return d->jump->cancelSecrets();
     if (d->stage != Stage::WaitPassphrase && d->stage != Stage::WaitKbdint && d->stage != Stage::WaitPassword)
         return;
     fail(QStringLiteral("authentication to %1 cancelled").arg(d->host));
@@ -289,7 +303,11 @@ bool SshConnection::nextMethod()
             continue;
         return true;
     }
-    if (!loginClosed())
+    if (loginClosed())
+        return false;
+    if (m_outer)
+        fail(QStringLiteral("jump host %1: authentication failed").arg(d->host), false, true);
+    else
         fail(QStringLiteral("authentication refused for %1@%2").arg(d->user, d->host));
     return false;
 }
