@@ -184,8 +184,8 @@ void SshConnection::onResolved(const QHostInfo &info)
     if (chosen == addresses.end())
         chosen = addresses.begin();
     if (chosen == addresses.end())
-        return unreachable(QStringLiteral("cannot find %1: %2").arg(info.hostName(), info.errorString()),
-            info.errorString());
+        return unreachable(info.errorString(),
+            QStringLiteral("cannot find %1: %2").arg(info.hostName(), info.errorString()));
 
     unsigned int port = 22;
     ssh_options_get_port(d->session, &port);
