@@ -125,8 +125,13 @@ void SshConnection::open(const QString &host, quint16 port, const QString &user)
         }
     }
     if (d->config.has(QStringLiteral("requiredrsasize"))) {
-        const int bits = d->config.number(QStringLiteral("requiredrsasize"), 1024);
+        const int bits = requiredRsaBits(d->config);
         ssh_options_set(d->session, SSH_OPTIONS_RSA_MIN_SIZE, &bits);
+        const int asked = d->config.number(QStringLiteral("requiredrsasize"), bits);
+        if (asked != 0 && asked < bits)
+            tell(QStringLiteral("RequiredRSASize %1 for %2: RSA keys under %3 bits are never accepted")
+                     .arg(d->config.value(QStringLiteral("requiredrsasize")), host)
+                     .arg(bits));
         if (bits < 1024)
             tell(QStringLiteral("WARNING: RSA keys of %1 bits and more are accepted for %2 "
                                 "(RequiredRSASize); keys under 1024 bits are weak")

@@ -141,6 +141,14 @@ inline constexpr char libsshDefaultCiphers[] = "chacha20-poly1305@openssh.com,ae
 inline constexpr char libsshDefaultMacs[]
     = "hmac-sha2-256-etm@openssh.com,hmac-sha2-512-etm@openssh.com,hmac-sha2-256,hmac-sha2-512";
 
+// The smallest RSA key taken (host keys and key files): 1024 bits, or
+// RequiredRSASize down to the 768 that libssh holds to whatever it is told.
+static inline int requiredRsaBits(const SshConfig &config)
+{
+    const int bits = config.number(QStringLiteral("requiredrsasize"), 1024);
+    return bits == 0 ? 1024 : qMax(768, bits);
+}
+
 // Secrets are overwritten before their memory goes back.
 static inline void wipe(QStringList &secrets)
 {

@@ -9,6 +9,7 @@
 #include <QMetaMethod>
 #include <QRandomGenerator>
 #include <QTimer>
+#include <QtEndian>
 
 // The host key check and user authentication of SshConnection.
 
@@ -33,6 +34,33 @@ bool namesHost(const QString &field, const QString &hostText)
         }
     }
     return false;
+}
+// The modulus size of an "ssh-rsa" public key blob (string type, mpint e,
+// mpint n); 0 for any other key.
+int rsaBits(const QByteArray &blob)
+{
+    QByteArray fields[3];
+    qsizetype at = 0;
+    for (QByteArray &field : fields) {
+        if (at + 4 > blob.size())
+            return 0;
+        const quint32 length = qFromBigEndian<quint32>(blob.constData() + at);
+        if (length > quint32(blob.size() - at - 4))
+            return 0;
+        field = blob.mid(at + 4, length);
+        at += 4 + length;
+    }
+    if (fields[0] != "ssh-rsa")
+        return 0;
+    QByteArray &n = fields[2];
+    while (!n.isEmpty() && n.at(0) == 0)
+        n.remove(0, 1);
+    if (n.isEmpty())
+        return 0;
+    int bits = int(n.size()) * 8;
+    for (quint8 top = quint8(n.at(0)); !(top & 0x80); top <<= 1)
+        --bits;
+    return bits;
 }
 } // namespace
 
@@ -347,6 +375,21 @@ void SshConnection::prepareKeys()
             if (generation != d->loadGeneration || d->stage != Stage::WaitKeys)
                 return;
             d->identities.swap(batch.identities);
+            // libssh would skip an RSA key under the limit without a word.
+            const int minimum = requiredRsaBits(d->config);
+            for (qsizetype i = d->identities.size() - 1; i >= 0; --i) {
+                SshIdentity &identity = d->identities[i];
+                const int bits = rsaBits(identity.blob);
+                if (bits == 0 || bits >= minimum)
+                    continue;
+                tell(QStringLiteral("%1: an RSA key of %2 bits, under %3 (RequiredRSASize); not offered")
+                         .arg(identity.path)
+                         .arg(bits)
+                         .arg(minimum));
+                ssh_key_free(identity.publicKey);
+                ssh_key_free(identity.privateKey);
+                d->identities.removeAt(i);
+            }
             if (nextMethod())
                 step();
         });
