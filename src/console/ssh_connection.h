@@ -44,7 +44,9 @@ class QTimer;
 // no user can be asked (setInteractive(false), as in --headless runs, or
 // nobody listens to the signal) an unknown host key is refused and no
 // passphrase or password is asked for. Secrets are used once and never kept.
-//  - hostKeyQuestion(host, fingerprint): an unknown host key, "SHA256:...";
+//  - hostKeyQuestion(host, fingerprint, keyType): an unknown host key,
+//    "SHA256:..." and "ED25519" (host names the address and port where they
+//    are not the name typed, and a jump host as one);
 //  - secretsRequested(title, instruction, prompts, echo): a passphrase, a
 //    password or the server's keyboard-interactive prompts;
 //  - opened(): the shell is up; received() then carries its output;
@@ -91,7 +93,7 @@ public:
     void setAgentTimeout(int milliseconds) { m_agentTimeout = milliseconds; }
 
 Q_SIGNALS:
-    void hostKeyQuestion(const QString &host, const QString &fingerprint);
+    void hostKeyQuestion(const QString &host, const QString &fingerprint, const QString &keyType);
     void secretsRequested(const QString &title, const QString &instruction, const QStringList &prompts,
         const QList<bool> &echo);
     void opened();
@@ -150,6 +152,7 @@ private:
     QString libsshError() const;
     QString changedKeyLine() const;
     QString knownHostsFile() const;
+    QString described() const;
     QString knownHostsLine(bool revoked, const QString &keyText) const;
     QString saveHostKey();
 

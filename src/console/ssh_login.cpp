@@ -88,6 +88,12 @@ bool SshConnection::checkHostKey()
         fingerprint = takeString(ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, hashLength));
         ssh_clean_pubkey_hash(&hash);
     }
+    const ssh_keytypes_e type = ssh_key_type(key);
+    const QString keyType = type == SSH_KEYTYPE_RSA ? QStringLiteral("RSA")
+        : type == SSH_KEYTYPE_ED25519               ? QStringLiteral("ED25519")
+        : type == SSH_KEYTYPE_ECDSA_P256 || type == SSH_KEYTYPE_ECDSA_P384 || type == SSH_KEYTYPE_ECDSA_P521
+        ? QStringLiteral("ECDSA")
+        : QString::fromLatin1(ssh_key_type_to_char(type));
     char *base64 = nullptr;
     const QString keyText
         = ssh_pki_export_pubkey_base64(key, &base64) == SSH_OK ? takeString(base64) : QString();
@@ -126,13 +132,31 @@ bool SshConnection::checkHostKey()
         }
         d->stage = Stage::WaitHostKey;
         m_handshakeTimer->stop();
-        Q_EMIT hostKeyQuestion(m_outer ? QStringLiteral("jump host %1").arg(d->host) : d->host, fingerprint);
+        Q_EMIT hostKeyQuestion(described(), fingerprint, keyType);
         return false;
     case SSH_KNOWN_HOSTS_ERROR:
         break;
     }
     fail(QStringLiteral("cannot check the host key of %1: %2").arg(d->host, libsshError()));
     return false;
+}
+
+// The host for a question: as typed, with the address and port it stands
+// for where they differ ("fake-r1 (127.0.0.1 port 2222)"); a jump host as one.
+QString SshConnection::described() const
+{
+    char *hostName = nullptr;
+    QString address = d->host;
+    if (ssh_options_get(d->session, SSH_OPTIONS_HOST, &hostName) == SSH_OK)
+        address = takeString(hostName);
+    unsigned int port = 22;
+    ssh_options_get_port(d->session, &port);
+    QString text = m_outer ? QStringLiteral("jump host %1").arg(d->host) : d->host;
+    if (port != 22)
+        text += QStringLiteral(" (%1 port %2)").arg(address).arg(port);
+    else if (address != d->host)
+        text += QStringLiteral(" (%1)").arg(address);
+    return text;
 }
 
 QString SshConnection::changedKeyLine() const
@@ -246,7 +270,11 @@ void SshConnection::askSecrets(
     d->answered = false;
     wipe(d->answers);
     m_handshakeTimer->stop();
-    Q_EMIT secretsRequested(title, instruction, prompts, echo);
+    // Whose question it is: a jump host's passphrase looks like the target's.
+    QString context = QStringLiteral("Logging in to %1 as %2").arg(described(), d->user);
+    if (!instruction.isEmpty())
+        context += QStringLiteral("\n\n") + instruction;
+    Q_EMIT secretsRequested(title, context, prompts, echo);
 }
 
 void SshConnection::answerSecrets(const QStringList &answers)
@@ -556,8 +584,7 @@ bool SshConnection::password()
             return nextMethod();
         ++d->passwordTries;
         d->stage = Stage::WaitPassword;
-        askSecrets(QStringLiteral("Password"), QString(),
-            { QStringLiteral("Password for %1@%2:").arg(d->user, d->host) }, { false });
+        askSecrets(QStringLiteral("Password"), QString(), { QStringLiteral("Password:") }, { false });
         return false;
     }
     QByteArray secret = d->answers.value(0).toUtf8();
