@@ -23,12 +23,11 @@ class QTimer;
 // the terminal's size and a shell. Authentication follows OpenSSH's client:
 // PreferredAuthentications (publickey, keyboard-interactive, password by
 // default) as the *Authentication keywords allow; public keys are offered
-// agent keys first (only those of the IdentityFile keys with IdentitiesOnly),
-// then the IdentityFile keys (OpenSSH's default files when none is named)
-// the agent did not hold. The agent is asked through SshAgentAuth, key files
-// are read on a thread of their own: nothing here waits on the window's
-// thread. An agent silent past its time limit is reported through notice()
-// and the login goes on with the next method.
+// in OpenSSH's order: the agent's keys of the IdentityFiles (OpenSSH's
+// default files when none is named), the agent's other keys (not with
+// IdentitiesOnly), then the IdentityFile keys the agent did not hold. The agent is asked through
+// SshAgentAuth, key files are read on a thread of their own: nothing here waits on the window's thread. An
+// agent silent past its time limit is reported through notice() and the login goes on with the next method.
 //
 // A host with ProxyJump is reached through its jump hosts (SshJump, in
 // ssh_jump.cpp): each hop is an SshConnection of its own whose questions

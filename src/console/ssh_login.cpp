@@ -436,14 +436,14 @@ void SshConnection::startAgent()
         d->stage = Stage::AuthKeys;
         return step();
     }
-    QList<QByteArray> only;
+    QList<QByteArray> preferred;
     for (const SshIdentity &identity : std::as_const(d->identities))
-        only << identity.blob;
+        preferred << identity.blob;
     d->stage = Stage::WaitAgent;
     watchSocket();
     m_handshakeTimer->start();
-    m_agentAuth->start(d->session, agent, m_agentTimeout,
-        d->config.flag(QStringLiteral("identitiesonly"), false) ? &only : nullptr);
+    m_agentAuth->start(d->session, agent, m_agentTimeout, preferred,
+        d->config.flag(QStringLiteral("identitiesonly"), false));
 }
 
 // The private half of the current key, read (and decrypted) off the

@@ -119,9 +119,9 @@ private Q_SLOTS:
         qputenv("SSH_AUTH_SOCK", QFile::encodeName(socket));
         m_session->ssh()->setHandshakeTimeout(600000);
 
-        // Every agent key offered: the server closes the connection, and that
-        // is said at once, with its reason.
-        m_sshd.start("MaxAuthTries 2\n", "    IdentityFile ~/.ssh/k3\n");
+        // No IdentityFile names k3: the agent's keys in its order, and the
+        // server closes the connection, which is said at once, with its reason.
+        m_sshd.start("MaxAuthTries 2\n");
         connectFakeR1();
         QTRY_VERIFY2_WITH_TIMEOUT(
             m_session->connectionKind().isEmpty(), qPrintable(m_text), PrivateSshd::waitMs);
@@ -129,13 +129,16 @@ private Q_SLOTS:
             qPrintable(m_text));
         QVERIFY2(m_text.contains(QLatin1String("Too many authentication failures")), qPrintable(m_text));
 
-        // IdentitiesOnly: only the IdentityFile key, through the agent.
-        m_sshd.start("MaxAuthTries 2\n", "    IdentityFile ~/.ssh/k3\n    IdentitiesOnly yes\n");
-        connectFakeR1();
-        QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
-        QTRY_VERIFY_WITH_TIMEOUT(m_sshd.log().contains("Accepted publickey"), PrivateSshd::waitMs);
-        QCOMPARE(m_sshd.log().count("Failed publickey"), 0);
-        m_session->disconnectSession();
+        // The IdentityFile's key goes first, as OpenSSH offers it (with
+        // IdentitiesOnly no other key of the agent would follow).
+        for (const QByteArray only : { "no", "yes" }) {
+            m_sshd.start("MaxAuthTries 2\n", "    IdentityFile ~/.ssh/k3\n    IdentitiesOnly " + only + '\n');
+            connectFakeR1();
+            QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
+            QTRY_VERIFY_WITH_TIMEOUT(m_sshd.log().contains("Accepted publickey"), PrivateSshd::waitMs);
+            QCOMPARE(m_sshd.log().count("Failed publickey"), 0);
+            m_session->disconnectSession();
+        }
         agent.kill();
         agent.waitForFinished();
     }
