@@ -206,7 +206,7 @@ void SshAgentAuth::fromAgent()
         if (message.size() > 4 && message.at(4) == identitiesAnswer)
             message = cutIdentities(message, m_preferred, m_onlyPreferred, &m_listed);
         // Answers are small; the pair's buffer takes them whole.
-        if (::write(m_relayFd, message.constData(), size_t(message.size())) != message.size())
+        if (::send(m_relayFd, message.constData(), size_t(message.size()), MSG_NOSIGNAL) != message.size())
             return cut();
         if (--m_outstanding <= 0) {
             m_outstanding = 0;

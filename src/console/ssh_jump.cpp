@@ -203,9 +203,12 @@ void SshConnection::flushTunnel()
     if (d->tunnelFd < 0)
         return; // kept until the socket pair exists
     while (!d->tunnelOut.isEmpty()) {
-        const ssize_t n = ::write(d->tunnelFd, d->tunnelOut.constData(), size_t(d->tunnelOut.size()));
+        const ssize_t n
+            = ::send(d->tunnelFd, d->tunnelOut.constData(), size_t(d->tunnelOut.size()), MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR)
             continue;
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
+            d->tunnelOut.clear(); // the session let go of its socket
         if (n <= 0)
             break;
         d->tunnelOut.remove(0, n);
