@@ -35,6 +35,7 @@ SshConnection::SshConnection(QObject *parent)
             return fail(QStringLiteral("cannot reach %1: no answer").arg(d->host), true, true);
         fail(QStringLiteral("no answer from %1").arg(d->host), true);
     });
+    m_keepAliveTimer->setSingleShot(true);
     connect(m_keepAliveTimer, &QTimer::timeout, this, &SshConnection::sendKeepAlive);
     resetAgentAuth();
 }
@@ -350,7 +351,7 @@ void SshConnection::watchSocket()
         m_readNotifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
         m_writeNotifier = new QSocketNotifier(fd, QSocketNotifier::Write, this);
         connect(m_readNotifier, &QSocketNotifier::activated, this, [this] {
-            d->heard = true;
+            d->lastHeard.start();
             step();
         });
         connect(m_writeNotifier, &QSocketNotifier::activated, this, &SshConnection::step);
@@ -511,7 +512,7 @@ bool SshConnection::shellOpened()
     d->stage = Stage::Open;
     m_handshakeTimer->stop();
     const int interval = d->config.number(QStringLiteral("serveraliveinterval"), 60);
-    d->heard = true;
+    d->lastHeard.start();
     d->keepAliveMisses = 0;
     if (interval > 0)
         m_keepAliveTimer->start(interval * 1000);
@@ -552,22 +553,33 @@ void SshConnection::readChannel()
     }
 }
 
+// Timed from the last thing the peer sent, as OpenSSH's ssh does: a keep-alive
+// after each ServerAliveInterval of silence, and the peer is given up once it
+// has been silent for ServerAliveInterval x ServerAliveCountMax with a
+// keep-alive unanswered.
 void SshConnection::sendKeepAlive()
 {
     if (d->stage != Stage::Open)
         return;
-    if (d->heard)
+    const qint64 interval = qint64(d->config.number(QStringLiteral("serveraliveinterval"), 60)) * 1000;
+    const int countMax = qMax(1, d->config.number(QStringLiteral("serveralivecountmax"), 3));
+    const qint64 silent = d->lastHeard.elapsed();
+    if (silent < interval) {
         d->keepAliveMisses = 0;
-    else if (++d->keepAliveMisses >= qMax(1, d->config.number(QStringLiteral("serveralivecountmax"), 3))) {
-        const int misses = d->keepAliveMisses;
-        endSession();
-        Q_EMIT lost(lostMessage(QStringLiteral("no answer to %1 keep-alives").arg(misses)));
+        m_keepAliveTimer->start(int(interval - silent));
         return;
     }
-    d->heard = false;
+    if (d->keepAliveMisses > 0 && silent >= interval * countMax) {
+        endSession();
+        Q_EMIT lost(lostMessage(QStringLiteral("no answer to keep-alives for %1 s").arg(silent / 1000)));
+        return;
+    }
+    ++d->keepAliveMisses;
     // A global request the server must answer; its answer wakes the socket.
     ssh_send_keepalive(d->session);
     watchSocket();
+    const qint64 next = qMin(interval * (silent / interval + 1), interval * qMax(countMax, 2));
+    m_keepAliveTimer->start(int(qMax<qint64>(next - silent, 0)));
 }
 
 void SshConnection::write(const QByteArray &bytes)

@@ -6,6 +6,7 @@
 #include "console/ssh_config.h"
 #include "console/ssh_connection.h"
 
+#include <QElapsedTimer>
 #include <QDir>
 #include <QFile>
 #include <QSocketNotifier>
@@ -68,8 +69,8 @@ struct SshConnection::State
     bool passphraseAsked = false;
     int loadGeneration = 0; // a key load whose connection ended is dropped
     int exitStatus = -1;
-    int keepAliveMisses = 0;
-    bool heard = false; // the peer sent something since the last keep-alive
+    int keepAliveMisses = 0; // keep-alives sent since the peer last sent anything
+    QElapsedTimer lastHeard; // since the peer last sent anything
     ssh_channel_callbacks_struct channelCallbacks {};
     QStringList answers;
     bool answered = false;
