@@ -9,10 +9,14 @@
 #include "tftp/standard_transfer.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
+#include "tftp/transfer_window.h"
 #include "tftp_test_peer.h"
 
+#include <QHeaderView>
+#include <QScrollBar>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTreeView>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -320,6 +324,28 @@ private Q_SLOTS:
         QCOMPARE(held.next(), packet(3, 2, pattern(700).mid(512)));
         held.send(packet(4, 2), held.peer);
         QTRY_COMPARE(f.transfer(1, TM::Status), QString("FINISHED OK")); // still found after rows moved
+    }
+
+    // Tiled in the 1024x720 main window the Transfer window is about 250 pixels wide; the progress
+    // column must still be in view without scrolling, and a wide window keeps the usual widths.
+    void progressColumnInView()
+    {
+        TransferMonitor monitor;
+        monitor.addTransfer("a-long-image-name.bin", "127.0.0.1", "127.0.0.1", "Allowed");
+        monitor.setTransferText(1, TM::DataSentReceived, "1048576 of 100000000 bytes (1%)");
+        TransferWindow window(&monitor);
+        for (const int width : { 250, 1000 }) {
+            window.resize(width, 600);
+            window.show();
+            QVERIFY(QTest::qWaitForWindowExposed(&window));
+            QTreeView *list = window.transferList();
+            QTRY_COMPARE(list->horizontalScrollBar()->maximum(), 0);
+            const int right = list->header()->sectionViewportPosition(TM::DataSentReceived)
+                + list->header()->sectionSize(TM::DataSentReceived);
+            QVERIFY(right <= list->viewport()->width());
+            QVERIFY(list->header()->sectionSize(TM::DataSentReceived) >= width / 4);
+        }
+        QCOMPARE(window.transferList()->columnWidth(TM::Filename), 180);
     }
 };
 
