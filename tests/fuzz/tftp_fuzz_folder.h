@@ -3,15 +3,13 @@
 #include <QByteArray>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <algorithm>
 #include <iterator>
 
 // The shared folder both TFTP targets serve: one temporary folder for the
-// whole run, in memory (/dev/shm) where there is one, so that the files the
-// inputs write cost no disk writeback. Before each input, each file that an
+// whole run (scripts/fuzz puts TMPDIR in memory where it can). Before each input, each file that an
 // input changed (uploads may replace them) is written afresh: a file of three
 // blocks, one of exactly two, and a text file for netascii. An unchanged
 // file is left alone, so a typical input costs three small reads. Anything
@@ -19,9 +17,7 @@
 // starts from the same folder.
 inline const QTemporaryDir &tftpFuzzFolder()
 {
-    static QTemporaryDir dir(QFileInfo(QStringLiteral("/dev/shm")).isWritable()
-            ? QStringLiteral("/dev/shm/tw-fuzz-XXXXXX")
-            : QDir::tempPath() + QStringLiteral("/tw-fuzz-XXXXXX"));
+    static QTemporaryDir dir;
     return dir;
 }
 
