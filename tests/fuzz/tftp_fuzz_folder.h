@@ -9,12 +9,12 @@
 #include <iterator>
 
 // The shared folder both TFTP targets serve: one temporary folder for the
-// whole run (scripts/fuzz puts TMPDIR in memory where it can). Before each input, each file that an
-// input changed (uploads may replace them) is written afresh: a file of three
-// blocks, one of exactly two, and a text file for netascii. An unchanged
-// file is left alone, so a typical input costs three small reads. Anything
-// else an input left in the folder (a new upload) is removed, so every input
-// starts from the same folder.
+// whole run (scripts/fuzz puts TMPDIR in memory where it can). Before each
+// input, each file that an input changed (uploads may replace them) is
+// written afresh: a file of three blocks, one of exactly two, and a text
+// file for netascii. An unchanged file is left alone, so a typical input
+// costs three small reads. Anything else an input left in the folder (a new
+// upload) is removed, so every input starts from the same folder.
 inline const QTemporaryDir &tftpFuzzFolder()
 {
     static QTemporaryDir dir;
