@@ -345,7 +345,18 @@ bool StandardTransfer::store(const QByteArray &local)
             m_capture->CaptureData(local);
         return true;
     }
-    return m_upload.write(local.constData(), local.size());
+    // Written in chunks: a lock-step upload of small blocks costs one write
+    // per chunk rather than one per block.
+    m_writeBehind += local;
+    return m_writeBehind.size() < aheadBytes || writeOut();
+}
+
+bool StandardTransfer::writeOut()
+{
+    const bool ok
+        = m_writeBehind.isEmpty() || m_upload.write(m_writeBehind.constData(), m_writeBehind.size());
+    m_writeBehind.resize(0); // keeps its room for the next chunk
+    return ok;
 }
 
 int StandardTransfer::commit()
@@ -355,6 +366,8 @@ int StandardTransfer::commit()
         if (!tail.isEmpty() && !store(tail))
             return m_upload.errorNumber() ? m_upload.errorNumber() : ENOSPC;
     }
+    if (!m_capture && !writeOut())
+        return m_upload.errorNumber() ? m_upload.errorNumber() : ENOSPC;
     if (m_capture || m_upload.commit())
         return 0;
     return m_upload.errorNumber() ? m_upload.errorNumber() : EIO;

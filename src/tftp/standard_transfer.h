@@ -43,7 +43,7 @@ public:
     static constexpr int maxBatch = 64; // datagrams per batch (the kernel's limit for UDP GSO)
 
     static constexpr int maxTries = 5;
-    static constexpr int aheadBytes = 32768; // file bytes read at once for a read
+    static constexpr int aheadBytes = 32768; // file bytes read (or written) at once
 
     ~StandardTransfer();
 
@@ -95,6 +95,7 @@ private:
     qint64 readAhead(char *into, qint64 length, qint64 offset); // like readAt, from m_ahead
     Outcome failWith(int code, const QByteArray &message, const QString &why);
     bool store(const QByteArray &local); // bytes as they go to disk or capture
+    bool writeOut(); // what store() holds back, to the upload file
     int commit(); // 0, or the errno that stopped it
     void discard();
 
@@ -132,4 +133,5 @@ private:
     TftpOptions::NetasciiDecoder m_decoder;
     qint64 m_received = 0; // highest block taken in order
     QByteArray m_lastAck;
+    QByteArray m_writeBehind; // received bytes not yet written, up to aheadBytes
 };
