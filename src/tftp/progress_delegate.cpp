@@ -35,7 +35,10 @@ void ProgressDelegate::paint(
     bar.minimum = 0;
     bar.maximum = 100;
     bar.progress = percent;
-    bar.text = text;
+    // In a narrow column the whole text would be cut off in the middle:
+    // the percentage alone is what still reads there.
+    const int room = bar.rect.width() - 2 * option.fontMetrics.averageCharWidth();
+    bar.text = option.fontMetrics.horizontalAdvance(text) <= room ? text : QStringLiteral("%1%").arg(percent);
     bar.textVisible = true;
     bar.textAlignment = Qt::AlignCenter;
     const QWidget *widget = option.widget;

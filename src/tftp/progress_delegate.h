@@ -4,7 +4,8 @@
 
 // Draws the "Data sent/Received" column as a progress bar while a transfer
 // with a known size runs ("1048576 of 100000000 bytes (1%)"), with that text
-// on the bar; any other text is drawn as it is. The model keeps the text, so
+// on the bar (only the percentage where the column is too narrow for all of
+// it); any other text is drawn as it is. The model keeps the text, so
 // --headless output and copying rows are unchanged.
 class ProgressDelegate : public QStyledItemDelegate
 {

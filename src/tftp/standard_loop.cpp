@@ -1,14 +1,13 @@
 #include "tftp/standard_loop.h"
 
-#include <QSocketNotifier>
-#include <QTimer>
-
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <netinet/in.h>
 #include <netinet/udp.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -136,7 +135,8 @@ int EpollNet::readBatch(int socket, Datagram *out, int count)
     alignas(cmsghdr) char control[maxBatch][CMSG_SPACE(sizeof(in_pktinfo))];
     count = qMin(count, int(maxBatch));
     for (int i = 0; i < count; ++i) {
-        out[i].bytes.resize(65536 + 4);
+        if (out[i].bytes.size() != 65536 + 4) // kept between reads: no allocation per datagram
+            out[i].bytes.resize(65536 + 4);
         io[i] = { out[i].bytes.data(), size_t(out[i].bytes.size()) };
         messages[i] = {};
         messages[i].msg_hdr.msg_name = &from[i];
@@ -165,44 +165,102 @@ int EpollNet::readBatch(int socket, Datagram *out, int count)
     return qMax(0, n);
 }
 
-StandardLoop::StandardLoop(QObject *parent)
-    : QObject(parent)
-    , m_engine(new StandardEngine(&m_net, this))
-    , m_notifier(new QSocketNotifier(m_net.epollFd(), QSocketNotifier::Read, this))
-    , m_timer(new QTimer(this))
-    , m_flush(new QTimer(this))
+StandardLoop::StandardLoop()
+    : m_engine(std::make_unique<StandardEngine>(&m_net))
+    , m_wake(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {
-    m_timer->setSingleShot(true);
-    m_flush->setSingleShot(true);
-    m_flush->setInterval(flushMs);
-    connect(m_notifier, &QSocketNotifier::activated, this, &StandardLoop::readable);
-    connect(m_timer, &QTimer::timeout, this, [this] {
-        m_engine->expire(m_engine->now());
-        settle();
-    });
-    connect(m_flush, &QTimer::timeout, this, [this] {
-        m_engine->flush();
-        settle(); // progress held back by the rate limit is shown by the next flush
-    });
+    epoll_event event {};
+    event.events = EPOLLIN;
+    event.data.fd = m_wake;
+    ::epoll_ctl(m_net.epollFd(), EPOLL_CTL_ADD, m_wake, &event);
+    m_engine->moveToThread(this);
 }
 
 StandardLoop::~StandardLoop()
 {
-    delete m_engine; // closes its sockets while the epoll set still exists
-    m_engine = nullptr;
+    {
+        std::lock_guard lock(m_mutex);
+        m_stop = true;
+    }
+    const quint64 one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(m_wake, &one, sizeof one);
+    wait();
+    m_engine.reset(); // closes its sockets while the epoll set still exists
+    ::close(m_wake);
 }
 
-void StandardLoop::readable()
+void StandardLoop::post(std::function<void(StandardEngine &)> work)
 {
-    // While datagrams keep coming, a few rounds are handled per wake-up
-    // before the event loop gets its turn again (timers, queued calls).
-    for (int round = 0; round < roundsPerWakeUp; ++round) {
+    {
+        std::lock_guard lock(m_mutex);
+        m_queue.push_back(std::move(work));
+    }
+    const quint64 one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(m_wake, &one, sizeof one);
+}
+
+void StandardLoop::call(std::function<void(StandardEngine &)> work)
+{
+    std::promise<void> done;
+    post([&](StandardEngine &engine) {
+        work(engine);
+        done.set_value();
+    });
+    done.get_future().wait();
+}
+
+int StandardLoop::timeoutMs(qint64 now) const
+{
+    qint64 at = m_engine->nextDeadline();
+    if (m_flushAt >= 0 && (at < 0 || m_flushAt < at))
+        at = m_flushAt;
+    if (at < 0)
+        return -1;
+    return int(qBound<qint64>(0, at - now, qint64(1) << 30));
+}
+
+void StandardLoop::runQueued()
+{
+    quint64 count = 0;
+    [[maybe_unused]] const ssize_t got = ::read(m_wake, &count, sizeof count);
+    std::vector<std::function<void(StandardEngine &)>> work;
+    {
+        std::lock_guard lock(m_mutex);
+        work.swap(m_queue);
+    }
+    for (auto &w : work)
+        w(*m_engine);
+}
+
+void StandardLoop::afterWork(qint64 now)
+{
+    const qint64 due = m_engine->nextDeadline();
+    if (due >= 0 && due <= now)
+        m_engine->expire(now);
+    if (m_flushAt >= 0 && now >= m_flushAt) {
+        m_engine->flush();
+        m_flushAt = -1;
+    }
+    // Progress held back by the rate limit is shown by the next flush.
+    if (m_flushAt < 0 && m_engine->hasUpdates())
+        m_flushAt = now + flushMs;
+}
+
+void StandardLoop::run()
+{
+    const int epoll = m_net.epollFd();
+    for (;;) {
         epoll_event events[256];
-        const int ready = ::epoll_wait(m_net.epollFd(), events, 256, 0);
-        if (ready <= 0)
-            break;
+        const int ready = ::epoll_wait(epoll, events, 256, timeoutMs(m_engine->now()));
         for (int i = 0; i < ready; ++i) {
             const int socket = events[i].data.fd;
+            if (socket == m_wake) {
+                runQueued();
+                std::lock_guard lock(m_mutex);
+                if (m_stop)
+                    return;
+                continue;
+            }
             const int n = m_net.readBatch(socket, m_received, datagramsPerWakeUp);
             for (int k = 0; k < n; ++k) {
                 const EpollNet::Datagram &d = m_received[k];
@@ -212,19 +270,6 @@ void StandardLoop::readable()
                     break;
             }
         }
+        afterWork(m_engine->now());
     }
-    m_engine->expire(m_engine->now());
-    settle();
-}
-
-void StandardLoop::settle()
-{
-    const qint64 next = m_engine->nextDeadline();
-    if (next >= 0) {
-        const qint64 wait = qMax<qint64>(0, next - m_engine->now());
-        if (!m_timer->isActive() || m_timer->remainingTime() > wait)
-            m_timer->start(int(qMin<qint64>(wait, 1 << 30)));
-    }
-    if (m_engine->hasUpdates() && !m_flush->isActive())
-        m_flush->start();
 }

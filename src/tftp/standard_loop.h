@@ -2,10 +2,12 @@
 
 #include "tftp/standard_engine.h"
 
-#include <QObject>
+#include <QThread>
 
-class QSocketNotifier;
-class QTimer;
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
 
 // The standard engine's sockets, as plain non-blocking descriptors in one
 // epoll set. The engine's thread watches only the epoll descriptor, so a
@@ -46,33 +48,44 @@ private:
     QString m_error;
 };
 
-// The engine's event loop side: it lives on the engine's thread, reads what
-// epoll reports (a bounded number of datagrams per socket and wake-up, so
-// one busy transfer cannot starve the others or the engine's timers), fires
-// retransmission timers through one QTimer, and flushes monitor updates in
-// batches every flushMs.
-class StandardLoop : public QObject
+// The engine's thread and its loop. It is a plain epoll loop, not Qt's
+// event loop: in a lock-step transfer the time between an ACK's arrival and
+// the next DATA leaving is the transfer's speed, and here that is one
+// epoll_wait, one recvmmsg and one sendto (Qt's dispatcher adds a poll and
+// its own bookkeeping per wake-up). It reads what epoll reports (a bounded
+// number of datagrams per socket and round, so one busy transfer cannot
+// starve the others), fires retransmission timers when they are due, and
+// flushes monitor updates in batches every flushMs. Calls from other threads
+// are queued and the loop is woken through an eventfd in the same epoll set.
+class StandardLoop : public QThread
 {
-    Q_OBJECT
 public:
     static constexpr int flushMs = 100;
     static constexpr int datagramsPerWakeUp = EpollNet::maxBatch; // per socket and round
-    static constexpr int roundsPerWakeUp = 4;
 
-    explicit StandardLoop(QObject *parent = nullptr);
-    ~StandardLoop() override;
+    StandardLoop();
+    ~StandardLoop() override; // stops the thread and closes every socket
 
-    StandardEngine *engine() { return m_engine; }
-    // Call after anything that may have changed timers or rows from outside a wake-up.
-    void settle();
+    // Lives on the loop's thread once it runs; use it from there (post, call).
+    StandardEngine *engine() { return m_engine.get(); }
+    // Runs `work` on the loop's thread: post returns at once, call once it ran.
+    void post(std::function<void(StandardEngine &)> work);
+    void call(std::function<void(StandardEngine &)> work);
+
+protected:
+    void run() override;
 
 private:
-    void readable();
+    int timeoutMs(qint64 now) const;
+    void runQueued();
+    void afterWork(qint64 now);
 
     EpollNet m_net;
-    StandardEngine *m_engine;
-    QSocketNotifier *m_notifier;
-    QTimer *m_timer;
-    QTimer *m_flush;
+    std::unique_ptr<StandardEngine> m_engine;
+    int m_wake = -1; // eventfd: queued work or stop
+    std::mutex m_mutex;
+    std::vector<std::function<void(StandardEngine &)>> m_queue;
+    bool m_stop = false;
+    qint64 m_flushAt = -1; // on the engine clock; -1 when nothing waits to be shown
     EpollNet::Datagram m_received[EpollNet::maxBatch];
 };

@@ -16,12 +16,10 @@ StandardServer::StandardServer(TransferMonitor *monitor, AccessList *acl, QObjec
     : QObject(parent)
     , m_monitor(monitor)
     , m_acl(acl)
-    , m_loop(new StandardLoop)
+    , m_loop(std::make_unique<StandardLoop>())
     , m_engine(m_loop->engine())
 {
-    m_thread.setObjectName(QStringLiteral("TFTP standard engine"));
-    m_loop->moveToThread(&m_thread);
-    connect(&m_thread, &QThread::finished, m_loop, &QObject::deleteLater);
+    m_loop->setObjectName(QStringLiteral("TFTP standard engine"));
     connect(m_engine, &StandardEngine::rowsChanged, this, &StandardServer::applyRows, Qt::QueuedConnection);
     connect(m_engine, &StandardEngine::socketRowsChanged, this, &StandardServer::applySockets,
         Qt::QueuedConnection);
@@ -48,25 +46,15 @@ StandardServer::StandardServer(TransferMonitor *monitor, AccessList *acl, QObjec
         connect(acl, signal, this, &StandardServer::sendAccessList);
     connect(acl, &QAbstractItemModel::dataChanged, this, &StandardServer::sendAccessList);
     connect(acl, &QAbstractItemModel::modelReset, this, &StandardServer::sendAccessList);
-    m_thread.start();
+    m_loop->start();
     sendAccessList();
 }
 
-StandardServer::~StandardServer()
-{
-    m_thread.quit();
-    m_thread.wait();
-}
+StandardServer::~StandardServer() = default; // the loop stops its thread
 
-template <typename F> void StandardServer::onEngine(F &&call)
+void StandardServer::onEngine(std::function<void(StandardEngine &)> call)
 {
-    QMetaObject::invokeMethod(
-        m_loop,
-        [loop = m_loop, call = std::forward<F>(call)] {
-            call(*loop->engine());
-            loop->settle();
-        },
-        Qt::QueuedConnection);
+    m_loop->post(std::move(call));
 }
 
 void StandardServer::sendAccessList()
@@ -142,16 +130,11 @@ bool StandardServer::listen()
     const quint16 port = m_port;
     bool ok = false;
     QString error;
-    QMetaObject::invokeMethod(
-        m_loop,
-        [&] {
-            StandardEngine &engine = *m_loop->engine();
-            engine.setAddress(address, port);
-            ok = engine.listen();
-            error = engine.errorString();
-            m_loop->settle();
-        },
-        Qt::BlockingQueuedConnection);
+    m_loop->call([&](StandardEngine &engine) {
+        engine.setAddress(address, port);
+        ok = engine.listen();
+        error = engine.errorString();
+    });
     m_listening = ok;
     m_error = error;
     return ok;
@@ -159,20 +142,13 @@ bool StandardServer::listen()
 
 void StandardServer::stopListening()
 {
-    QMetaObject::invokeMethod(
-        m_loop,
-        [this] {
-            m_loop->engine()->stopListening();
-            m_loop->settle();
-        },
-        Qt::BlockingQueuedConnection);
+    m_loop->call([](StandardEngine &engine) { engine.stopListening(); });
     m_listening = false;
 }
 
 void StandardServer::waitForEngine()
 {
-    QMetaObject::invokeMethod(
-        m_loop, [] {}, Qt::BlockingQueuedConnection);
+    m_loop->call([](StandardEngine &) {});
 }
 
 bool StandardServer::rowRunning(int row) const

@@ -6,7 +6,8 @@
 #include <QHostAddress>
 #include <QObject>
 #include <QPersistentModelIndex>
-#include <QThread>
+
+#include <memory>
 
 class AccessList;
 class CaptureSink;
@@ -70,13 +71,12 @@ private:
     void applyRows(const QList<StandardRow> &rows);
     void applySockets(const StandardSocketRows &rows);
     void sendAccessList();
-    template <typename F> void onEngine(F &&call);
+    void onEngine(std::function<void(StandardEngine &)> call);
 
     TransferMonitor *m_monitor;
     AccessList *m_acl;
     CaptureSink *m_capture = nullptr;
-    QThread m_thread;
-    StandardLoop *m_loop;
+    std::unique_ptr<StandardLoop> m_loop;
     StandardEngine *m_engine;
     QHash<quint64, QPersistentModelIndex> m_rows; // running rows, by the engine's row number
     quint16 m_port = 69;

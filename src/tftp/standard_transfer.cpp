@@ -150,7 +150,7 @@ void StandardTransfer::makeBlock(qint64 block)
         const qint64 offset = (block - 1) * blockSize;
         const qint64 expected = qBound(qint64(0), m_size - offset, qint64(blockSize));
         TftpOptions::data(m_buffer, block, nullptr, int(expected));
-        length = readAt(m_fd, m_buffer.data() + 4, expected, offset);
+        length = readAhead(m_buffer.data() + 4, expected, offset);
         if (length < expected) {
             // The file shrank under us: this short block is the last one, and
             // its ACK ends the transfer instead of asking for more.
@@ -164,6 +164,21 @@ void StandardTransfer::makeBlock(qint64 block)
         m_lastLength = length;
     }
     m_buffer.resize(4 + length);
+}
+
+qint64 StandardTransfer::readAhead(char *into, qint64 length, qint64 offset)
+{
+    // Blocks come from a chunk read ahead, so a lock-step transfer of small
+    // blocks costs one read per chunk rather than one per block; a re-sent
+    // window is usually still in it.
+    if (offset < m_aheadAt || offset + length > m_aheadAt + m_ahead.size()) {
+        m_ahead.resize(qMax(length, qint64(aheadBytes)));
+        m_aheadAt = offset;
+        m_ahead.resize(readAt(m_fd, m_ahead.data(), m_ahead.size(), offset));
+    }
+    const qint64 got = qBound(qint64(0), m_aheadAt + m_ahead.size() - offset, length);
+    std::memcpy(into, m_ahead.constData() + (offset - m_aheadAt), size_t(got));
+    return got;
 }
 
 qint64 StandardTransfer::fillText(qint64 block, char *into)
@@ -182,7 +197,7 @@ qint64 StandardTransfer::fillText(qint64 block, char *into)
     }
     // At most blockSize file bytes are needed: each gives at least one wire byte.
     m_fileBuffer.resize(blockSize);
-    const qint64 got = readAt(m_fd, m_fileBuffer.data(), blockSize - out, cursor.offset);
+    const qint64 got = readAhead(m_fileBuffer.data(), blockSize - out, cursor.offset);
     qint64 used = 0;
     while (used < got && out < blockSize) {
         const char c = m_fileBuffer[used++];
@@ -330,7 +345,18 @@ bool StandardTransfer::store(const QByteArray &local)
             m_capture->CaptureData(local);
         return true;
     }
-    return m_upload.write(local.constData(), local.size());
+    // Written in chunks: a lock-step upload of small blocks costs one write
+    // per chunk rather than one per block.
+    m_writeBehind += local;
+    return m_writeBehind.size() < aheadBytes || writeOut();
+}
+
+bool StandardTransfer::writeOut()
+{
+    const bool ok
+        = m_writeBehind.isEmpty() || m_upload.write(m_writeBehind.constData(), m_writeBehind.size());
+    m_writeBehind.resize(0); // keeps its room for the next chunk
+    return ok;
 }
 
 int StandardTransfer::commit()
@@ -340,6 +366,8 @@ int StandardTransfer::commit()
         if (!tail.isEmpty() && !store(tail))
             return m_upload.errorNumber() ? m_upload.errorNumber() : ENOSPC;
     }
+    if (!m_capture && !writeOut())
+        return m_upload.errorNumber() ? m_upload.errorNumber() : ENOSPC;
     if (m_capture || m_upload.commit())
         return 0;
     return m_upload.errorNumber() ? m_upload.errorNumber() : EIO;

@@ -43,6 +43,7 @@ public:
     static constexpr int maxBatch = 64; // datagrams per batch (the kernel's limit for UDP GSO)
 
     static constexpr int maxTries = 5;
+    static constexpr int aheadBytes = 32768; // file bytes read (or written) at once
 
     ~StandardTransfer();
 
@@ -91,8 +92,10 @@ private:
     void sendBlock(qint64 block);
     void makeBlock(qint64 block); // into m_buffer
     qint64 fillText(qint64 block, char *into);
+    qint64 readAhead(char *into, qint64 length, qint64 offset); // like readAt, from m_ahead
     Outcome failWith(int code, const QByteArray &message, const QString &why);
     bool store(const QByteArray &local); // bytes as they go to disk or capture
+    bool writeOut(); // what store() holds back, to the upload file
     int commit(); // 0, or the errno that stopped it
     void discard();
 
@@ -120,6 +123,8 @@ private:
     qint64 m_acked = 0;
     qint64 m_sentUpTo = 0;
     bool m_resentWindow = false; // the window after m_acked was already re-sent for a repeated ACK
+    QByteArray m_ahead; // file bytes from m_aheadAt on, read ahead of the blocks
+    qint64 m_aheadAt = 0;
     std::map<qint64, TextCursor> m_cursors; // netascii: where each block of the window starts
 
     // writes
@@ -128,4 +133,5 @@ private:
     TftpOptions::NetasciiDecoder m_decoder;
     qint64 m_received = 0; // highest block taken in order
     QByteArray m_lastAck;
+    QByteArray m_writeBehind; // received bytes not yet written, up to aheadBytes
 };

@@ -79,6 +79,25 @@ void TftpServer::setStandardProfile(bool on)
     if (!m_started)
         return;
     if (!on) {
+        // The standard engine wrote the socket table while it had the port:
+        // the rows show this profile's slots again (its running transfers,
+        // "ready" for the unused ones), so the table and the choice of the
+        // listener's slot are this profile's own.
+        for (int s = 1; s <= slotCount; ++s) {
+            const Slot &slot = m_slots[s];
+            if (slot.socket
+                && (slot.tag == Tag::Send || slot.tag == Tag::CheckEnd || slot.tag == Tag::Receive)) {
+                showPorts(s);
+                setSocketColumn(s, TransferMonitor::SocketStatus,
+                    slot.tag == Tag::Receive ? QStringLiteral("RECEIVING") : QStringLiteral("SENDING"));
+            }
+            if (slot.socket || slot.tag != Tag::None || slot.timer->isActive())
+                continue;
+            setSocketColumn(s, TransferMonitor::LocalPort, QString());
+            setSocketColumn(s, TransferMonitor::RemotePort, QString());
+            setSocketColumn(s, TransferMonitor::SocketStatus, QStringLiteral("ready"));
+            setSocketColumn(s, TransferMonitor::SocketError, QString());
+        }
         OpenListener();
         return;
     }

@@ -8,6 +8,7 @@
 #include <QHeaderView>
 #include <QMenuBar>
 #include <QResizeEvent>
+#include <QStyle>
 #include <QTreeView>
 
 namespace {
@@ -69,4 +70,33 @@ void TransferWindow::resizeEvent(QResizeEvent *event)
     const int half = qMax(0, (height() - top - 3 * inset) / 2);
     m_transferList->setGeometry(inset, top + inset, listWidth, half);
     m_socketTable->setGeometry(inset, top + 2 * inset + half, listWidth, half);
+    fitTransferColumns();
+}
+
+void TransferWindow::fitTransferColumns()
+{
+    // Tiled in the main window the list is far narrower than its columns: then
+    // they share the width (Filename and "Data sent/Received", whose bar shows
+    // how far a transfer is, the most) so that every column, the bar included,
+    // is in view without scrolling. Wide enough, the columns keep their widths
+    // and the last one takes the rest.
+    static constexpr int defaults[] = { 180, 110, 110, 110 };
+    static constexpr int weights[] = { 3, 2, 2, 2, 4 };
+    const int scrollBar = style()->pixelMetric(QStyle::PM_ScrollBarExtent, nullptr, m_transferList);
+    const int width = m_transferList->width() - 2 * m_transferList->frameWidth() - scrollBar;
+    int fixed = 0;
+    for (int w : defaults)
+        fixed += w;
+    if (width >= fixed + minimumDataWidth) {
+        for (int column = 0; column < 4; ++column)
+            m_transferList->setColumnWidth(column, defaults[column]);
+        // The stretched last column never shrinks below the width it was last given.
+        m_transferList->setColumnWidth(4, minimumDataWidth);
+        return;
+    }
+    int total = 0;
+    for (int w : weights)
+        total += w;
+    for (int column = 0; column < 5; ++column)
+        m_transferList->setColumnWidth(column, qMax(1, width * weights[column] / total));
 }

@@ -33,6 +33,9 @@ protected:
     void resizeEvent(QResizeEvent *event) override;
 
 private:
+    static constexpr int minimumDataWidth = 200; // "Data sent/Received" below this: all columns share
+    void fitTransferColumns();
+
     QMenuBar *m_menuBar;
     QAction *m_standard;
     QTreeView *m_transferList;
