@@ -73,6 +73,19 @@ void ConsoleTerminal::paste(const QString &text)
     flushOutput();
 }
 
+void ConsoleTerminal::mouseButton(
+    int row, int column, int button, bool pressed, Qt::KeyboardModifiers modifiers)
+{
+    m_screen.mouseButton(row, column, button, pressed, modifiers);
+    flushOutput();
+}
+
+void ConsoleTerminal::mouseMove(int row, int column, Qt::KeyboardModifiers modifiers)
+{
+    m_screen.mouseMove(row, column, modifiers);
+    flushOutput();
+}
+
 void ConsoleTerminal::flushOutput()
 {
     if (m_screen.hasOutput())

@@ -37,6 +37,9 @@ public:
     // Keys and pastes from a view; the bytes leave by sendRequested().
     bool key(int qtKey, Qt::KeyboardModifiers modifiers, const QString &text);
     void paste(const QString &text);
+    // Mouse reports, sent only when the device asked for them.
+    void mouseButton(int row, int column, int button, bool pressed, Qt::KeyboardModifiers modifiers);
+    void mouseMove(int row, int column, Qt::KeyboardModifiers modifiers);
 
 Q_SIGNALS:
     void enabledChanged(bool on);

@@ -148,6 +148,7 @@ private:
     int m_handshakeTimeout = 20000;
     int m_columns = 80;
     int m_rows = 24;
+    bool m_readQueued = false; // the rest of a sliced read waits for the event loop
 
     static bool s_interactive;
 };
