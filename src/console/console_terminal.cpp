@@ -12,12 +12,12 @@ void ConsoleTerminal::setEnabled(bool on)
     Q_EMIT enabledChanged(on);
 }
 
-TerminalTextReader::Result ConsoleTerminal::feed(const QByteArray &block)
+TerminalTextReader::Result ConsoleTerminal::feed(const QByteArray &block, bool withText)
 {
     m_screen.feed(block);
     flushOutput();
     Q_EMIT screenChanged();
-    return m_reader.feed(block);
+    return m_reader.feed(block, withText);
 }
 
 QString ConsoleTerminal::decode(const QByteArray &block)

@@ -25,7 +25,8 @@ public:
     TerminalScreen &screen() { return m_screen; }
     const TerminalScreen &screen() const { return m_screen; }
 
-    TerminalTextReader::Result feed(const QByteArray &block);
+    // withText: the decoded text is wanted too (a text session log), not only the ops.
+    TerminalTextReader::Result feed(const QByteArray &block, bool withText);
     // Decoded text only, for readers that bypass the screen (flash listing).
     QString decode(const QByteArray &block);
     // A message of the program's own ("Disconected", "SSH Err: ..."); its

@@ -36,22 +36,23 @@ public:
         QString text;
         QList<TerminalOp> ops;
     };
-    Result feed(const QByteArray &block);
+    // withText false: only the ops (nobody logs the text); much cheaper.
+    Result feed(const QByteArray &block, bool withText = true);
 
     // The line being written (what a prompt is read from).
-    QString currentLine() const { return m_line; }
+    QString currentLine() const;
 
 private:
     static int onText(const char *bytes, size_t length, void *user);
     static int onControl(unsigned char control, void *user);
-    void flushText();
+    void addToLine(const char *bytes, qsizetype length);
 
     VTerm *m_vt;
     QStringDecoder m_decoder;
     QByteArray m_pendingText;
-    QString m_decoded;
     QList<TerminalOp> m_ops;
-    QString m_line;
+    QByteArray m_line; // as the device sent it (UTF-8)
+    bool m_keepText = true;
     bool m_lineLogged = false;
     bool m_crPending = false;
 

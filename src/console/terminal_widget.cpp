@@ -51,7 +51,9 @@ TerminalWidget::TerminalWidget(ConsoleTerminal *terminal, QWidget *parent)
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);
     viewport()->setCursor(Qt::IBeamCursor);
+    // paintEvent() covers every pixel, so nothing beneath is painted first.
     viewport()->setAutoFillBackground(false);
+    viewport()->setAttribute(Qt::WA_OpaquePaintEvent);
     // One paint per frame of the screen it is on, however fast output comes.
     const qreal hz = screen() && screen()->refreshRate() > 1 ? screen()->refreshRate() : 60;
     m_frame->setSingleShot(true);
@@ -234,6 +236,8 @@ void TerminalWidget::keyPressEvent(QKeyEvent *event)
     if (mods == (Qt::ControlModifier | Qt::ShiftModifier) && key == Qt::Key_V)
         return pasteClipboard();
     if (mods == Qt::ShiftModifier && (key == Qt::Key_PageUp || key == Qt::Key_PageDown)) {
+        if (m_frame->isActive())
+            refresh(); // scroll from what the screen holds now, not the last frame
         QScrollBar *bar = verticalScrollBar();
         bar->setValue(bar->value() + (key == Qt::Key_PageUp ? -1 : 1) * qMax(1, bar->pageStep() - 1));
         return;
@@ -312,8 +316,11 @@ void TerminalWidget::mouseMoveEvent(QMouseEvent *event)
 
 void TerminalWidget::wheelEvent(QWheelEvent *event)
 {
-    if (!reportsMouse(event->modifiers()))
+    if (!reportsMouse(event->modifiers())) {
+        if (m_frame->isActive())
+            refresh();
         return QAbstractScrollArea::wheelEvent(event);
+    }
     event->accept();
     const int delta = event->angleDelta().y();
     if (delta == 0)
