@@ -21,7 +21,6 @@
 #include "console/console_window.h"
 #include "console/terminal_processor.h"
 #include "console/terminal_screen.h"
-#include "console/terminal_text_reader.h"
 #include "console/terminal_view.h"
 #include "console/terminal_widget.h"
 
@@ -195,25 +194,21 @@ struct ModelResult
 {
     double seconds = 0;
     double cpu = 0;
-    double screenCpu = 0; // of which the screen
 };
 
+// What a console does with each block when no text log is kept: the screen
+// and what is read from it (caption, "*" lines).
 ModelResult modelRun(const QByteArray &text)
 {
-    TerminalScreen screen(40, 120);
-    TerminalTextReader reader;
+    ConsoleTerminal terminal;
+    terminal.resize(40, 120);
     ModelResult result;
     QElapsedTimer clock;
     clock.start();
     const double start = cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
     constexpr int block = 32768; // what the console reads at a time
-    for (qsizetype at = 0; at < text.size(); at += block) {
-        const QByteArray piece = text.mid(at, block);
-        const double before = cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
-        screen.feed(piece);
-        result.screenCpu += cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - before;
-        reader.feed(piece, false); // as a console that keeps no text log
-    }
+    for (qsizetype at = 0; at < text.size(); at += block)
+        terminal.feed(text.mid(at, block), false);
     result.seconds = clock.nsecsElapsed() / 1e9;
     result.cpu = cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - start;
     return result;
@@ -378,7 +373,6 @@ void measureTerminal(qint64 bytes, int runs, const QString &folder)
     long resident = 0;
     QList<double> alone;
     QList<double> aloneCpu;
-    QList<double> screenCpu;
     QList<double> peer;
     // Interleaved, so that load from other programs falls on all of them alike.
     for (int i = 0; i < runs; ++i) {
@@ -391,7 +385,6 @@ void measureTerminal(qint64 bytes, int runs, const QString &folder)
         const ModelResult model = modelRun(text);
         alone << model.seconds;
         aloneCpu << model.cpu;
-        screenCpu << model.screenCpu;
         peer << tmuxRun(file, folder);
     }
     const double s = median(shown);
@@ -410,9 +403,10 @@ void measureTerminal(qint64 bytes, int runs, const QString &folder)
         *std::max_element(stallsCpu.begin(), stallsCpu.end()));
     std::printf("  resident memory with the scrollback full (%d lines): %.1f MB\n",
         TerminalScreen::defaultScrollback, resident / 1024.0);
-    std::printf("  terminal model alone (screen + decoded text): %.3f s: %.1f MB/s; CPU %.3f s: %.1f MB/s "
-                "(screen %.1f MB/s of CPU)\n",
-        m, size / m / 1e6, mc, size / mc / 1e6, size / median(screenCpu) / 1e6);
+    std::printf(
+        "  terminal model alone (libvterm, screen, caption and log lines): %.3f s: %.1f MB/s; CPU %.3f s: "
+        "%.1f MB/s\n",
+        m, size / m / 1e6, mc, size / mc / 1e6);
     if (t > 0)
         std::printf("  tmux, same bytes through cat: %.3f s: %.1f MB/s; ratio console / tmux: %.2f\n", t,
             size / t / 1e6, s / t);

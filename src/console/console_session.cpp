@@ -457,7 +457,7 @@ void ConsoleSession::processReceived(const QByteArray &block)
     m_sessionLog->writeRaw(block);
     if (m_terminal->isEnabled()) {
         const bool textLog = m_sessionLog->isActive() && m_sessionLog->mode() == SessionLog::Mode::Text;
-        const TerminalTextReader::Result decoded = m_terminal->feed(block, textLog);
+        const ConsoleTerminal::Decoded decoded = m_terminal->feed(block, textLog);
         m_sessionLog->writeText(decoded.text);
         emitReaderOps(decoded.ops);
         return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "console/terminal_processor.h"
 #include "console/terminal_screen.h"
 #include "console/terminal_text_reader.h"
 
@@ -9,8 +10,8 @@
 // libvterm keeps and the decoded text beside it. Off, the console uses the
 // classic received-text processor and none of this runs.
 //
-// feed() takes a block from the device: the screen takes it, and the decoded
-// text and its ops (log lines, caption) come back to the session. Answers the
+// feed() takes a block from the device: the screen takes it, and what the
+// session passes on (log lines, caption, text for a session log) comes back. Answers the
 // terminal owes the device (cursor reports, keys, pastes) are announced with
 // sendRequested(bytes); screenChanged() tells a view to repaint.
 class ConsoleTerminal : public QObject
@@ -25,8 +26,16 @@ public:
     TerminalScreen &screen() { return m_screen; }
     const TerminalScreen &screen() const { return m_screen; }
 
-    // withText: the decoded text is wanted too (a text session log), not only the ops.
-    TerminalTextReader::Result feed(const QByteArray &block, bool withText);
+    // What a block gives the rest of the console: its decoded text (only
+    // when asked for, for a text session log) and the ops read from the
+    // screen: a "*" line the device ended (LogLine, CR LF added) and, when
+    // the cursor's row ends in a prompt, the caption.
+    struct Decoded
+    {
+        QString text;
+        QList<TerminalOp> ops;
+    };
+    Decoded feed(const QByteArray &block, bool withText);
     // Decoded text only, for readers that bypass the screen (flash listing).
     QString decode(const QByteArray &block);
     // A message of the program's own ("Disconected", "SSH Err: ..."); its

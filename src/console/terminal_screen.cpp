@@ -58,9 +58,9 @@ struct TerminalScreenCallbacks
         self(user)->putGlyph(info->chars, info->width, info->protected_cell, pos.row, pos.col);
         return 1;
     }
-    static int movecursor(VTermPos pos, VTermPos, int, void *user)
+    static int movecursor(VTermPos pos, VTermPos old, int, void *user)
     {
-        self(user)->moveCursor(pos.row, pos.col);
+        self(user)->moveCursor(pos.row, pos.col, old.row, old.col);
         return 1;
     }
     static int scrollrect(VTermRect rect, int downward, int rightward, void *user)
@@ -306,6 +306,8 @@ void TerminalScreen::reset()
     m_partial.clear();
     m_scrollback.clear();
     m_pushed = 0;
+    m_starLogged = -1;
+    m_starLines.clear();
     create(m_rows, m_columns);
     ++m_generation;
 }
@@ -331,28 +333,21 @@ void TerminalScreen::blankLine(Line &line) const
     line.wrapped = false;
 }
 
-void TerminalScreen::pushLine(const Line &line)
+void TerminalScreen::pushLine(Line &line)
 {
+    // The line's cells move into the scrollback as they are, and the line
+    // gets the oldest scrollback line's storage (or none) in return: a flood
+    // scrolls without copying or allocating. The caller blanks the line.
     ++m_pushed;
     if (m_scrollbackLimit == 0)
         return;
-    // Blank cells at the end of a line cost memory and show nothing.
-    int used = int(line.cells.size());
-    while (used > 0) {
-        const Stored &last = line.cells[size_t(used - 1)];
-        if (!blank(last.ch) || !(last.attrs & DefaultBg) || (last.attrs & Reverse))
-            break;
-        --used;
-    }
-    // A full scrollback hands its oldest line's storage to the newest.
-    Line kept;
+    Line recycled;
     if (int(m_scrollback.size()) >= m_scrollbackLimit) {
-        kept = std::move(m_scrollback.front());
+        recycled = std::move(m_scrollback.front());
         m_scrollback.pop_front();
     }
-    kept.cells.assign(line.cells.begin(), line.cells.begin() + used);
-    kept.wrapped = line.wrapped;
-    m_scrollback.push_back(std::move(kept));
+    m_scrollback.push_back(std::move(line));
+    line = std::move(recycled);
 }
 
 void TerminalScreen::putGlyph(const uint32_t *chars, int width, bool protectedCell, int row, int column)
@@ -389,11 +384,36 @@ void TerminalScreen::putGlyph(const uint32_t *chars, int width, bool protectedCe
     m_lastGlyphRow = row;
 }
 
-void TerminalScreen::moveCursor(int row, int column)
+void TerminalScreen::moveCursor(int row, int column, int oldRow, int oldColumn)
 {
     // The cursor rests on the last column while a wrap is pending.
     if (m_wrapNext && (row != m_lastGlyphRow || column != m_columns - 1))
         m_wrapNext = false;
+    // A carriage return, or the cursor going to another row, ends the line.
+    if (row != oldRow || (column == 0 && oldColumn != 0))
+        lineEnded(oldRow);
+}
+
+void TerminalScreen::lineEnded(int row)
+{
+    if (m_altScreen || row < 0 || row >= m_rows || wrapped(row))
+        return; // a wrapped row goes on in the next one
+    int start = row;
+    while (start > -scrollbackCount() && wrapped(start - 1))
+        --start;
+    const Line *first = lineAt(start);
+    if (!first || first->cells.empty() || first->cells.front().ch != U'*'
+        || lineNumber(start) == m_starLogged)
+        return;
+    m_starLogged = lineNumber(start);
+    m_starLines.append(text(start, row));
+}
+
+QStringList TerminalScreen::takeStarLines()
+{
+    QStringList lines;
+    lines.swap(m_starLines);
+    return lines;
 }
 
 bool TerminalScreen::scrollRect(int top, int bottom, int left, int right, int downward, int rightward)
@@ -406,6 +426,10 @@ bool TerminalScreen::scrollRect(int top, int bottom, int left, int right, int do
         return false;
     const int height = bottom - top;
     const int count = qMin(qAbs(downward), height);
+    // A line feed on the last row ends its line; a wrap (pending after the
+    // last column) does not.
+    if (downward == 1 && !m_wrapNext && cursorRow() == bottom - 1)
+        lineEnded(bottom - 1);
     if (downward > 0) {
         if (top == 0 && !m_altScreen) {
             for (int i = 0; i < count; ++i)

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 #include <Qt>
 
 #include <deque>
@@ -105,6 +106,12 @@ public:
     // Moves when the screen switches between main and alternate, or resets.
     quint64 epoch() const { return m_epoch; }
 
+    // Lines the device ended (a CR or LF, or the cursor leaving the row) whose
+    // first character is "*", each once, wrapped rows joined; the console
+    // copies them to the log page. Taken (and emptied) after feed(). The
+    // alternate screen gives none: it is a full-screen program's canvas.
+    QStringList takeStarLines();
+
     // Bytes the device should receive: keys, pastes and answers to its
     // queries. Taken (and emptied) after feed() and after the key calls.
     QByteArray takeOutput();
@@ -153,12 +160,13 @@ private:
     const Lines &active() const { return m_altScreen ? m_alt : m_primary; }
     Stored blankCell() const;
     void blankLine(Line &line) const;
-    void pushLine(const Line &line);
+    void pushLine(Line &line);
     void resizeLines(Lines &lines, bool isActive, bool keepsScrollback, int rows, int columns, int *rowDelta);
 
     // libvterm's state calls these (through TerminalScreenCallbacks).
     void putGlyph(const uint32_t *chars, int width, bool protectedCell, int row, int column);
-    void moveCursor(int row, int column);
+    void moveCursor(int row, int column, int oldRow, int oldColumn);
+    void lineEnded(int row);
     bool scrollRect(int top, int bottom, int left, int right, int downward, int rightward);
     void moveRect(int destTop, int destLeft, int srcTop, int srcLeft, int height, int width);
     void erase(int top, int bottom, int left, int right, bool selective);
@@ -178,6 +186,8 @@ private:
     // the cursor has not moved away since.
     bool m_wrapNext = false;
     int m_lastGlyphRow = 0;
+    QStringList m_starLines;
+    qint64 m_starLogged = -1; // the line number of the last one
     QByteArray m_output;
     QByteArray m_partial; // an unfinished UTF-8 sequence at the end of the last block
     QString m_title;
