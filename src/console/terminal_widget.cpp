@@ -57,7 +57,7 @@ TerminalWidget::TerminalWidget(ConsoleTerminal *terminal, QWidget *parent)
     // One paint per frame of the screen it is on, however fast output comes.
     const qreal hz = screen() && screen()->refreshRate() > 1 ? screen()->refreshRate() : 60;
     m_frame->setSingleShot(true);
-    m_frame->setInterval(qBound(4, qRound(1000 / hz), 50));
+    m_frameInterval = qBound(4, qRound(1000 / hz), 50);
     connect(m_frame, &QTimer::timeout, this, &TerminalWidget::refresh);
     connect(m_terminal, &ConsoleTerminal::screenChanged, this, &TerminalWidget::onScreenChanged);
     refresh();
@@ -80,12 +80,18 @@ int TerminalWidget::firstVisibleRow() const
 
 void TerminalWidget::onScreenChanged()
 {
-    if (!m_frame->isActive())
-        m_frame->start();
+    if (m_frame->isActive())
+        return;
+    // Output that keeps coming (a flood) is painted every second frame; the
+    // first change after a quiet spell waits one frame.
+    const int frame = m_frameInterval;
+    const qint64 since = m_sinceRefresh.isValid() ? m_sinceRefresh.elapsed() : frame;
+    m_frame->start(int(qMax(qint64(frame), 2 * frame - since)));
 }
 
 void TerminalWidget::refresh()
 {
+    m_sinceRefresh.start();
     const TerminalScreen &screen = m_terminal->screen();
     if (screen.epoch() != m_epoch) {
         m_epoch = screen.epoch();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QAbstractScrollArea>
+#include <QElapsedTimer>
 #include <QPoint>
 
 class QTimer;
@@ -27,7 +28,8 @@ class ConsoleTerminal;
 //    keeps the view at the bottom if it was there, and otherwise on the same
 //    lines while they scroll up.
 //  - Repaints follow the screen's refresh rate, however often output comes:
-//    a flood costs one paint per frame, not one per block.
+//    a change after a quiet spell is painted a frame later, and a flood
+//    every second frame, not once per block.
 //  - gridChanged(columns, rows): the view's size in characters, for the
 //    screen and the far end's pty.
 class TerminalWidget : public QAbstractScrollArea
@@ -77,6 +79,8 @@ private:
     int m_cellHeight = 16;
     int m_ascent = 12;
     QTimer *m_frame;
+    int m_frameInterval = 16; // ms, one frame of the screen the view is on
+    QElapsedTimer m_sinceRefresh;
     quint64 m_painted = ~quint64(0); // the screen generation shown
     quint64 m_epoch = 0;
     qint64 m_topLine = 0; // the first visible line's number while scrolled back
