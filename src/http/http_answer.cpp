@@ -13,10 +13,13 @@
 #include <QUrl>
 
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <fcntl.h>
 #include <microhttpd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -28,6 +31,24 @@ QByteArray header(MHD_Connection *connection, const char *name)
 bool diskFull(int error)
 {
     return error == ENOSPC || error == EDQUOT || error == EFBIG;
+}
+
+// The library keeps the request line in its buffer and ends the method, the
+// URI and the version each with a NUL where a blank or the line's end was,
+// then hands them on as C strings: a NUL byte sent inside the line would cut
+// a name short unseen (`GET /ios\0.bin` read as "/ios"). `uriEnd` is where
+// the URI stopped before the library split off the query. A line laid out
+// otherwise is not judged here.
+bool nulInRequestLine(const char *method, const char *url, const char *version, const char *uriEnd)
+{
+    const auto at = [](const char *p) { return reinterpret_cast<std::uintptr_t>(p); };
+    if (!uriEnd || !(at(method) < at(url) && at(url) <= at(uriEnd) && at(uriEnd) < at(version)))
+        return false;
+    for (const char *p = method + std::strlen(method) + 1; at(p) < at(url); ++p) {
+        if (*p != ' ')
+            return true;
+    }
+    return at(uriEnd) + 1 != at(version);
 }
 
 } // namespace
@@ -52,8 +73,8 @@ int HttpEngine::reply(MHD_Connection *connection, Request *request, unsigned int
     return queued;
 }
 
-int HttpEngine::answer(MHD_Connection *connection, const char *url, const char *method, const char *upload,
-    size_t *uploadSize, void **requestContext)
+int HttpEngine::answer(MHD_Connection *connection, const char *url, const char *method, const char *version,
+    const char *upload, size_t *uploadSize, void **requestContext)
 {
     if (auto *request = static_cast<Request *>(*requestContext)) {
         if (!request->put && !request->decided && request->connection) {
@@ -73,6 +94,9 @@ int HttpEngine::answer(MHD_Connection *connection, const char *url, const char *
     if (from->overLimit)
         return reply(connection, nullptr, MHD_HTTP_SERVICE_UNAVAILABLE, "Too many connections\n");
 
+    const char *uriEnd = std::exchange(from->uriEnd, nullptr); // this request's only
+    if (nulInRequestLine(method, url, version, uriEnd))
+        return reply(connection, nullptr, MHD_HTTP_BAD_REQUEST, "Bad request line\n");
     const QByteArray verb(method);
     const bool write = verb == "PUT";
     if (!write && verb != "GET" && verb != "HEAD")

@@ -19,13 +19,19 @@ namespace {
 
 constexpr quint64 progressBytes = 1024; // what counts as progress for the watchdog
 constexpr int progressIntervalMs = 250; // about four monitor updates a second per row
-constexpr int batchMs = 40; // events handed to the windows' thread at most this often
+constexpr int batchMs = 200; // events handed to the windows' thread at most this often
 
 MHD_Result answerCallback(void *cls, MHD_Connection *connection, const char *url, const char *method,
-    const char *, const char *upload, size_t *uploadSize, void **requestContext)
+    const char *version, const char *upload, size_t *uploadSize, void **requestContext)
 {
-    return MHD_Result(
-        static_cast<HttpEngine *>(cls)->answer(connection, url, method, upload, uploadSize, requestContext));
+    return MHD_Result(static_cast<HttpEngine *>(cls)->answer(
+        connection, url, method, version, upload, uploadSize, requestContext));
+}
+
+void *uriCallback(void *cls, const char *uri, MHD_Connection *connection)
+{
+    static_cast<HttpEngine *>(cls)->uriSeen(connection, uri);
+    return nullptr;
 }
 
 void completedCallback(void *cls, MHD_Connection *, void **requestContext, MHD_RequestTerminationCode toe)
@@ -143,7 +149,8 @@ bool HttpEngine::start()
     m_daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, &answerCallback, this, MHD_OPTION_LISTEN_SOCKET,
         m_listenFd, MHD_OPTION_CONNECTION_LIMIT, hardLimit, MHD_OPTION_NOTIFY_COMPLETED, &completedCallback,
         this, MHD_OPTION_NOTIFY_CONNECTION, &connectionCallback, this, MHD_OPTION_UNESCAPE_CALLBACK,
-        &keepEscapes, this, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1,
+        &keepEscapes, this, MHD_OPTION_URI_LOG_CALLBACK, &uriCallback, this,
+        MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1,
         // Upload bodies are read in pieces of about half this (16 KiB by default).
         MHD_OPTION_CONNECTION_MEMORY_LIMIT, size_t(256 * 1024),
         tls ? MHD_OPTION_HTTPS_MEM_CERT : MHD_OPTION_END, m_settings.certificatePem.constData(),
@@ -176,7 +183,8 @@ void HttpEngine::run()
             watch();
         }
         // One hand-over per batch interval at most, however many turns the
-        // loop makes: the windows' thread gets a few dozen signals a second.
+        // loop makes: the windows' thread gets five signals a second at most,
+        // each carrying every row's latest change, and repaints five times.
         if (!m_pending.isEmpty() && now() - lastFlush >= batchMs) {
             flush();
             lastFlush = now();
@@ -243,6 +251,13 @@ void HttpEngine::progress(Request &request, bool force)
         event.data = QStringLiteral("%1 of %2 bytes (%3%)").arg(done).arg(total).arg(percent);
     }
     post(event);
+}
+
+void HttpEngine::uriSeen(MHD_Connection *connection, const char *uri)
+{
+    const MHD_ConnectionInfo *info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    if (auto *c = info ? static_cast<Connection *>(info->socket_context) : nullptr)
+        c->uriEnd = uri ? uri + std::strlen(uri) : nullptr;
 }
 
 void HttpEngine::connectionEvent(MHD_Connection *connection, void **socketContext, int event)

@@ -25,7 +25,8 @@ struct MHD_Daemon;
 // immutable copy the windows' thread publishes whenever the list changes),
 // confined to the deciding row's folder and answered by http_answer.cpp.
 // What the monitor should show is collected while the loop runs and handed
-// over once per turn through `deliver`, which the owner makes a queued signal.
+// over at most every 200 ms through `deliver`, which the owner makes a queued
+// signal: however many requests run, the windows get five batches a second.
 //
 // The watchdog: a connection that in one idle interval neither finishes its
 // request headers nor moves 1 KiB in either direction is shut down (that
@@ -59,8 +60,9 @@ public:
     // The rest runs on the server thread only (the library's callbacks).
     struct Connection;
     struct Request;
-    int answer(MHD_Connection *connection, const char *url, const char *method, const char *upload,
-        size_t *uploadSize, void **requestContext);
+    int answer(MHD_Connection *connection, const char *url, const char *method, const char *version,
+        const char *upload, size_t *uploadSize, void **requestContext);
+    void uriSeen(MHD_Connection *connection, const char *uri);
     void requestEnded(void **requestContext, int termination);
     void connectionEvent(MHD_Connection *connection, void **socketContext, int event);
 

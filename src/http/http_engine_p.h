@@ -15,6 +15,7 @@ struct HttpEngine::Connection
     quint64 movedAtMark = 0; // bytes both ways when progress was last seen
     qint64 markMs = 0;
     Request *current = nullptr;
+    const char *uriEnd = nullptr; // where the request line's URI stopped, as the library saw it
 };
 
 struct HttpEngine::Request

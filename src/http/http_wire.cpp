@@ -58,6 +58,8 @@ std::optional<QString> servedName(const QByteArray &urlPath)
     decoded.reserve(urlPath.size());
     for (qsizetype i = 1; i < urlPath.size(); ++i) {
         char c = urlPath[i];
+        if (uchar(c) <= ' ' || c == '\x7f')
+            return std::nullopt; // not a URL character unless escaped
         if (c == '%') {
             if (i + 2 >= urlPath.size())
                 return std::nullopt;

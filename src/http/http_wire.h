@@ -14,7 +14,8 @@ namespace HttpWire {
 // The name a URL path asks for, relative to the row's folder: the path must
 // start with "/", which is dropped; percent-escapes are decoded exactly once
 // (so "%252e" stays "%2e"). nullopt for a path that does not start with "/",
-// a broken escape ("%", "%4", "%zz") or a NUL byte anywhere. "/" gives "".
+// a broken escape ("%", "%4", "%zz"), a NUL byte anywhere, or a control
+// character or blank sent as it is rather than escaped. "/" gives "".
 // Nothing is judged here: ".." and links are the confinement's business.
 std::optional<QString> servedName(const QByteArray &urlPath);
 

@@ -19,6 +19,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (const std::optional<QString> name = HttpWire::servedName(part(0))) {
         if (name->contains(QChar(0)))
             std::abort();
+        for (const char c : part(0)) {
+            if (uchar(c) <= ' ' || c == '\x7f')
+                std::abort(); // control characters and blanks come escaped or not at all
+        }
         // A name that climbs or starts at the root never stays inside, whatever exists on disk.
         const bool climbs = name->split(QLatin1Char('/')).contains(QStringLiteral(".."));
         if ((climbs || name->startsWith(QLatin1Char('/')))

@@ -300,8 +300,8 @@ private Q_SLOTS:
     }
 
     // Bad clients: one that drips a byte at a time is cut off while a normal
-    // download beside it finishes; connections past the limits get 503;
-    // malformed requests get 400 (or the connection closed) and no row.
+    // download beside it finishes; connections past either limit get 503;
+    // malformed requests get 400 or an error of their kind, and no row.
     void badClients()
     {
         startServer(1000, 512, 2);
@@ -324,30 +324,51 @@ private Q_SLOTS:
         drip.stop();
         QVERIFY(sent < request.size());
 
-        // Two idle connections from 127.0.0.1 use up its share; 127.0.0.3 is still served.
+        // Two idle connections from 127.0.0.1 use up its share; 127.0.0.3 is
+        // still served until idle ones from .3 and .4 fill the total of four.
         startServer(60000, 4, 2);
-        QTcpSocket idle[2];
-        for (QTcpSocket &socket : idle) {
-            socket.connectToHost(QHostAddress::LocalHost, m_server->port());
-            QVERIFY(socket.waitForConnected(10000));
-        }
+        const auto idleFrom = [this](const char *address) {
+            auto *socket = new QTcpSocket(this);
+            socket->bind(QHostAddress(QString::fromLatin1(address)));
+            socket->connectToHost(QHostAddress::LocalHost, m_server->port());
+            return socket;
+        };
+        QList<QTcpSocket *> idle = { idleFrom("127.0.0.1"), idleFrom("127.0.0.1") };
+        for (QTcpSocket *socket : idle)
+            QVERIFY(socket->waitForConnected(10000));
         QCOMPARE(curl({ url("/ios.bin"), "-I" }).status, 503);
         QCOMPARE(curl({ url("/ios.bin"), "-I", "--interface", "127.0.0.3" }).status, 200);
-        idle[0].abort();
+        idle << idleFrom("127.0.0.3") << idleFrom("127.0.0.4");
+        for (QTcpSocket *socket : idle)
+            QVERIFY(socket->waitForConnected(10000));
+        QCOMPARE(curl({ url("/ios.bin"), "-I", "--interface", "127.0.0.3" }).status, 503);
+        idle[0]->abort();
+        idle[2]->abort();
         QTRY_COMPARE_WITH_TIMEOUT(curl({ url("/ios.bin"), "-I" }).status, 200, 30000);
+        qDeleteAll(idle);
 
-        // Malformed requests get 400 (or an error of their kind, or a closed
-        // connection) and leave no row; then mutations of a valid one.
+        // Malformed requests get 400, or the library's error of their kind, or
+        // (a line it cannot split at all) the connection closed; none leaves a row.
         startServer(3000);
         const int rows = m_monitor.transferCount();
-        const QList<QByteArray> malformed
-            = { "GARBAGE\r\n\r\n", "GET\r\n\r\n", "GET / HTTP/9.9\r\nHost: x\r\n\r\n",
-                  "GET /ios.bin HTTP/1.1\r\n\r\n", "GET /ios.bin HTTP/1.1\r\nHost x\r\n\r\n",
-                  "GET /" + QByteArray(300000, 'a') + " HTTP/1.1\r\nHost: x\r\n\r\n",
-                  "DELETE /ios.bin HTTP/1.1\r\nHost: x\r\n\r\n",
-                  "PUT /n.bin HTTP/1.1\r\nHost: x\r\nContent-Length: -1\r\n\r\n",
-                  "PUT /n.bin HTTP/1.1\r\nHost: x\r\nContent-Length: 99999999999999999999999\r\n\r\n" };
-        for (const QByteArray &bytes : malformed) {
+        const QList<std::pair<QByteArray, int>> malformed = {
+            { QByteArray("GET /ios") + '\0' + ".bin HTTP/1.1\r\nHost: x\r\n\r\n", 400 },
+            { QByteArray("GE") + '\0' + "T /ios.bin HTTP/1.1\r\nHost: x\r\n\r\n", 400 },
+            { QByteArray("GET /ios.bin?") + '\0' + " HTTP/1.1\r\nHost: x\r\n\r\n", 400 },
+            { "GET /ios\r.bin HTTP/1.1\r\nHost: x\r\n\r\n", 400 },
+            { "GET ios.bin HTTP/1.1\r\nHost: x\r\n\r\n", 400 },
+            { "GET /ios.bin HTTP/1.1\r\n\r\n", 400 },
+            { "GET /ios.bin HTTP/1.1\r\nHost: x\r\n folded\r\n\r\n", 400 },
+            { "PUT /n.bin HTTP/1.1\r\nHost: x\r\nContent-Length: -1\r\n\r\n", 400 },
+            { "PUT /n.bin HTTP/1.1\r\nHost: x\r\nContent-Length: 99999999999999999999999\r\n\r\n", 413 },
+            { "GET /" + QByteArray(300000, 'a') + " HTTP/1.1\r\nHost: x\r\n\r\n", 414 },
+            { "GET / HTTP/1.1\r\nHost: x\r\nX: " + QByteArray(300000, 'a') + "\r\n\r\n", 431 },
+            { "DELETE /ios.bin HTTP/1.1\r\nHost: x\r\n\r\n", 405 },
+            { "GET / HTTP/9.9\r\nHost: x\r\n\r\n", 505 },
+            { "GARBAGE\r\n\r\n", 0 },
+            { "GET /ios bin HTTP/1.1\r\nHost: x\r\n\r\n", 0 },
+        };
+        for (const auto &[bytes, expected] : malformed) {
             QTcpSocket socket;
             socket.connectToHost(QHostAddress::LocalHost, m_server->port());
             QVERIFY(socket.waitForConnected(10000));
@@ -356,9 +377,8 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT((reply += socket.readAll()).contains("\r\n\r\n")
                     || socket.state() == QAbstractSocket::UnconnectedState,
                 30000);
-            const int status = reply.split(' ').value(1).toInt();
-            QVERIFY2(
-                reply.isEmpty() || (status >= 400 && status < 600), bytes.left(60) + " -> " + reply.left(60));
+            QVERIFY2(reply.split(' ').value(1).toInt() == expected,
+                QByteArray(bytes.left(40)).replace('\0', "\\0") + " -> " + reply.left(40));
         }
         QVERIFY2(
             m_monitor.transferCount() == rows, qPrintable(m_monitor.transferLine(m_monitor.transferCount())));

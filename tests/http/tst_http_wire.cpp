@@ -27,6 +27,8 @@ private Q_SLOTS:
         QTest::newRow("bare percent") << QByteArray("/a%") << QString();
         QTest::newRow("not hex") << QByteArray("/%zz") << QString();
         QTest::newRow("NUL") << QByteArray("/a%00.bin") << QString();
+        QTest::newRow("raw CR") << QByteArray("/a\rb") << QString();
+        QTest::newRow("escaped CR") << QByteArray("/a%0Db") << QString("a\rb");
     }
     void urlPathDecodedOnce()
     {
