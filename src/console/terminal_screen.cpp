@@ -110,7 +110,7 @@ struct TerminalScreenCallbacks
     }
     static int resize(int rows, int columns, VTermPos *delta, void *user)
     {
-        self(user)->onResize(rows, columns, &delta->row);
+        self(user)->onResize(rows, columns, &delta->row, &delta->col);
         return 1;
     }
     static int setlineinfo(int, const VTermLineInfo *, const VTermLineInfo *, void *) { return 1; }
@@ -470,7 +470,7 @@ void TerminalScreen::resizeLines(
     }
 }
 
-void TerminalScreen::onResize(int rows, int columns, int *rowDelta)
+void TerminalScreen::onResize(int rows, int columns, int *rowDelta, int *columnDelta)
 {
     const Stored pen = m_pen;
     m_pen.attrs |= DefaultFg | DefaultBg; // new space is blank, whatever the pen
@@ -479,13 +479,114 @@ void TerminalScreen::onResize(int rows, int columns, int *rowDelta)
     vterm_state_get_default_colors(m_state, &fg, &bg);
     m_pen.fg = packColour(fg);
     m_pen.bg = packColour(bg);
-    resizeLines(m_primary, !m_altScreen, true, rows, columns, rowDelta);
+    if (columns != m_columns && !m_altScreen)
+        reflow(rows, columns, rowDelta, columnDelta);
+    else
+        resizeLines(m_primary, !m_altScreen, true, rows, columns, rowDelta);
     int unused = 0;
     resizeLines(m_alt, m_altScreen, false, rows, columns, m_altScreen ? rowDelta : &unused);
     m_pen = pen;
     m_rows = rows;
     m_columns = columns;
     m_wrapNext = false;
+}
+
+void TerminalScreen::reflow(int rows, int columns, int *rowDelta, int *columnDelta)
+{
+    // The lines the device wrote (rows the terminal wrapped joined), from the
+    // oldest scrollback line to the last screen row in use, then cut again at
+    // the new width. The cursor stays on its character.
+    const int oldCursorRow = cursorRow();
+    const int oldCursorColumn = cursorColumn();
+    int lastUsed = oldCursorRow;
+    for (int row = int(m_primary.size()) - 1; row > lastUsed; --row) {
+        const auto &cells = m_primary[size_t(row)].cells;
+        if (std::any_of(cells.begin(), cells.end(), [](const Stored &c) { return !blank(c.ch); })) {
+            lastUsed = row;
+            break;
+        }
+    }
+    const int oldScrollback = scrollbackCount();
+    std::vector<std::vector<Stored>> logical(1);
+    size_t cursorLine = 0;
+    size_t cursorOffset = 0;
+    const auto take = [&](Line &line, bool cursorHere) {
+        std::vector<Stored> &joined = logical.back();
+        if (cursorHere) {
+            cursorLine = logical.size() - 1;
+            cursorOffset = joined.size() + size_t(qMax(0, oldCursorColumn));
+        }
+        size_t used = line.cells.size();
+        if (!line.wrapped) {
+            while (used > 0 && blank(line.cells[used - 1].ch) && (line.cells[used - 1].attrs & DefaultBg)
+                && !(line.cells[used - 1].attrs & Reverse))
+                --used;
+        }
+        joined.insert(joined.end(), line.cells.begin(), line.cells.begin() + qsizetype(used));
+        if (!line.wrapped)
+            logical.emplace_back();
+    };
+    for (Line &line : m_scrollback)
+        take(line, false);
+    for (int row = 0; row <= lastUsed && row < int(m_primary.size()); ++row)
+        take(m_primary[size_t(row)], row == oldCursorRow);
+    if (logical.size() > 1 && logical.back().empty())
+        logical.pop_back();
+
+    const Stored fill = blankCell();
+    std::vector<Line> cut;
+    int cursorRowCut = 0;
+    int cursorColumnCut = 0;
+    for (size_t index = 0; index < logical.size(); ++index) {
+        const std::vector<Stored> &cells = logical[index];
+        const size_t firstRow = cut.size();
+        size_t at = 0;
+        do {
+            size_t end = qMin(cells.size(), at + size_t(columns));
+            // A wide character never straddles the edge: it starts the next row.
+            if (end < cells.size() && end > at + 1 && cells[end - 1].width == 2)
+                --end;
+            Line line;
+            line.cells.assign(cells.begin() + qsizetype(at), cells.begin() + qsizetype(end));
+            line.cells.resize(size_t(columns), fill);
+            line.wrapped = end < cells.size();
+            cut.push_back(std::move(line));
+            at = end;
+        } while (at < cells.size());
+        if (index == cursorLine) {
+            // The cursor may stand past the line's end; the rows it needs are added.
+            size_t offset = 0;
+            size_t row = firstRow;
+            for (; row + 1 < cut.size() && offset + size_t(columns) <= cursorOffset; ++row)
+                offset += size_t(columns);
+            while (cursorOffset - offset >= size_t(columns)) {
+                cut[row].wrapped = true;
+                cut.insert(cut.begin() + qsizetype(++row),
+                    Line { std::vector<Stored>(size_t(columns), fill), false });
+                offset += size_t(columns);
+            }
+            cursorRowCut = int(row);
+            cursorColumnCut = int(cursorOffset - offset);
+        }
+    }
+
+    // The last rows make the screen, and the cursor's row is always on it.
+    int screenStart = qMax(0, int(cut.size()) - rows);
+    screenStart = qMin(screenStart, cursorRowCut);
+    m_scrollback.clear();
+    for (int i = qMax(0, screenStart - m_scrollbackLimit); i < screenStart; ++i)
+        m_scrollback.push_back(std::move(cut[size_t(i)]));
+    m_primary.clear();
+    for (int i = screenStart; i < screenStart + rows; ++i) {
+        if (i < int(cut.size()))
+            m_primary.push_back(std::move(cut[size_t(i)]));
+        else
+            m_primary.push_back(Line { std::vector<Stored>(size_t(columns), fill), false });
+    }
+    m_pushed += scrollbackCount() - oldScrollback;
+    ++m_epoch; // line numbers changed: selections go
+    *rowDelta += (cursorRowCut - screenStart) - oldCursorRow;
+    *columnDelta += cursorColumnCut - oldCursorColumn;
 }
 
 int TerminalScreen::cursorRow() const

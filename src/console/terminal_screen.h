@@ -170,7 +170,8 @@ private:
     bool scrollRect(int top, int bottom, int left, int right, int downward, int rightward);
     void moveRect(int destTop, int destLeft, int srcTop, int srcLeft, int height, int width);
     void erase(int top, int bottom, int left, int right, bool selective);
-    void onResize(int rows, int columns, int *rowDelta);
+    void onResize(int rows, int columns, int *rowDelta, int *columnDelta);
+    void reflow(int rows, int columns, int *rowDelta, int *columnDelta);
 
     VTerm *m_vt = nullptr;
     VTermState *m_state = nullptr;

@@ -157,6 +157,27 @@ private Q_SLOTS:
         QCOMPARE(TerminalScreen().scrollbackLimit(), 10000);
     }
 
+    void widthChangeReflowsWrappedLines()
+    {
+        // A line the terminal wrapped is re-cut at the new width; a line the
+        // device ended is not joined to the next; the cursor keeps its place.
+        TerminalScreen screen(5, 40);
+        const QByteArray digits = QByteArray("0123456789").repeated(5);
+        screen.feed(digits + "\r\n\x1b[32mR1#\x1b[0m ");
+        QVERIFY(screen.wrapped(0) && !screen.wrapped(1));
+        screen.resize(5, 80);
+        QCOMPARE(screen.rowText(0), QString::fromLatin1(digits));
+        QCOMPARE(screen.rowText(1), QStringLiteral("R1#"));
+        QCOMPARE(QPoint(screen.cursorColumn(), screen.cursorRow()), QPoint(4, 1));
+        screen.resize(5, 20);
+        QCOMPARE(screen.text(0, 3), QString::fromLatin1(digits) + QStringLiteral("\nR1#"));
+        QCOMPARE(screen.rowText(1), QString::fromLatin1(digits.mid(20, 20)));
+        screen.feed("show clock");
+        QCOMPARE(screen.rowText(screen.cursorRow()), QStringLiteral("R1# show clock"));
+        QCOMPARE(screen.cell(3, 0).fg, screen.cell(3, 1).fg); // colours move with their characters
+        QVERIFY(screen.cell(3, 0).fg != screen.defaultForeground());
+    }
+
     void keysAndPaste()
     {
         TerminalScreen screen;
