@@ -522,7 +522,12 @@ void TerminalScreen::reflow(int rows, int columns, int *rowDelta, int *columnDel
                 && !(line.cells[used - 1].attrs & Reverse))
                 --used;
         }
-        joined.insert(joined.end(), line.cells.begin(), line.cells.begin() + qsizetype(used));
+        if (joined.empty()) { // the usual case, one row: its storage moves, nothing is copied
+            joined = std::move(line.cells);
+            joined.resize(used);
+        } else {
+            joined.insert(joined.end(), line.cells.begin(), line.cells.begin() + qsizetype(used));
+        }
         if (!line.wrapped)
             logical.emplace_back();
     };
@@ -537,10 +542,16 @@ void TerminalScreen::reflow(int rows, int columns, int *rowDelta, int *columnDel
     std::vector<Line> cut;
     int cursorRowCut = 0;
     int cursorColumnCut = 0;
+    cut.reserve(logical.size() + size_t(rows));
     for (size_t index = 0; index < logical.size(); ++index) {
-        const std::vector<Stored> &cells = logical[index];
+        std::vector<Stored> &cells = logical[index];
         const size_t firstRow = cut.size();
         size_t at = 0;
+        if (cells.size() <= size_t(columns) && index != cursorLine) {
+            cells.resize(size_t(columns), fill);
+            cut.push_back(Line { std::move(cells), false });
+            continue;
+        }
         do {
             size_t end = qMin(cells.size(), at + size_t(columns));
             // A wide character never straddles the edge: it starts the next row.
