@@ -222,6 +222,11 @@ void TerminalScreen::feed(const QByteArray &bytes)
     const qsizetype held = unfinishedUtf8(input->constData(), input->size());
     if (held > 0)
         m_partial = input->right(held);
+    QByteArray capped;
+    if (m_guard.cap(input->constData(), input->size() - held, &capped)) {
+        capped += m_partial;
+        input = &capped;
+    }
     // A full reset (ESC c) forgets the last character again.
     const qsizetype size = input->size() - held;
     const QByteArrayView reset("\x1b"
@@ -264,6 +269,7 @@ void TerminalScreen::resize(int rows, int columns)
 void TerminalScreen::reset()
 {
     m_partial.clear();
+    m_guard = CsiParameterCap();
     m_scrollback.clear();
     m_pushed = 0;
     m_starLogged = -1;

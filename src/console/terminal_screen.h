@@ -1,5 +1,7 @@
 #pragma once
 
+#include "console/csi_parameter_cap.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
@@ -191,6 +193,7 @@ private:
     qint64 m_starLogged = -1; // the line number of the last one
     QByteArray m_output;
     QByteArray m_partial; // an unfinished UTF-8 sequence at the end of the last block
+    CsiParameterCap m_guard;
     QString m_title;
     bool m_cursorVisible = true;
     bool m_altScreen = false;

@@ -68,7 +68,9 @@ int TerminalTextReader::onControl(unsigned char control, void *user)
 
 QString TerminalTextReader::decode(const QByteArray &block)
 {
-    vterm_input_write(m_vt, block.constData(), size_t(block.size()));
+    QByteArray capped;
+    const QByteArray &input = m_guard.cap(block.constData(), block.size(), &capped) ? capped : block;
+    vterm_input_write(m_vt, input.constData(), size_t(input.size()));
     const QString text = m_decoder.decode(m_pendingText);
     m_pendingText.resize(0);
     return text;

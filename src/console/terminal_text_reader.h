@@ -1,5 +1,7 @@
 #pragma once
 
+#include "console/csi_parameter_cap.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QStringDecoder>
@@ -32,6 +34,7 @@ private:
     VTerm *m_vt;
     QStringDecoder m_decoder;
     QByteArray m_pendingText;
+    CsiParameterCap m_guard;
 
     friend struct TerminalTextReaderCallbacks;
 };
