@@ -21,21 +21,23 @@ bool CsiParameterCap::cap(const char *data, qsizetype size, QByteArray *capped)
             m_scan = Scan::Escape;
             continue;
         }
+        if (c == 0x18 || c == 0x1a) { // CAN and SUB end a sequence
+            m_scan = Scan::Ground;
+            continue;
+        }
+        if (c < 0x20 || c == 0x7f)
+            continue; // a control inside a sequence is carried out (DEL ignored), the sequence goes on
         if (m_scan == Scan::Escape) {
             m_scan = c == '[' ? Scan::Parameters : Scan::Ground;
             m_separators = 0;
             continue;
         }
-        if (c == 0x18 || c == 0x1a) { // CAN and SUB end a sequence
-            m_scan = Scan::Ground;
+        if (c >= 0x40) {
+            m_scan = Scan::Ground; // the final byte
             continue;
         }
-        if (c < 0x20)
-            continue; // a control inside a sequence is carried out, the sequence goes on
-        if (c < 0x30 || c > 0x3f) {
-            m_scan = Scan::Ground; // an intermediate or the final byte
-            continue;
-        }
+        if (c < 0x30)
+            continue; // an intermediate: still counted as one sequence, to be safe
         if (c == ';' || c == ':')
             ++m_separators;
         if (m_separators > maxSeparators) {
