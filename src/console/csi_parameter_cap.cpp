@@ -25,15 +25,15 @@ bool CsiParameterCap::cap(const char *data, qsizetype size, QByteArray *capped)
             m_scan = Scan::Ground;
             continue;
         }
-        if (c < 0x20 || c == 0x7f)
-            continue; // a control inside a sequence is carried out (DEL ignored), the sequence goes on
+        if (c < 0x20 || c >= 0x7f)
+            continue; // controls are carried out, DEL and high bytes ignored: the sequence goes on
         if (m_scan == Scan::Escape) {
             m_scan = c == '[' ? Scan::Parameters : Scan::Ground;
             m_separators = 0;
             continue;
         }
         if (c >= 0x40) {
-            m_scan = Scan::Ground; // the final byte
+            m_scan = Scan::Ground; // the final byte (0x40 to 0x7e)
             continue;
         }
         if (c < 0x30)
