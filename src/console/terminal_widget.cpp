@@ -300,6 +300,7 @@ void TerminalWidget::mousePressEvent(QMouseEvent *event)
     if (event->button() != Qt::LeftButton)
         return;
     const QPoint at = cellAt(event->position().toPoint());
+    m_epoch = m_terminal->screen().epoch(); // a selection belongs to the screen it was made on
     m_anchorColumn = m_endColumn = at.x();
     m_anchorLine = m_endLine = m_terminal->screen().lineNumber(at.y());
     m_selecting = true;
@@ -383,6 +384,7 @@ void TerminalWidget::mouseDoubleClickEvent(QMouseEvent *event)
 void TerminalWidget::select(int startRow, int startColumn, int endRow, int endColumn)
 {
     const TerminalScreen &screen = m_terminal->screen();
+    m_epoch = screen.epoch();
     m_anchorColumn = startColumn;
     m_anchorLine = screen.lineNumber(startRow);
     m_endColumn = endColumn;
