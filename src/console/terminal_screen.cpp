@@ -260,8 +260,13 @@ void TerminalScreen::resize(int rows, int columns)
         fix = "\x1b[?6l\x1b[" + QByteArray::number(qBound(0, cursor.row, rows - 1) + 1) + ';'
             + QByteArray::number(qBound(0, cursor.col, columns - 1) + 1) + 'H';
     }
+    // It also keeps a scroll region whose top is now below the last row,
+    // and the next line feed then scrolls a rectangle of negative height
+    // (a crash). The region goes back to the whole screen, as xterm does on
+    // a resize; DECSTBM homes the cursor, so it is saved and restored round it.
     fix += "\x1b"
-           "7";
+           "7\x1b[r\x1b"
+           "8";
     vterm_input_write(m_vt, fix.constData(), size_t(fix.size()));
     ++m_generation;
 }
