@@ -28,6 +28,8 @@ bool CsiParameterCap::cap(const char *data, qsizetype size, QByteArray *capped)
         if (c < 0x20 || c >= 0x7f)
             continue; // controls are carried out, DEL and high bytes ignored: the sequence goes on
         if (m_scan == Scan::Escape) {
+            if (c < 0x30)
+                continue; // an intermediate: libvterm still takes a "[" after it for CSI
             m_scan = c == '[' ? Scan::Parameters : Scan::Ground;
             m_separators = 0;
             continue;
