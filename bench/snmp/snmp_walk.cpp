@@ -4,19 +4,11 @@
 //
 //   bench_snmp_walk PORT v2c COMMUNITY [ROUNDS]
 //   bench_snmp_walk PORT v3 USER AUTHPASS PRIVPASS [ROUNDS]   (authPriv, SHA-256, AES-128)
-//   bench_snmp_walk PORT ui COMMUNITY [POLLS]
-// The ui form runs the SNMP tab's monitor (v2c, 1 s polls) for POLLS polls and
-// prints the longest the UI thread's event loop was held up, in ms, then the
-// same for three idle seconds before (the machine's own share), and the
-// longest the monitor took to take in one poll's result on the UI thread.
 #include "snmp/snmp_agent.h"
-#include "snmp/snmp_monitor.h"
-#include "snmp/snmp_poller.h"
 #include "snmp/snmp_worker.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QTimer>
 
 #include <cstdio>
 
@@ -27,61 +19,6 @@ int main(int argc, char **argv)
     if (args.size() < 4) {
         std::fprintf(stderr, "usage: bench_snmp_walk PORT v2c COMMUNITY | PORT v3 USER AUTH PRIV [ROUNDS]\n");
         return 2;
-    }
-    if (args[2] == QLatin1String("ui")) {
-        SnmpPoller::setAgentPort(quint16(args[1].toUInt()));
-        SnmpMonitor monitor([] { return QStringLiteral("127.0.0.1"); });
-        SnmpTarget t;
-        t.community = args[3];
-        t.timeoutMs = 5000;
-        monitor.setTarget(t);
-        monitor.setIntervalMs(SnmpMonitor::minimumIntervalMs);
-        const int polls = args.value(4, QStringLiteral("10")).toInt();
-        int done = 0;
-        qint64 worst = 0;
-        QElapsedTimer since;
-        QTimer beat; // a 5 ms heartbeat: the gap between beats beyond 5 ms is the stall
-        QObject::connect(&beat, &QTimer::timeout, [&] {
-            worst = qMax(worst, since.nsecsElapsed() - 5000000);
-            since.restart();
-        });
-        QObject::connect(&monitor, &SnmpMonitor::polled, [&](bool ok) {
-            if (!ok)
-                std::fprintf(stderr, "%s\n", qPrintable(monitor.state()));
-            if (++done == polls)
-                app.quit();
-        });
-        // The same heartbeat with the monitor idle first: what the machine's load alone costs.
-        since.start();
-        beat.start(5);
-        QTimer::singleShot(3000, &app, &QCoreApplication::quit);
-        app.exec();
-        const qint64 idle = worst;
-        worst = 0;
-        since.restart();
-        monitor.start();
-        app.exec();
-        // What the UI thread itself does per poll: the monitor taking a whole result (rates, table, history),
-        // timed on results walked beforehand.
-        SnmpTarget direct = t;
-        direct.host = QStringLiteral("127.0.0.1");
-        direct.port = SnmpPoller::agentPort();
-        SnmpWorker worker;
-        QList<PollResult> results;
-        QObject::connect(&worker, &SnmpWorker::polled, [&](const PollResult &r) { results.append(r); });
-        for (int i = 0; i < polls; ++i)
-            worker.poll(direct);
-        SnmpMonitor quiet([] { return QString(); });
-        qint64 longest = 0;
-        for (int i = 0; i < results.size(); ++i) {
-            QElapsedTimer take;
-            take.start();
-            quiet.takeResult(results[i], 1700000000000 + i * 1000);
-            longest = qMax(longest, take.nsecsElapsed());
-        }
-        std::printf("%lld %.1f %.1f %.1f\n", static_cast<long long>(monitor.table()->rowCount()), worst / 1e6,
-            idle / 1e6, longest / 1e6);
-        return 0;
     }
     SnmpTarget t;
     t.host = QStringLiteral("127.0.0.1");

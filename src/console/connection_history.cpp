@@ -5,6 +5,8 @@
 #include <QSettings>
 #include <QUrl>
 
+#include <vector>
+
 namespace {
 constexpr int stride = 5;
 constexpr int octets = 4;
@@ -124,6 +126,30 @@ ConnectTarget target(int n)
     return result;
 }
 
+QStringList hosts()
+{
+    QStringList result;
+    for (int n = 0; n < entryCount; ++n) {
+        const QString host = entry(n).join(QLatin1Char('.'));
+        if (host != QLatin1String("...") && !result.contains(host))
+            result << host;
+    }
+    return result;
+}
+
+namespace {
+std::vector<std::function<void(const QString &)>> &forgetHandlers()
+{
+    static std::vector<std::function<void(const QString &)>> handlers;
+    return handlers;
+}
+} // namespace
+
+void onHostForgotten(std::function<void(const QString &host)> handler)
+{
+    forgetHandlers().push_back(std::move(handler));
+}
+
 void remember(const QStringList &typed)
 {
     ConnectTarget plain;
@@ -186,6 +212,7 @@ std::optional<bool> terminalEmulation(const ConnectTarget &typed)
 
 void remember(const ConnectTarget &typed)
 {
+    const QStringList before = hosts();
     QStringList address = typed.host.split(QLatin1Char('.')).mid(0, octets);
     while (address.size() < octets)
         address << QString();
@@ -231,6 +258,12 @@ void remember(const ConnectTarget &typed)
         settings.remove(userKey(0));
     }
     writeTerminal(settings, 0, typed, terminal);
+
+    const QStringList after = hosts();
+    for (const QString &host : before)
+        if (!after.contains(host))
+            for (const auto &handler : forgetHandlers())
+                handler(host);
 }
 
 } // namespace ConnectionHistory

@@ -2,6 +2,7 @@
 
 #include <QStringList>
 
+#include <functional>
 #include <optional>
 
 // Where a network console connects: the kind ("TCP/IP" raw TCP, or "SSH"),
@@ -61,6 +62,13 @@ std::optional<bool> terminalEmulation(const ConnectTarget &target);
 
 // The settings key of octet `octet` of entry n ("histroy" followed by 5n + octet).
 QString key(int n, int octet);
+
+// The hosts the entries hold (octets joined by "."), without repeats or blanks.
+QStringList hosts();
+// Adds a handler called with each host that remember() pushed out of the
+// history and that no other entry still holds, so what is kept per entry
+// elsewhere (the SNMP tab's settings and passwords) goes with it.
+void onHostForgotten(std::function<void(const QString &host)> handler);
 
 } // namespace ConnectionHistory
 

@@ -95,7 +95,7 @@ void RateGraph::paintEvent(QPaintEvent *)
             pen ? path.lineTo(at) : path.moveTo(at);
             pen = true;
         }
-        p.setPen(QPen(colour, 1.5));
+        p.setPen(QPen(colour, 1));
         p.setClipRect(plot);
         p.drawPath(path);
         p.setClipping(false);

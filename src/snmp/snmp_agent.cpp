@@ -3,13 +3,19 @@
 // clang-format off
 #include <net-snmp/net-snmp-config.h>
 #include <net-snmp/net-snmp-includes.h>
+#include <net-snmp/library/large_fd_set.h>
 // clang-format on
 
 #include <QHostAddress>
 #include <QMutex>
 #include <QStringList>
 
+#include <algorithm>
+#include <cerrno>
 #include <mutex>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -61,7 +67,76 @@ Proto privProto(SnmpTarget::Priv priv)
     return { usmAESPrivProtocol, OID_LENGTH(usmAESPrivProtocol) };
 }
 
+// Takes what net-snmp reports about the request out on a session, the way its
+// own synchronous call does, into the session's Wait.
+int onResponse(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *magic)
+{
+    auto *wait = static_cast<AgentSession::Wait *>(magic);
+    if (!wait->waiting)
+        return 1;
+    switch (operation) {
+    case NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE:
+        if (pdu->command == SNMP_MSG_RESPONSE) {
+            // Read in place: the library frees the answer once we return.
+            wait->errorStatus = pdu->errstat;
+            if (pdu->errstat == SNMP_ERR_NOERROR && wait->take)
+                (*wait->take)(pdu);
+            wait->status = STAT_SUCCESS;
+            wait->waiting = false;
+        } else if (pdu->command == SNMP_MSG_REPORT) {
+            // A USM report says what the agent made of us in its own words.
+            // net-snmp answers a notInTimeWindow report itself, by sending the
+            // request again with the agent's clock: that answer is still to come.
+            wait->error = snmpv3_get_report_type(pdu);
+            wait->status = STAT_ERROR;
+            wait->waiting = wait->error == SNMPERR_NOT_IN_TIME_WINDOW;
+        } else {
+            wait->error = SNMPERR_PROTOCOL;
+            wait->status = STAT_ERROR;
+            wait->waiting = false;
+        }
+        break;
+    case NETSNMP_CALLBACK_OP_TIMED_OUT:
+        wait->error = SNMPERR_TIMEOUT;
+        wait->status = STAT_TIMEOUT;
+        wait->waiting = false;
+        break;
+    case NETSNMP_CALLBACK_OP_SEC_ERROR:
+        // An answer that failed its security checks: a genuine one may follow.
+        if (!wait->error)
+            wait->error = SNMPERR_GENERR;
+        break;
+    case NETSNMP_CALLBACK_OP_RESEND:
+        break;
+    default: // the send failed or the session is going
+        wait->error = SNMPERR_ABORT;
+        wait->status = STAT_ERROR;
+        wait->waiting = false;
+        break;
+    }
+    return 1;
+}
+
 } // namespace
+
+SnmpCancel::SnmpCancel()
+    : m_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{ }
+
+SnmpCancel::~SnmpCancel()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+void SnmpCancel::cancel()
+{
+    m_cancelled = true;
+    if (m_fd >= 0) {
+        const quint64 one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(m_fd, &one, sizeof one);
+    }
+}
 
 void AgentSession::initLibrary()
 {
@@ -80,87 +155,6 @@ void AgentSession::initLibrary()
             qputenv("MIBS", "");
         init_snmp("tarnwick");
     });
-}
-
-SnmpValue toSnmpValue(const variable_list *var)
-{
-    SnmpValue v;
-    if (!var)
-        return v;
-    if (var->name && var->name_length <= MAX_OID_LEN)
-        for (size_t i = 0; i < var->name_length; ++i)
-            v.oid.append(quint32(var->name[i]));
-    v.endOfView = var->type == SNMP_ENDOFMIBVIEW;
-    const auto has = [var](size_t bytes) { return var->val.string != nullptr && var->val_len >= bytes; };
-    switch (var->type) {
-    case ASN_INTEGER:
-        if (has(sizeof(long))) {
-            v.kind = SnmpValue::Number;
-            v.number = quint64(qMax(0L, *var->val.integer)); // statuses and speeds: never negative
-            v.bits = 32;
-        }
-        break;
-    case ASN_COUNTER:
-    case ASN_GAUGE:
-    case ASN_TIMETICKS:
-    case ASN_UINTEGER:
-        if (has(sizeof(long))) {
-            v.kind = SnmpValue::Number;
-            v.number = quint32(*var->val.integer);
-            v.bits = 32;
-        }
-        break;
-    case ASN_COUNTER64:
-        if (has(sizeof(counter64))) {
-            v.kind = SnmpValue::Number;
-            v.number = (quint64(quint32(var->val.counter64->high)) << 32) | quint32(var->val.counter64->low);
-            v.bits = 64;
-        }
-        break;
-    case ASN_OCTET_STR:
-    case ASN_IPADDRESS:
-    case ASN_OPAQUE:
-        v.kind = SnmpValue::Bytes;
-        if (var->val.string && var->val_len > 0)
-            v.bytes = QByteArray(reinterpret_cast<const char *>(var->val.string),
-                qsizetype(qMin<size_t>(var->val_len, 65535)));
-        break;
-    default:
-        break;
-    }
-    return v;
-}
-
-Oid parseOid(const QString &dotted)
-{
-    Oid oid;
-    const QStringList pieces = dotted.trimmed().split(QLatin1Char('.'), Qt::SkipEmptyParts);
-    for (const QString &piece : pieces) {
-        bool ok = false;
-        const qulonglong n = piece.toULongLong(&ok);
-        if (!ok || n > 0xFFFFFFFFull)
-            return {};
-        oid.append(quint32(n));
-    }
-    return oid.size() >= 2 ? oid : Oid();
-}
-
-QString oidText(const Oid &oid)
-{
-    QStringList pieces;
-    for (quint32 n : oid)
-        pieces << QString::number(n);
-    return pieces.join(QLatin1Char('.'));
-}
-
-std::optional<int> columnIndex(const Oid &column, const Oid &oid)
-{
-    if (oid.size() != column.size() + 1 || !std::equal(column.begin(), column.end(), oid.begin()))
-        return std::nullopt;
-    const quint32 index = oid.last();
-    if (index < 1 || index > 0x7FFFFFFF)
-        return std::nullopt;
-    return int(index);
 }
 
 QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &library)
@@ -188,6 +182,8 @@ QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &lib
         return QStringLiteral("Security level not supported for user \"%1\"").arg(target.user);
     case SNMPERR_USM_ENCRYPTIONERROR:
         return QStringLiteral("Encryption error: check the privacy protocol");
+    case SNMPERR_ABORT:
+        return QStringLiteral("Cancelled");
     case SNMPERR_BAD_ADDRESS:
     case SNMPERR_BAD_PARSE:
         return QStringLiteral("Cannot use the address %1").arg(target.host);
@@ -196,8 +192,9 @@ QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &lib
     }
 }
 
-AgentSession::AgentSession(const SnmpTarget &target)
+AgentSession::AgentSession(const SnmpTarget &target, const SnmpCancel *cancel)
     : m_target(target)
+    , m_cancel(cancel)
 { }
 
 AgentSession::~AgentSession()
@@ -217,6 +214,10 @@ void AgentSession::fail(int code, const QString &library)
 bool AgentSession::open()
 {
     initLibrary();
+    if (m_cancel && m_cancel->isCancelled()) {
+        fail(SNMPERR_ABORT);
+        return false;
+    }
     const bool v6 = QHostAddress(m_target.host).protocol() == QAbstractSocket::IPv6Protocol;
     QByteArray peer = (v6 ? QStringLiteral("udp6:[%1]:%2") : QStringLiteral("udp:%1:%2"))
                           .arg(m_target.host)
@@ -322,33 +323,125 @@ bool AgentSession::open()
     return true;
 }
 
-bool AgentSession::request(void *pdu, void **response)
+bool AgentSession::send(snmp_pdu *pdu, const Take &take, Wait &wait)
 {
-    netsnmp_pdu *reply = nullptr;
-    const int status = snmp_sess_synch_response(m_session, static_cast<netsnmp_pdu *>(pdu), &reply);
-    m_answered = status == STAT_SUCCESS && reply;
-    if (status == STAT_SUCCESS && reply && reply->errstat == SNMP_ERR_NOERROR) {
-        *response = reply;
-        return true;
+    wait = Wait();
+    if (m_cancel && m_cancel->isCancelled()) {
+        snmp_free_pdu(pdu);
+        wait.status = STAT_ERROR;
+        wait.error = SNMPERR_ABORT;
+        return false;
     }
-    if (status == STAT_SUCCESS && reply) {
-        fail(SNMPERR_GENERR,
-            QStringLiteral("The agent answered: %1")
-                .arg(QString::fromLatin1(snmp_errstring(int(reply->errstat)))));
-    } else if (status == STAT_TIMEOUT) {
-        fail(SNMPERR_TIMEOUT);
-    } else {
+    wait.waiting = true;
+    wait.take = &take;
+    if (snmp_sess_async_send(m_session, pdu, onResponse, &wait) == 0) {
+        snmp_free_pdu(pdu);
+        wait = Wait();
         int libErr = 0, sysErr = 0;
         char *text = nullptr;
         snmp_sess_error(m_session, &libErr, &sysErr, &text);
-        // A USM report's error reaches only the library-wide error number.
-        fail(libErr ? libErr : snmp_errno, QString::fromLocal8Bit(text));
+        fail(libErr ? libErr : SNMPERR_GENERR, QString::fromLocal8Bit(text));
         free(text);
+        return false;
     }
-    if (reply)
-        snmp_free_pdu(reply);
+    return true;
+}
+
+// Waits as net-snmp's own synchronous call would (its time-outs and retries),
+// but also on the cancel descriptor, so a console closing never waits out a
+// silent device.
+bool AgentSession::pump(const std::function<bool()> &done)
+{
+    netsnmp_large_fd_set fds;
+    netsnmp_large_fd_set_init(&fds, FD_SETSIZE);
+    bool ok = true;
+    while (!done()) {
+        int count = 0, block = 1;
+        timeval timeout {};
+        NETSNMP_LARGE_FD_ZERO(&fds);
+        snmp_sess_select_info2(m_session, &count, &fds, &timeout, &block);
+        if (m_cancel && m_cancel->fd() >= 0) {
+            NETSNMP_LARGE_FD_SET(m_cancel->fd(), &fds);
+            count = qMax(count, m_cancel->fd() + 1);
+        }
+        const int ready
+            = netsnmp_large_fd_set_select(count, &fds, nullptr, nullptr, block ? nullptr : &timeout);
+        if (m_cancel && m_cancel->isCancelled()) {
+            ok = false;
+            break;
+        }
+        if (ready > 0) {
+            snmp_sess_read2(m_session, &fds);
+        } else if (ready == 0) {
+            snmp_sess_timeout(m_session);
+        } else if (errno != EINTR) {
+            ok = false;
+            break;
+        }
+    }
+    netsnmp_large_fd_set_cleanup(&fds);
+    if (!ok) {
+        const bool cancelled = m_cancel && m_cancel->isCancelled();
+        for (Wait &wait : m_waits)
+            if (wait.waiting) {
+                wait.waiting = false;
+                wait.status = STAT_ERROR;
+                wait.error = cancelled ? SNMPERR_ABORT : SNMPERR_GENERR;
+            }
+    }
+    return ok;
+}
+
+bool AgentSession::finish(Wait &wait)
+{
+    wait.take = nullptr;
+    m_answered = wait.status == STAT_SUCCESS;
+    if (m_answered && wait.errorStatus == SNMP_ERR_NOERROR)
+        return true;
+    if (m_answered)
+        fail(SNMPERR_GENERR,
+            QStringLiteral("The agent answered: %1")
+                .arg(QString::fromLatin1(snmp_errstring(int(wait.errorStatus)))));
+    else if (wait.status == STAT_TIMEOUT)
+        fail(SNMPERR_TIMEOUT);
+    else
+        fail(wait.error ? wait.error : SNMPERR_GENERR,
+            QString::fromLatin1(snmp_api_errstring(wait.error ? wait.error : SNMPERR_GENERR)));
     return false;
 }
+
+void AgentSession::abandon()
+{
+    // net-snmp may still call back about them (an answer, a time-out, the
+    // session closing): a Wait that is not waiting ignores that.
+    for (Wait &wait : m_waits) {
+        wait.waiting = false;
+        wait.take = nullptr;
+    }
+}
+
+bool AgentSession::request(snmp_pdu *pdu, const Take &take)
+{
+    m_answered = false;
+    Wait &wait = m_waits[0];
+    if (!send(pdu, take, wait)) {
+        if (wait.error)
+            finish(wait);
+        return false;
+    }
+    pump([&wait] { return !wait.waiting; });
+    return finish(wait);
+}
+
+namespace {
+void addNull(netsnmp_pdu *pdu, const Oid &name)
+{
+    oid id[MAX_OID_LEN];
+    const size_t length = qMin<size_t>(size_t(name.size()), MAX_OID_LEN);
+    std::copy_n(name.begin(), length, id);
+    snmp_add_null_var(pdu, id, length);
+}
+} // namespace
 
 bool AgentSession::get(const QList<Oid> &oids, QList<SnmpValue> &values)
 {
@@ -356,74 +449,123 @@ bool AgentSession::get(const QList<Oid> &oids, QList<SnmpValue> &values)
     if (!m_session && !open())
         return false;
     netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GET);
-    for (const Oid &o : oids) {
-        std::vector<oid> name(o.begin(), o.end());
-        snmp_add_null_var(pdu, name.data(), name.size());
-    }
-    void *reply = nullptr;
-    if (!request(pdu, &reply))
+    for (const Oid &o : oids)
+        addNull(pdu, o);
+    const bool ok = request(pdu, [&values](const snmp_pdu *reply) {
+        for (const variable_list *v = reply->variables; v; v = v->next_variable)
+            values.append(toSnmpValue(v));
+    });
+    if (!ok)
         return false;
-    for (variable_list *v = static_cast<netsnmp_pdu *>(reply)->variables; v; v = v->next_variable)
-        values.append(toSnmpValue(v));
-    snmp_free_pdu(static_cast<netsnmp_pdu *>(reply));
     while (values.size() < oids.size())
         values.append(SnmpValue());
     return true;
 }
 
+// The columns are walked in two chains of requests, each on its own share of
+// the columns and each sent as soon as its previous answer is in, so the
+// agent has the other chain's request to work on while we read an answer
+// and while a request or an answer is on its way.
 bool AgentSession::bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList<QList<SnmpValue>> &values)
 {
     values = QList<QList<SnmpValue>>(columns.size());
     if (!m_session && !open())
         return false;
+    m_answered = false;
     QList<Oid> cursor = columns;
-    QList<int> active;
-    for (int i = 0; i < columns.size(); ++i)
-        active.append(i);
     // An agent that never leaves a column would keep us here for ever.
     constexpr int instanceLimit = 100000;
     int instances = 0;
-    while (!active.isEmpty() && instances < instanceLimit) {
+    struct Chain
+    {
+        QList<int> active; // the columns still being walked
+        QList<bool> done;
+        bool any = false;
+        bool out = false; // a request is out
+        Take take;
+    };
+    Chain chains[walkChains];
+    for (int c = 0; c < columns.size(); ++c)
+        chains[c * walkChains / columns.size()].active.append(c);
+    for (Chain &chain : chains) {
+        // One answer: its values come column by column, round after round.
+        chain.take = [&, ch = &chain](const snmp_pdu *reply) {
+            int n = 0;
+            for (const variable_list *v = reply->variables; v; v = v->next_variable, ++n) {
+                const int slot = n % int(ch->active.size());
+                if (ch->done[slot])
+                    continue;
+                const int c = ch->active[slot];
+                SnmpValue value = toSnmpValue(v);
+                const Oid &column = columns[c];
+                const bool inside = !value.endOfView && value.oid.size() > column.size()
+                    && std::equal(column.begin(), column.end(), value.oid.begin());
+                // Identifiers must grow, or the agent is going round in circles.
+                if (!inside || !(cursor[c] < value.oid)) {
+                    ch->done[slot] = true;
+                    continue;
+                }
+                cursor[c] = value.oid;
+                values[c].append(std::move(value));
+                ch->any = true;
+                ++instances;
+            }
+        };
+    }
+    const auto next = [&](int k) {
+        Chain &chain = chains[k];
         netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GETBULK);
         pdu->non_repeaters = 0;
-        pdu->max_repetitions = qMax(1, maxRepetitions / int(active.size()));
-        for (int c : std::as_const(active)) {
-            std::vector<oid> name(cursor[c].begin(), cursor[c].end());
-            snmp_add_null_var(pdu, name.data(), name.size());
-        }
-        void *reply = nullptr;
-        if (!request(pdu, &reply))
+        pdu->max_repetitions = qMax(1, maxRepetitions / int(chain.active.size()));
+        for (int c : std::as_const(chain.active))
+            addNull(pdu, cursor[c]);
+        chain.done.fill(false, chain.active.size());
+        chain.any = false;
+        chain.out = send(pdu, chain.take, m_waits[k]);
+        return chain.out;
+    };
+    for (int k = 0; k < walkChains; ++k) {
+        if (!chains[k].active.isEmpty() && !next(k)) {
+            if (m_waits[k].error)
+                finish(m_waits[k]);
+            abandon();
             return false;
-        QList<bool> done(active.size(), false);
-        int n = 0;
-        bool any = false;
-        for (variable_list *v = static_cast<netsnmp_pdu *>(reply)->variables; v; v = v->next_variable, ++n) {
-            const int slot = n % int(active.size());
-            if (done[slot])
-                continue;
-            const int c = active[slot];
-            SnmpValue value = toSnmpValue(v);
-            const Oid &column = columns[c];
-            const bool inside = !value.endOfView && value.oid.size() > column.size()
-                && std::equal(column.begin(), column.end(), value.oid.begin());
-            // Identifiers must grow, or the agent is going round in circles.
-            if (!inside || !(cursor[c] < value.oid)) {
-                done[slot] = true;
-                continue;
-            }
-            cursor[c] = value.oid;
-            values[c].append(std::move(value));
-            any = true;
-            ++instances;
         }
-        snmp_free_pdu(static_cast<netsnmp_pdu *>(reply));
-        QList<int> still;
-        for (int slot = 0; slot < active.size(); ++slot)
-            if (!done[slot] && any)
-                still.append(active[slot]);
-        active = still;
     }
-    return true;
+    for (;;) {
+        bool out = false;
+        for (const Chain &chain : chains)
+            out = out || chain.out;
+        if (!out)
+            return true;
+        pump([&] {
+            for (int k = 0; k < walkChains; ++k)
+                if (chains[k].out && !m_waits[k].waiting)
+                    return true;
+            return false;
+        });
+        for (int k = 0; k < walkChains; ++k) {
+            Chain &chain = chains[k];
+            if (!chain.out || m_waits[k].waiting)
+                continue;
+            chain.out = false;
+            if (!finish(m_waits[k])) {
+                abandon();
+                return false;
+            }
+            QList<int> still;
+            for (int slot = 0; slot < chain.active.size(); ++slot)
+                if (!chain.done[slot] && chain.any)
+                    still.append(chain.active[slot]);
+            chain.active = still;
+            if (!chain.active.isEmpty() && instances < instanceLimit && !next(k)) {
+                if (m_waits[k].error)
+                    finish(m_waits[k]);
+                abandon();
+                return false;
+            }
+        }
+    }
 }
 
 CredentialFault credentialFault(int snmpErr)
@@ -443,4 +585,9 @@ int AgentSession::timeoutError()
 int AgentSession::decryptionError()
 {
     return SNMPERR_USM_DECRYPTIONERROR;
+}
+
+int AgentSession::cancelledError()
+{
+    return SNMPERR_ABORT;
 }

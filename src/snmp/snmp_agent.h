@@ -1,13 +1,15 @@
 #pragma once
 
-#include <QByteArray>
-#include <QList>
+#include "snmp/snmp_value.h"
+
 #include <QMetaType>
 #include <QString>
 
+#include <atomic>
+#include <functional>
 #include <optional>
 
-struct variable_list;
+struct snmp_pdu;
 
 // What the v2c and v3 monitor talks to an agent with: a thin layer over
 // net-snmp's single-session API. net-snmp does the protocol work (USM, engine
@@ -15,8 +17,6 @@ struct variable_list;
 // this layer turns our settings into its session, its variables into plain
 // values and its errors into words. Calls block for up to time-out × tries, so
 // an AgentSession lives on a worker thread, never on the UI thread.
-
-using Oid = QList<quint32>;
 
 // Who to poll and how. version is 2 (v2c) or 3.
 struct SnmpTarget
@@ -44,42 +44,36 @@ struct SnmpTarget
     bool needsPriv() const { return version == 3 && level == Level::AuthPriv; }
 };
 
-// One value as our code sees it. Integers, counters, gauges and time ticks
-// are numbers (bits tells a Counter64 from the 32-bit kinds); strings,
-// addresses and opaque values are bytes; noSuchObject, noSuchInstance,
-// endOfMibView and NULL are Missing.
-struct SnmpValue
-{
-    enum Kind { Missing, Number, Bytes };
-    Oid oid;
-    Kind kind = Missing;
-    quint64 number = 0;
-    int bits = 0;
-    QByteArray bytes;
-    bool endOfView = false;
-};
-
-// Converts one net-snmp variable, checking the length of what it points at
-// before reading it (a value shorter than its type needs is Missing).
-SnmpValue toSnmpValue(const variable_list *var);
-
-// "1.3.6.1.2.1.2.2.1.10" as an identifier; empty when any piece is not a
-// number below 2^32 or there are fewer than two pieces.
-Oid parseOid(const QString &dotted);
-QString oidText(const Oid &oid);
-
-// The instance of a table column: oid is column.<index> with exactly one more
-// piece, index 1 to 2^31 - 1 as IF-MIB allows; nullopt for anything else.
-std::optional<int> columnIndex(const Oid &column, const Oid &oid);
-
 // A net-snmp library error (SNMPERR_*) in words. Time-outs read
 // "No response from HOST (N tries)".
 QString agentErrorText(int snmpErr, const SnmpTarget &target, const QString &library = QString());
 
+// Ends the waits of the sessions that watch it, from any thread: a request
+// under way gives up at once, and later ones are not sent. One-way: what is
+// cancelled stays cancelled. (net-snmp's v3 engine discovery, which happens
+// inside the opening of a session, cannot be interrupted.)
+class SnmpCancel
+{
+public:
+    SnmpCancel();
+    ~SnmpCancel();
+    SnmpCancel(const SnmpCancel &) = delete;
+    SnmpCancel &operator=(const SnmpCancel &) = delete;
+
+    void cancel();
+    bool isCancelled() const { return m_cancelled.load(); }
+    // Readable once cancelled.
+    int fd() const { return m_fd; }
+
+private:
+    int m_fd = -1;
+    std::atomic_bool m_cancelled { false };
+};
+
 class AgentSession
 {
 public:
-    explicit AgentSession(const SnmpTarget &target);
+    explicit AgentSession(const SnmpTarget &target, const SnmpCancel *cancel = nullptr);
     ~AgentSession();
     AgentSession(const AgentSession &) = delete;
     AgentSession &operator=(const AgentSession &) = delete;
@@ -104,16 +98,44 @@ public:
 
     static int timeoutError();
     static int decryptionError();
+    static int cancelledError();
 
     // Sets net-snmp up once per process: it reads no configuration or
     // persistent files of its own (the user's ~/.snmp stays untouched).
     static void initLibrary();
 
+    // What the response callback reports to request(); kept with the session,
+    // which may call back about a request still out when it closes. An answer
+    // without an error status goes to take while net-snmp still holds it.
+    struct Wait
+    {
+        bool waiting = false;
+        int status = 0;
+        int error = 0;
+        long errorStatus = 0;
+        const std::function<void(const snmp_pdu *)> *take = nullptr;
+    };
+
 private:
-    bool request(void *pdu, void **response);
+    using Take = std::function<void(const snmp_pdu *)>;
+    bool request(snmp_pdu *pdu, const Take &take);
+    // Sends pdu without waiting, its outcome to go to wait.
+    bool send(snmp_pdu *pdu, const Take &take, Wait &wait);
+    // Lets net-snmp work (answers, time-outs, retries) until done() holds or
+    // the session is cancelled (false).
+    bool pump(const std::function<bool()> &done);
+    // The outcome of a request that is no longer waiting: true if answered
+    // without an error status, else false with the reason in error().
+    bool finish(Wait &wait);
+    // Stops listening for the requests still out, after a failure.
+    void abandon();
     void fail(int code, const QString &library = QString());
 
     SnmpTarget m_target;
+    const SnmpCancel *m_cancel = nullptr;
+    // A walk keeps this many requests out at once, each on columns of its own.
+    static constexpr int walkChains = 2;
+    Wait m_waits[walkChains];
     void *m_session = nullptr;
     QString m_error;
     int m_errorCode = 0;

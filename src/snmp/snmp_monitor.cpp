@@ -4,8 +4,10 @@
 #include "snmp/snmp_poller.h"
 
 #include <QDateTime>
+#include <QMutex>
 #include <QSet>
 
+#include <atomic>
 #include <cmath>
 
 namespace {
@@ -14,6 +16,8 @@ QString statusText(int status)
 {
     static const char *const names[]
         = { "", "up", "down", "testing", "unknown", "dormant", "notPresent", "lowerLayerDown" };
+    if (status == 0)
+        return QString(); // the agent gave none
     return status >= 1 && status <= 7 ? QLatin1String(names[status]) : QString::number(status);
 }
 
@@ -32,7 +36,23 @@ QString csvField(QString text)
     return text;
 }
 
+std::atomic_int runningWorkers { 0 };
+
 } // namespace
+
+// Who deletes the worker and its thread: the monitor, when the thread has
+// finished by the time it goes, else the thread itself as it finishes.
+struct SnmpMonitor::Handoff
+{
+    QMutex lock;
+    bool finished = false;
+    bool orphaned = false;
+};
+
+int SnmpMonitor::workersRunning()
+{
+    return runningWorkers.load();
+}
 
 SnmpMonitor::SnmpMonitor(std::function<QString()> deviceAddress, QObject *parent)
     : QObject(parent)
@@ -46,21 +66,44 @@ SnmpMonitor::SnmpMonitor(std::function<QString()> deviceAddress, QObject *parent
             tr("Out bit/s"), tr("In %"), tr("Out %"), tr("Errors/s"), tr("Discards/s") });
     m_interval.setInterval(defaultIntervalMs);
     connect(&m_interval, &QTimer::timeout, this, &SnmpMonitor::tick);
+    m_thread = new QThread;
     m_worker = new SnmpWorker;
-    m_worker->moveToThread(&m_thread);
+    m_worker->moveToThread(m_thread);
+    m_handoff = std::make_shared<Handoff>();
     connect(this, &SnmpMonitor::pollRequested, m_worker, &SnmpWorker::poll);
     connect(m_worker, &SnmpWorker::polled, this,
         [this](const PollResult &r) { takeResult(r, QDateTime::currentMSecsSinceEpoch()); });
-    m_thread.setObjectName(QStringLiteral("snmp-monitor"));
-    m_thread.start();
+    // Runs on the worker thread as it ends.
+    connect(
+        m_thread, &QThread::finished, m_thread,
+        [handoff = m_handoff, thread = m_thread, worker = m_worker] {
+            QMutexLocker lock(&handoff->lock);
+            handoff->finished = true;
+            --runningWorkers;
+            if (handoff->orphaned) {
+                delete worker; // it lives on this thread, whose event loop has ended
+                thread->deleteLater();
+            }
+        },
+        Qt::DirectConnection);
+    m_thread->setObjectName(QStringLiteral("snmp-monitor"));
+    ++runningWorkers;
+    m_thread->start();
 }
 
 SnmpMonitor::~SnmpMonitor()
 {
-    // A poll still out finishes first: at most its time-out × tries.
-    m_thread.quit();
-    m_thread.wait();
-    delete m_worker; // its thread has ended: nothing else can touch it now
+    m_worker->cancel();
+    m_thread->quit();
+    QMutexLocker lock(&m_handoff->lock);
+    if (!m_handoff->finished) {
+        m_handoff->orphaned = true; // the thread deletes itself and the worker when it is done
+        return;
+    }
+    lock.unlock();
+    m_thread->wait(); // it has emitted finished: only its last steps remain
+    delete m_worker;
+    delete m_thread;
 }
 
 void SnmpMonitor::setIntervalMs(int ms)

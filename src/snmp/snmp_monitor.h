@@ -9,6 +9,7 @@
 #include <QTimer>
 
 #include <functional>
+#include <memory>
 #include <optional>
 
 // The v2c and v3 monitor of one console: polls the console's device every
@@ -20,6 +21,11 @@
 // out its time-outs) is skipped. A poll that fails leaves the table as it was
 // and shows the reason as the state ("No response from HOST (3 tries)", a v3
 // error in words); polling goes on and the next answer clears it.
+//
+// Destroying the monitor (the console closing) never waits on the device: the
+// poll under way gives up at once, and a v3 engine discovery, which net-snmp
+// cannot cut short, is left to end on its worker thread, which then deletes
+// itself.
 class SnmpMonitor : public QObject
 {
     Q_OBJECT
@@ -81,6 +87,10 @@ public:
     // Feeds one poll's result as if it had come from the worker.
     void takeResult(const PollResult &result, qint64 nowMs);
 
+    // Worker threads of this process still running, those of monitors
+    // already gone included.
+    static int workersRunning();
+
 Q_SIGNALS:
     void stateChanged(const QString &text);
     void uptimeTextChanged(const QString &text);
@@ -109,8 +119,10 @@ private:
     std::function<QString()> m_deviceAddress;
     SnmpTarget m_settings;
     SnmpTarget m_polling;
-    QThread m_thread;
+    struct Handoff;
+    QThread *m_thread = nullptr;
     SnmpWorker *m_worker = nullptr;
+    std::shared_ptr<Handoff> m_handoff;
     QTimer m_interval;
     bool m_busy = false;
     quint32 m_lastUptime = 0;

@@ -1,5 +1,6 @@
 #include "snmp/snmp_page.h"
 
+#include "console/connection_history.h"
 #include "snmp/rate_graph.h"
 #include "snmp/snmp_credentials.h"
 #include "snmp/snmp_monitor.h"
@@ -25,6 +26,8 @@
 #include <QTreeView>
 #include <QVBoxLayout>
 
+#include <mutex>
+
 SnmpPage::SnmpPage(std::function<QString()> deviceAddress, QWidget *parent)
     : QWidget(parent)
     , m_deviceAddress(deviceAddress)
@@ -32,6 +35,8 @@ SnmpPage::SnmpPage(std::function<QString()> deviceAddress, QWidget *parent)
     , m_monitor(new SnmpMonitor(deviceAddress, this))
 {
     setObjectName(QStringLiteral("SnmpPage"));
+    static std::once_flag followHistory;
+    std::call_once(followHistory, [] { ConnectionHistory::onHostForgotten(&SnmpPage::forgetDevice); });
 
     m_community = new QLineEdit(QStringLiteral("comstr"), this);
     m_community->setObjectName(QStringLiteral("ComString"));
@@ -273,6 +278,13 @@ void SnmpPage::setProfile(const SnmpProfile &p)
     m_interval->setValue(p.intervalMs / 1000);
     m_timeout->setValue(qMax(1, t.timeoutMs / 1000));
     m_tries->setValue(t.tries);
+}
+
+void SnmpPage::forgetDevice(const QString &host)
+{
+    for (const QString &user : SnmpProfiles::remove(host))
+        for (const char *which : { "auth", "priv" })
+            SnmpCredentials::forget(SnmpCredentials::key(host, user, QLatin1String(which)));
 }
 
 void SnmpPage::loadProfile(const QString &host)

@@ -30,7 +30,8 @@ class SnmpPoller;
 // "v2c" and "v3" poll through the console's SnmpMonitor; Stop stops it. v3
 // passwords come from SnmpCredentials when Start is pressed. The choices are
 // remembered per device (SnmpProfiles) when Start is pressed and come back
-// with loadProfile() when the console connects to that device again.
+// with loadProfile() when the console connects to that device again; they
+// and the device's passwords go when the device leaves the connection history.
 //
 // startClicked() is emitted when Start is pressed, before polling restarts,
 // so the console can bring its SNMP tab forward and lay itself out again.
@@ -48,6 +49,11 @@ public:
     void setProfile(const SnmpProfile &profile);
     // Shows the choices remembered for a device, if any.
     void loadProfile(const QString &host);
+
+    // Forgets what the tab kept for a device: its settings and the v3
+    // passwords of every user saved for it. Called when the device's last
+    // connection history entry drops off.
+    static void forgetDevice(const QString &host);
 
     // The interface whose history the graph shows, 0 for none.
     int selectedInterface() const { return m_selected; }

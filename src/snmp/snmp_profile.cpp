@@ -60,4 +60,22 @@ void SnmpProfiles::save(const QString &host, const SnmpProfile &p)
     settings.setValue(QStringLiteral("Priv"), int(p.target.priv));
     settings.setValue(QStringLiteral("TimeoutMs"), p.target.timeoutMs);
     settings.setValue(QStringLiteral("Tries"), p.target.tries);
+    QStringList users = settings.value(QStringLiteral("Users")).toStringList();
+    if (p.version == 3 && !p.target.user.isEmpty() && !users.contains(p.target.user)) {
+        users << p.target.user;
+        settings.setValue(QStringLiteral("Users"), users);
+    }
+}
+
+QStringList SnmpProfiles::remove(const QString &host)
+{
+    if (host.trimmed().isEmpty())
+        return {};
+    QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
+    QStringList users = settings.value(group(host) + QStringLiteral("/Users")).toStringList();
+    const QString last = settings.value(group(host) + QStringLiteral("/User")).toString();
+    if (!last.isEmpty() && !users.contains(last))
+        users << last;
+    settings.remove(group(host));
+    return users;
 }

@@ -2,12 +2,15 @@
 
 #include "snmp/snmp_agent.h"
 
+#include <QStringList>
+
 #include <optional>
 
 // The SNMP tab's settings for one device of the connection history (the
 // version, community, v3 user, levels, protocols and context, the interval,
 // time-out and tries), kept under "SnmpProfiles/HOST" in the settings store.
-// Passwords are not among them: see SnmpCredentials.
+// Passwords are not among them: see SnmpCredentials. Each v3 user name ever
+// saved for the device is listed too, so its passwords can go with it.
 struct SnmpProfile
 {
     int version = 1; // 1: "v1 (classic)", 2: "v2c", 3: "v3"
@@ -20,4 +23,6 @@ struct SnmpProfile
 namespace SnmpProfiles {
 std::optional<SnmpProfile> load(const QString &host);
 void save(const QString &host, const SnmpProfile &profile);
+// Drops the device's settings; returns the v3 user names that were saved for it.
+QStringList remove(const QString &host);
 } // namespace SnmpProfiles

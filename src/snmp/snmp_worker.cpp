@@ -144,7 +144,7 @@ void SnmpWorker::diagnosePrivacy(const SnmpTarget &target, PollResult &result)
     SnmpTarget probe = target;
     probe.level = SnmpTarget::Level::AuthNoPriv;
     probe.tries = 1;
-    AgentSession session(probe);
+    AgentSession session(probe, &m_cancel);
     QList<SnmpValue> ignored;
     if (session.get({ sysUpTime }, ignored) || session.answered()) {
         result.errorCode = AgentSession::decryptionError();
@@ -158,7 +158,7 @@ void SnmpWorker::diagnosePrivacy(const SnmpTarget &target, PollResult &result)
 void SnmpWorker::poll(const SnmpTarget &target)
 {
     if (!m_session || !(target == m_target)) {
-        m_session = std::make_unique<AgentSession>(target);
+        m_session = std::make_unique<AgentSession>(target, &m_cancel);
         m_target = target;
     }
     PollResult result;

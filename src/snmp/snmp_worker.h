@@ -66,6 +66,10 @@ public:
     // GetBulk max-repetitions, shared among the columns walked side by side.
     static constexpr int bulkRepetitions = 150;
 
+    // From any thread: the poll under way gives up at once (bar a v3 engine
+    // discovery, which net-snmp waits out) and no other is started.
+    void cancel() { m_cancel.cancel(); }
+
 public Q_SLOTS:
     void poll(const SnmpTarget &target);
 
@@ -75,6 +79,7 @@ Q_SIGNALS:
 private:
     void diagnosePrivacy(const SnmpTarget &target, PollResult &result);
 
+    SnmpCancel m_cancel;
     std::unique_ptr<AgentSession> m_session;
     SnmpTarget m_target;
 };

@@ -1,3 +1,4 @@
+#include "console/connection_history.h"
 #include "snmp/snmp_credentials.h"
 #include "snmp/snmp_monitor.h"
 #include "snmp/snmp_page.h"
@@ -19,10 +20,13 @@ private Q_SLOTS:
     void v2cWalkAndRates();
     void v3LevelsAndErrors();
     void timeOutAndRecovery();
+    void countersWrapAndRestart();
+    void closeWhileWaiting();
     void pageWithoutKeyring();
 
 private:
-    bool startAgent();
+    bool startAgent() { return startAgent(m_agent, m_dir.filePath("snmpd.conf"), m_port); }
+    static bool startAgent(QProcess &agent, const QString &conf, quint16 port, const QStringList &more = {});
     void stopAgent();
     SnmpTarget target(const QString &user = QString()) const;
 
@@ -31,17 +35,17 @@ private:
     quint16 m_port = 0;
 };
 
-bool TestSnmpAgent::startAgent()
+bool TestSnmpAgent::startAgent(QProcess &agent, const QString &conf, quint16 port, const QStringList &more)
 {
     const QString snmpd = QStandardPaths::findExecutable(QStringLiteral("snmpd"), { "/usr/sbin" });
     if (snmpd.isEmpty())
         return false;
-    m_agent.setProcessChannelMode(QProcess::MergedChannels);
-    m_agent.start(snmpd,
-        { "-f", "-Lo", "-C", "-c", m_dir.filePath("snmpd.conf"), "-u", "root",
-            QStringLiteral("udp:127.0.0.1:%1").arg(m_port) });
-    if (!m_agent.waitForStarted()) {
-        qWarning() << "snmpd did not start:" << m_agent.errorString();
+    agent.setProcessChannelMode(QProcess::MergedChannels);
+    agent.start(snmpd,
+        QStringList { "-f", "-Lo", "-C", "-c", conf, "-u", "root" } + more
+            + QStringList { QStringLiteral("udp:127.0.0.1:%1").arg(port) });
+    if (!agent.waitForStarted()) {
+        qWarning() << "snmpd did not start:" << agent.errorString();
         return false;
     }
     // Ready once it answers: a v2c GetRequest to our own monitor's worker would do, snmpget is simpler.
@@ -49,11 +53,11 @@ bool TestSnmpAgent::startAgent()
         QProcess get;
         get.start(QStringLiteral("snmpget"),
             { "-v2c", "-c", "tarnwick", "-t", "1", "-r", "0", "-Oqv",
-                QStringLiteral("127.0.0.1:%1").arg(m_port), "1.3.6.1.2.1.1.3.0" });
+                QStringLiteral("127.0.0.1:%1").arg(port), "1.3.6.1.2.1.1.3.0" });
         if (get.waitForFinished(10000) && get.exitCode() == 0)
             return true;
-        if (m_agent.state() != QProcess::Running) {
-            qWarning() << "snmpd ended:" << m_agent.readAll();
+        if (agent.state() != QProcess::Running) {
+            qWarning() << "snmpd ended:" << agent.readAll();
             return false;
         }
     }
@@ -94,6 +98,8 @@ void TestSnmpAgent::initTestCase()
 void TestSnmpAgent::cleanupTestCase()
 {
     stopAgent();
+    // Every monitor's worker thread has ended by itself.
+    QTRY_COMPARE_WITH_TIMEOUT(SnmpMonitor::workersRunning(), 0, 60000);
 }
 
 SnmpTarget TestSnmpAgent::target(const QString &user) const
@@ -213,6 +219,106 @@ void TestSnmpAgent::timeOutAndRecovery()
     QVERIFY(monitor.isRunning());
 }
 
+// Counters the agent serves through a script the test steers: a 32-bit counter that wraps, a Counter64 just
+// below 2^64, the device restarting (sysUpTime back near zero), a 32-bit jump beyond the link and a cleared
+// Counter64. Each rate is the exact traffic or none: never negative or absurd.
+void TestSnmpAgent::countersWrapAndRestart()
+{
+    const QString script = QStringLiteral(TW_SOURCE_DIR "/tests/snmp/data/counters_agent.py");
+    const QString state = m_dir.filePath(QStringLiteral("counters"));
+    QFile conf(m_dir.filePath(QStringLiteral("counters.conf")));
+    QVERIFY(conf.open(QIODevice::WriteOnly));
+    conf.write("rocommunity tarnwick 127.0.0.1\n");
+    for (const char *subtree : { ".1.3.6.1.2.1.1.3", ".1.3.6.1.2.1.2.2", ".1.3.6.1.2.1.31.1.1" })
+        conf.write(
+            QStringLiteral("pass_persist %1 %2 %3 %1\n").arg(QLatin1String(subtree), script, state).toUtf8());
+    conf.close();
+    QProcess agent;
+    const quint16 port = tw::test::freeUdpPort();
+    // The agent's own uptime and interface modules stay out: the script's figures are the ones polled.
+    QVERIFY2(startAgent(agent, conf.fileName(), port, { "-I", "-system_mib,ifTable,ifXTable,interfaces" }),
+        agent.readAll());
+    const auto stop = qScopeGuard([&agent] {
+        agent.terminate();
+        agent.waitForFinished(10000);
+    });
+
+    SnmpWorker worker;
+    PollResult polled;
+    connect(&worker, &SnmpWorker::polled, this, [&polled](const PollResult &r) { polled = r; });
+    SnmpMonitor monitor([] { return QString(); });
+    SnmpTarget t = target();
+    t.host = QStringLiteral("127.0.0.1");
+    t.port = port;
+    constexpr quint64 top = std::numeric_limits<quint64>::max();
+    constexpr double none = -1;
+    struct Step
+    {
+        quint32 uptime;
+        quint64 octets32, octets64;
+        double bps32, bps64; // interface 1 (32-bit counters) and 2 (Counter64), each way
+    } const steps[] = {
+        { 360000, 0x100000000ull - 500000, top - 2000000000, none, none }, // the first reading
+        { 361000, 500000, top - 1000000000, 800e3, 800e6 }, // 10 s on: wrapped once; 10^9 more near 2^64
+        { 500, 1000, 1000, none, none }, // restarted 5 s ago
+        { 1500, 3000, 4000, 1600, 2400 }, // and 10 s later
+        { 2500, 3000 + (1ull << 31), 100, none, none }, // 17 Gb/s on a 100 Mb/s link; the Counter64 cleared
+    };
+    qint64 now = 1700000000000;
+    for (const Step &s : steps) {
+        QFile file(state);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(QStringLiteral("uptime %1\nin32 %2\nout32 %2\nin64 %3\nout64 %3\n")
+                       .arg(s.uptime)
+                       .arg(s.octets32)
+                       .arg(s.octets64)
+                       .toLatin1());
+        file.close();
+        worker.poll(t);
+        QVERIFY2(polled.ok, qPrintable(polled.error));
+        QCOMPARE(polled.uptime, s.uptime);
+        monitor.takeResult(polled, now += 10000);
+        const QString when = QStringLiteral("uptime %1").arg(s.uptime);
+        QVERIFY2(monitor.table()->rowCount() == 2, qPrintable(when));
+        QCOMPARE(monitor.inRate(1).value_or(none), s.bps32);
+        QCOMPARE(monitor.outRate(1).value_or(none), s.bps32);
+        QCOMPARE(monitor.inRate(2).value_or(none), s.bps64);
+        QCOMPARE(monitor.outRate(2).value_or(none), s.bps64);
+    }
+    QCOMPARE(monitor.history(2).size(), 2);
+}
+
+// A console closing while its poll waits on a silent device does not wait: a v2c request gives up at once,
+// a v3 engine discovery (which net-snmp cannot cut short) is left to end by itself.
+void TestSnmpAgent::closeWhileWaiting()
+{
+    QUdpSocket silent;
+    QVERIFY(silent.bind(QHostAddress::LocalHost, 0));
+    SnmpPoller::setAgentPort(silent.localPort());
+    const auto back = qScopeGuard([this] { SnmpPoller::setAgentPort(m_port); });
+    QTRY_COMPARE_WITH_TIMEOUT(SnmpMonitor::workersRunning(), 0, 60000);
+    for (const QString &user : { QString(), QStringLiteral("tw-authpriv") }) {
+        auto monitor = std::make_unique<SnmpMonitor>([] { return QStringLiteral("127.0.0.1"); });
+        SnmpTarget t = target(user);
+        t.authPassword = QStringLiteral("auth-secret-1");
+        t.privPassword = QStringLiteral("priv-secret-1");
+        t.timeoutMs = user.isEmpty() ? 60000 : 20000; // three minutes of v2c tries; a 20 s discovery
+        t.tries = user.isEmpty() ? 3 : 1;
+        monitor->setTarget(t);
+        monitor->start();
+        QTRY_VERIFY_WITH_TIMEOUT(silent.hasPendingDatagrams(), 30000);
+        QElapsedTimer closing;
+        closing.start();
+        monitor.reset();
+        QVERIFY2(closing.elapsed() < 10000, qPrintable(user));
+        if (!user.isEmpty())
+            QCOMPARE(SnmpMonitor::workersRunning(), 1); // still in the discovery
+        QTRY_COMPARE_WITH_TIMEOUT(SnmpMonitor::workersRunning(), 0, 60000);
+        while (silent.hasPendingDatagrams())
+            silent.receiveDatagram();
+    }
+}
+
 // The tab end to end with no keyring (as on this machine): the passwords are asked for, kept for this run
 // only, asked again when the agent rejects one, and never written to the settings; the other choices are
 // remembered for the device.
@@ -272,6 +378,27 @@ void TestSnmpAgent::pageWithoutKeyring()
                  again.findChild<QComboBox *>(QStringLiteral("SnmpAuth"))->currentText(),
                  again.findChild<QSpinBox *>(QStringLiteral("SnmpInterval"))->text() }),
         QStringList({ "v3", "tw-authpriv", "SHA-256", "1 s" }));
+
+    // The device's choices and passwords last as long as a connection history entry holds it: here one by
+    // SSH and one raw, then six other devices push both out.
+    page.monitor()->stop();
+    ConnectTarget ssh;
+    ssh.kind = QStringLiteral("SSH");
+    ssh.host = QStringLiteral("127.0.0.1");
+    ConnectionHistory::remember(
+        ConnectTarget { QStringLiteral("TCP/IP"), QStringLiteral("127.0.0.1"), 0, {} });
+    ConnectionHistory::remember(ssh);
+    for (int i = 2; i <= 7; ++i) {
+        QVERIFY(SnmpProfiles::load(QStringLiteral("127.0.0.1")));
+        ConnectionHistory::remember(QStringList { "127", "0", "0", QString::number(i) });
+    }
+    QVERIFY(!ConnectionHistory::hosts().contains(QStringLiteral("127.0.0.1")));
+    QVERIFY(!SnmpProfiles::load(QStringLiteral("127.0.0.1")));
+    answers = QStringList { "auth-secret-1", "priv-secret-1" };
+    QTest::mouseClick(start, Qt::LeftButton);
+    QTRY_COMPARE_WITH_TIMEOUT(prompts.size(), 5, 30000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        page.monitor()->isRunning() && state->text().startsWith(QLatin1String("OK ")), 30000);
 }
 
 QTEST_MAIN(TestSnmpAgent)
