@@ -7,9 +7,9 @@
 // ";" crashes it). Everything that hands device bytes to libvterm passes them
 // through cap() first: separators beyond the 16th and the parameters after
 // them are dropped (xterm ignores parameters past its own limit too). Only
-// ESC [ and its parameter bytes are looked at; like libvterm, the scan goes on
-// through controls, DEL and bytes above 0x7f until a final byte, and across
-// blocks.
+// ESC [ (intermediates between the two allowed) and its parameter bytes are
+// looked at; like libvterm, the scan goes on through controls, DEL and bytes
+// above 0x7f until a final byte, and across blocks.
 class CsiParameterCap
 {
 public:
