@@ -31,15 +31,18 @@ void appendUint32(QByteArray &bytes, quint32 value)
     bytes.append(buffer, 4);
 }
 
-// The agent's key list with only the wanted keys left; the listed keys go to
-// `listed`. A list that does not parse is passed on untouched.
-QByteArray cutIdentities(const QByteArray &message, const QList<QByteArray> *only, QList<QByteArray> *listed)
+// The agent's key list in the order OpenSSH offers it: the preferred keys
+// (those of the IdentityFiles) first, then the others unless onlyPreferred.
+// The listed keys go to `listed`. A list that does not parse is passed on
+// untouched.
+QByteArray cutIdentities(const QByteArray &message, const QList<QByteArray> &preferred, bool onlyPreferred,
+    QList<QByteArray> *listed)
 {
     if (message.size() < 9)
         return message;
     const quint32 count = readUint32(message, 5);
-    QByteArray keys;
-    quint32 kept = 0;
+    QByteArray keys[2]; // preferred, others
+    QList<QByteArray> blobs[2];
     qsizetype at = 9;
     for (quint32 i = 0; i < count; ++i) {
         if (at + 4 > message.size())
@@ -55,16 +58,17 @@ QByteArray cutIdentities(const QByteArray &message, const QList<QByteArray> *onl
         if (commentLength > quint32(message.size() - commentAt - 4))
             return message;
         const qsizetype end = commentAt + 4 + commentLength;
-        if (!only || only->contains(blob)) {
-            keys += message.mid(at, end - at);
-            *listed << blob;
-            ++kept;
+        const int kind = preferred.contains(blob) ? 0 : 1;
+        if (kind == 0 || !onlyPreferred) {
+            keys[kind] += message.mid(at, end - at);
+            blobs[kind] << blob;
         }
         at = end;
     }
+    *listed << blobs[0] << blobs[1];
     QByteArray body(1, identitiesAnswer);
-    appendUint32(body, kept);
-    body += keys;
+    appendUint32(body, quint32(blobs[0].size() + blobs[1].size()));
+    body += keys[0] + keys[1];
     QByteArray result;
     appendUint32(result, quint32(body.size()));
     return result + body;
@@ -99,16 +103,16 @@ SshAgentAuth::~SshAgentAuth()
     cut();
 }
 
-void SshAgentAuth::start(
-    ssh_session_struct *session, const QString &agentPath, int timeoutMs, const QList<QByteArray> *onlyKeys)
+void SshAgentAuth::start(ssh_session_struct *session, const QString &agentPath, int timeoutMs,
+    const QList<QByteArray> &preferred, bool onlyPreferred)
 {
     m_timedOut = false;
     m_outstanding = 0;
     m_toAgent.clear();
     m_fromAgent.clear();
     m_listed.clear();
-    m_filter = onlyKeys != nullptr;
-    m_only = onlyKeys ? *onlyKeys : QList<QByteArray>();
+    m_preferred = preferred;
+    m_onlyPreferred = onlyPreferred;
     m_limit->setInterval(timeoutMs);
 
     int fds[2];
@@ -200,9 +204,9 @@ void SshAgentAuth::fromAgent()
         QByteArray message = m_fromAgent.left(length);
         m_fromAgent.remove(0, length);
         if (message.size() > 4 && message.at(4) == identitiesAnswer)
-            message = cutIdentities(message, m_filter ? &m_only : nullptr, &m_listed);
+            message = cutIdentities(message, m_preferred, m_onlyPreferred, &m_listed);
         // Answers are small; the pair's buffer takes them whole.
-        if (::write(m_relayFd, message.constData(), size_t(message.size())) != message.size())
+        if (::send(m_relayFd, message.constData(), size_t(message.size()), MSG_NOSIGNAL) != message.size())
             return cut();
         if (--m_outstanding <= 0) {
             m_outstanding = 0;

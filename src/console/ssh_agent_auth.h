@@ -24,8 +24,10 @@ struct ssh_session_struct;
 // libssh's read ends, its agent login gives up, and the session comes back
 // for the next method (finished() with timedOut set).
 //
-// With a key list given (IdentitiesOnly), the agent's list of keys is cut down
-// to those keys on the way, so no other key of the agent is offered.
+// The agent's list of keys is reordered on the way as OpenSSH orders it: the
+// keys of the IdentityFiles (`preferred`) first, in the agent's order, then
+// the agent's other keys; with onlyPreferred (IdentitiesOnly) the others are
+// cut, so no other key of the agent is offered.
 class SshAgentAuth : public QObject
 {
     Q_OBJECT
@@ -34,9 +36,9 @@ public:
     // A login still running keeps the session until it ends, then frees it.
     ~SshAgentAuth() override;
 
-    // onlyKeys: public key blobs, or nullptr for all the agent's keys.
+    // preferred: public key blobs.
     void start(ssh_session_struct *session, const QString &agentPath, int timeoutMs,
-        const QList<QByteArray> *onlyKeys);
+        const QList<QByteArray> &preferred, bool onlyPreferred);
     bool running() const { return m_job != nullptr; }
     // The key blobs the agent listed (after the cut), in its order.
     QList<QByteArray> listedKeys() const { return m_listed; }
@@ -60,7 +62,7 @@ private:
     QByteArray m_fromAgent; // an answer not yet whole
     int m_outstanding = 0;
     bool m_timedOut = false;
-    bool m_filter = false;
-    QList<QByteArray> m_only;
+    bool m_onlyPreferred = false;
+    QList<QByteArray> m_preferred;
     QList<QByteArray> m_listed;
 };

@@ -131,6 +131,10 @@ struct Reader
             } else if (keyword == QLatin1String("identityfile")) {
                 if (words[1].compare(QLatin1String("none"), Qt::CaseInsensitive) != 0)
                     identities->append(expandHome(words[1]));
+            } else if ((keyword == QLatin1String("proxyjump") || keyword == QLatin1String("proxycommand"))
+                && (values->contains(QStringLiteral("proxyjump"))
+                    || values->contains(QStringLiteral("proxycommand")))) {
+                continue; // whichever of the two comes first holds
             } else if (!values->contains(keyword)) {
                 values->insert(keyword, words.mid(1).join(QLatin1Char(' ')));
             }

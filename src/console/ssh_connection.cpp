@@ -30,8 +30,11 @@ SshConnection::SshConnection(QObject *parent)
 {
     m_handshakeTimer->setSingleShot(true);
     m_handshakeTimer->setInterval(m_handshakeTimeout);
-    connect(m_handshakeTimer, &QTimer::timeout, this,
-        [this] { fail(QStringLiteral("no answer from %1").arg(d->host), true); });
+    connect(m_handshakeTimer, &QTimer::timeout, this, [this] {
+        if (m_outer && d->stage <= Stage::TcpConnecting)
+            return fail(QStringLiteral("cannot reach %1: no answer").arg(d->host), true, true);
+        fail(QStringLiteral("no answer from %1").arg(d->host), true);
+    });
     connect(m_keepAliveTimer, &QTimer::timeout, this, &SshConnection::sendKeepAlive);
     resetAgentAuth();
 }
@@ -48,7 +51,7 @@ void SshConnection::onAgentFinished(int rc, bool timedOut)
         return;
     d->agentKeys = m_agentAuth->listedKeys();
     if (timedOut)
-        Q_EMIT notice(QStringLiteral("SSH agent did not answer; trying other methods"));
+        tell(QStringLiteral("SSH agent did not answer; trying other methods"));
     d->stage = rc == SSH_AUTH_SUCCESS ? Stage::OpenChannel : Stage::AuthKeys;
     step();
 }
@@ -122,13 +125,18 @@ void SshConnection::open(const QString &host, quint16 port, const QString &user)
         }
     }
     if (d->config.has(QStringLiteral("requiredrsasize"))) {
-        const int bits = d->config.number(QStringLiteral("requiredrsasize"), 1024);
+        const int bits = requiredRsaBits(d->config);
         ssh_options_set(d->session, SSH_OPTIONS_RSA_MIN_SIZE, &bits);
+        const int asked = d->config.number(QStringLiteral("requiredrsasize"), bits);
+        if (asked != 0 && asked < bits)
+            tell(QStringLiteral("RequiredRSASize %1 for %2: RSA keys under %3 bits are never accepted")
+                     .arg(d->config.value(QStringLiteral("requiredrsasize")), host)
+                     .arg(bits));
         if (bits < 1024)
-            Q_EMIT notice(QStringLiteral("WARNING: RSA keys of %1 bits and more are accepted for %2 "
-                                         "(RequiredRSASize); keys under 1024 bits are weak")
-                              .arg(bits)
-                              .arg(host));
+            tell(QStringLiteral("WARNING: RSA keys of %1 bits and more are accepted for %2 "
+                                "(RequiredRSASize); keys under 1024 bits are weak")
+                     .arg(bits)
+                     .arg(host));
     }
     const int connectTimeout = d->config.number(QStringLiteral("connecttimeout"), 0);
     m_handshakeTimer->setInterval(connectTimeout > 0 ? connectTimeout * 1000 : m_handshakeTimeout);
@@ -142,15 +150,22 @@ void SshConnection::open(const QString &host, quint16 port, const QString &user)
     if (ssh_options_get(d->session, SSH_OPTIONS_USER, &effectiveUser) == SSH_OK)
         d->user = takeString(effectiveUser);
     ssh_set_blocking(d->session, 0);
+    // A jump host's own hops come from the ProxyJump that named it.
+    const QString jumps = m_jumpVia.isEmpty() ? d->config.value(QStringLiteral("proxyjump")) : m_jumpVia;
+    if (!jumps.isEmpty() && jumps.compare(QLatin1String("none"), Qt::CaseInsensitive) != 0) {
+        startJump(jumps);
+        return;
+    }
     m_handshakeTimer->start();
     // libssh would look the name up itself, blocking the window for as long
     // as a slow name server takes. So the name is looked up here and the TCP
     // connection made here, and libssh takes over the connected socket; the
     // host name stays what ~/.ssh/config and known_hosts see. A ProxyCommand
-    // is left to libssh.
-    char *proxy = nullptr;
-    if (ssh_options_get(d->session, SSH_OPTIONS_PROXYCOMMAND, &proxy) == SSH_OK) {
-        ssh_string_free_char(proxy);
+    // (the one of ProxyCommand and ProxyJump that comes first) is left to
+    // libssh.
+    const QString proxy = d->config.value(QStringLiteral("proxycommand"));
+    if (!proxy.isEmpty() && proxy.compare(QLatin1String("none"), Qt::CaseInsensitive) != 0) {
+        ssh_options_set(d->session, SSH_OPTIONS_PROXYCOMMAND, proxy.toUtf8().constData());
         d->stage = Stage::Connecting;
         step();
         return;
@@ -174,7 +189,8 @@ void SshConnection::onResolved(const QHostInfo &info)
     if (chosen == addresses.end())
         chosen = addresses.begin();
     if (chosen == addresses.end())
-        return fail(QStringLiteral("cannot find %1: %2").arg(info.hostName(), info.errorString()));
+        return unreachable(info.errorString(),
+            QStringLiteral("cannot find %1: %2").arg(info.hostName(), info.errorString()));
 
     unsigned int port = 22;
     ssh_options_get_port(d->session, &port);
@@ -195,12 +211,10 @@ void SshConnection::onResolved(const QHostInfo &info)
         length = sizeof(sockaddr_in6);
     }
     m_connectFd = ::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (m_connectFd < 0)
-        return fail(QStringLiteral("cannot connect to %1: %2")
-                        .arg(d->host, QString::fromLocal8Bit(std::strerror(errno))));
-    if (::connect(m_connectFd, reinterpret_cast<sockaddr *>(&address), length) != 0 && errno != EINPROGRESS)
-        return fail(QStringLiteral("cannot connect to %1: %2")
-                        .arg(d->host, QString::fromLocal8Bit(std::strerror(errno))));
+    if (m_connectFd < 0
+        || (::connect(m_connectFd, reinterpret_cast<sockaddr *>(&address), length) != 0
+            && errno != EINPROGRESS))
+        return unreachable(QString::fromLocal8Bit(std::strerror(errno)));
     d->stage = Stage::TcpConnecting;
     m_connectNotifier = new QSocketNotifier(m_connectFd, QSocketNotifier::Write, this);
     connect(m_connectNotifier, &QSocketNotifier::activated, this, &SshConnection::onTcpConnected);
@@ -218,8 +232,7 @@ void SshConnection::onTcpConnected()
     if (::getsockopt(m_connectFd, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
         error = errno;
     if (error != 0)
-        return fail(QStringLiteral("cannot connect to %1: %2")
-                        .arg(d->host, QString::fromLocal8Bit(std::strerror(error))));
+        return unreachable(QString::fromLocal8Bit(std::strerror(error)));
     const socket_t fd = m_connectFd;
     ssh_options_set(d->session, SSH_OPTIONS_FD, &fd);
     m_connectFd = -1; // libssh closes it from now on
@@ -275,6 +288,7 @@ void SshConnection::endSession()
         ssh_free(d->session);
         d->session = nullptr;
     }
+    endJump();
     d->stage = Stage::Idle;
     d->pending.clear();
     wipe(d->answers);
@@ -284,10 +298,32 @@ void SshConnection::endSession()
     d->keepAliveMisses = 0;
 }
 
-void SshConnection::fail(const QString &message, bool timedOut)
+void SshConnection::fail(const QString &message, bool timedOut, bool named)
 {
     endSession();
-    Q_EMIT failed(message, timedOut);
+    Q_EMIT failed(
+        m_outer && !named ? QStringLiteral("jump host %1: %2").arg(d->host, message) : message, timedOut);
+}
+
+// The host (a name that does not resolve, a refused or unrouted TCP
+// connection): "cannot connect to HOST: reason", or for a jump host "cannot
+// reach J: reason". `message` replaces the first for a target.
+void SshConnection::unreachable(const QString &reason, const QString &message)
+{
+    if (m_outer)
+        return fail(QStringLiteral("cannot reach %1: %2").arg(d->host, reason), false, true);
+    fail(message.isEmpty() ? QStringLiteral("cannot connect to %1: %2").arg(d->host, reason) : message);
+}
+
+void SshConnection::tell(const QString &text)
+{
+    Q_EMIT notice(m_outer ? QStringLiteral("jump host %1: %2").arg(d->host, text) : text);
+}
+
+QString SshConnection::lostMessage(const QString &reason) const
+{
+    return m_outer ? QStringLiteral("jump host %1: %2").arg(d->host, reason)
+                   : QStringLiteral("Connection to %1 lost: %2").arg(d->host, reason);
 }
 
 QString SshConnection::libsshError() const
@@ -373,6 +409,7 @@ bool SshConnection::stepStage()
     case Stage::Idle:
     case Stage::Resolving:
     case Stage::TcpConnecting:
+    case Stage::Jumping:
     case Stage::WaitHostKey:
     case Stage::WaitPassphrase:
     case Stage::WaitKbdint:
@@ -435,6 +472,26 @@ bool SshConnection::openShell()
             if (d->channel)
                 ssh_set_channel_callbacks(d->channel, &d->channelCallbacks);
         }
+        if (!m_forwardHost.isEmpty()) {
+            // A jump host: a channel to the next host instead of a shell.
+            const int rc = d->channel ? ssh_channel_open_forward(
+                               d->channel, m_forwardHost.toUtf8().constData(), m_forwardPort, "127.0.0.1", 22)
+                                      : SSH_ERROR;
+            if (rc == SSH_AGAIN)
+                return false;
+            if (rc != SSH_OK) {
+                // libssh says "Channel opening failure: channel N error (N) <the server's reason>".
+                static const QRegularExpression prefix(
+                    QStringLiteral("^Channel opening failure: .*\\(\\d+\\) "));
+                fail(QStringLiteral("jump host %1 cannot reach %2 port %3: %4")
+                         .arg(d->host, m_forwardHost)
+                         .arg(m_forwardPort)
+                         .arg(libsshError().remove(prefix)),
+                    false, true);
+                return false;
+            }
+            return shellOpened();
+        }
         return advance(d->channel ? ssh_channel_open_session(d->channel) : SSH_ERROR, Stage::RequestPty,
             QStringLiteral("%1 opened no session: %2").arg(d->host, QStringLiteral("%1")));
     }
@@ -445,6 +502,13 @@ bool SshConnection::openShell()
     if (!advance(ssh_channel_request_shell(d->channel), Stage::Open,
             QStringLiteral("%1 started no shell: %2").arg(d->host, QStringLiteral("%1"))))
         return false;
+    return shellOpened();
+}
+
+// The shell (or a jump host's channel) is open: keep-alives start.
+bool SshConnection::shellOpened()
+{
+    d->stage = Stage::Open;
     m_handshakeTimer->stop();
     const int interval = d->config.number(QStringLiteral("serveraliveinterval"), 60);
     d->heard = true;
@@ -495,7 +559,7 @@ void SshConnection::readChannel()
                     || (n < 0 && !ssh_channel_is_eof(d->channel) && !ssh_channel_is_closed(d->channel));
                 endSession();
                 if (broken)
-                    Q_EMIT lost(QStringLiteral("Connection to %1 lost: %2").arg(d->host, reason));
+                    Q_EMIT lost(lostMessage(reason));
                 else
                     Q_EMIT closed(status);
                 return;
@@ -513,8 +577,7 @@ void SshConnection::sendKeepAlive()
     else if (++d->keepAliveMisses >= qMax(1, d->config.number(QStringLiteral("serveralivecountmax"), 3))) {
         const int misses = d->keepAliveMisses;
         endSession();
-        Q_EMIT lost(
-            QStringLiteral("Connection to %1 lost: no answer to %2 keep-alives").arg(d->host).arg(misses));
+        Q_EMIT lost(lostMessage(QStringLiteral("no answer to %1 keep-alives").arg(misses)));
         return;
     }
     d->heard = false;

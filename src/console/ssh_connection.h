@@ -23,12 +23,16 @@ class QTimer;
 // the terminal's size and a shell. Authentication follows OpenSSH's client:
 // PreferredAuthentications (publickey, keyboard-interactive, password by
 // default) as the *Authentication keywords allow; public keys are offered
-// agent keys first (only those of the IdentityFile keys with IdentitiesOnly),
-// then the IdentityFile keys (OpenSSH's default files when none is named)
-// the agent did not hold. The agent is asked through SshAgentAuth, key files
-// are read on a thread of their own: nothing here waits on the window's
-// thread. An agent silent past its time limit is reported through notice()
-// and the login goes on with the next method.
+// in OpenSSH's order: the agent's keys of the IdentityFiles (OpenSSH's
+// default files when none is named), the agent's other keys (not with
+// IdentitiesOnly), then the IdentityFile keys the agent did not hold. The agent is asked through
+// SshAgentAuth, key files are read on a thread of their own: nothing here waits on the window's thread. An
+// agent silent past its time limit is reported through notice() and the login goes on with the next method.
+//
+// A host with ProxyJump is reached through its jump hosts (SshJump, in
+// ssh_jump.cpp): each hop is an SshConnection of its own whose questions
+// reach the user as the target's do, and a failure names the hop ("jump host
+// J: authentication failed", "cannot reach J: ...").
 //
 // An open shell is kept alive with SSH keep-alives every
 // ServerAliveInterval seconds (60 by default, 0 turns them off); a peer that
@@ -39,7 +43,9 @@ class QTimer;
 // no user can be asked (setInteractive(false), as in --headless runs, or
 // nobody listens to the signal) an unknown host key is refused and no
 // passphrase or password is asked for. Secrets are used once and never kept.
-//  - hostKeyQuestion(host, fingerprint): an unknown host key, "SHA256:...";
+//  - hostKeyQuestion(host, fingerprint, keyType): an unknown host key,
+//    "SHA256:..." and "ED25519" (host names the address and port where they
+//    are not the name typed, and a jump host as one);
 //  - secretsRequested(title, instruction, prompts, echo): a passphrase, a
 //    password or the server's keyboard-interactive prompts;
 //  - opened(): the shell is up; received() then carries its output;
@@ -86,7 +92,7 @@ public:
     void setAgentTimeout(int milliseconds) { m_agentTimeout = milliseconds; }
 
 Q_SIGNALS:
-    void hostKeyQuestion(const QString &host, const QString &fingerprint);
+    void hostKeyQuestion(const QString &host, const QString &fingerprint, const QString &keyType);
     void secretsRequested(const QString &title, const QString &instruction, const QStringList &prompts,
         const QList<bool> &echo);
     void opened();
@@ -121,9 +127,22 @@ private:
     bool keyboardInteractive();
     bool password();
     bool openShell();
+    bool shellOpened();
     void readChannel();
     void flushPending();
-    void fail(const QString &message, bool timedOut = false);
+    // Ends the login with message; a jump host's own failures name it unless
+    // `named` says the message does already.
+    void fail(const QString &message, bool timedOut = false, bool named = false);
+    void unreachable(const QString &reason, const QString &message = QString());
+    // A notice, naming the jump host when this is one.
+    void tell(const QString &text);
+    QString lostMessage(const QString &reason) const;
+    void endJump();
+    bool startJump(const QString &setting);
+    void onJumpOpened();
+    void onJumpEnded(const QString &message);
+    void readTunnel();
+    void flushTunnel();
     void endSession();
     void watchSocket();
     void askSecrets(const QString &title, const QString &instruction, const QStringList &prompts,
@@ -132,6 +151,7 @@ private:
     QString libsshError() const;
     QString changedKeyLine() const;
     QString knownHostsFile() const;
+    QString described() const;
     QString knownHostsLine(bool revoked, const QString &keyText) const;
     QString saveHostKey();
 
@@ -149,6 +169,12 @@ private:
     int m_columns = 80;
     int m_rows = 24;
     bool m_readQueued = false; // the rest of a sliced read waits for the event loop
+
+    // Set on a jump host's connection: who it carries, and where to.
+    SshConnection *m_outer = nullptr;
+    QString m_forwardHost;
+    quint16 m_forwardPort = 0;
+    QString m_jumpVia; // the hops before this one, when the outer ProxyJump names them
 
     static bool s_interactive;
 };

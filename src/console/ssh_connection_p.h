@@ -8,6 +8,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QSocketNotifier>
 #include <QThread>
 
 #include <memory>
@@ -19,6 +20,7 @@ enum class SshConnection::Stage {
     Idle,
     Resolving,
     TcpConnecting,
+    Jumping, // waiting for the jump host's channel to the target
     Connecting,
     HostKey,
     WaitHostKey,
@@ -74,6 +76,14 @@ struct SshConnection::State
     int passwordTries = 0;
     int kbdintRounds = 0;
     QByteArray pending; // typed bytes the channel's window has no room for yet
+    // Through a jump host: its connection, and our end of the socket pair
+    // whose other end is the session's socket.
+    SshConnection *jump = nullptr;
+    int tunnelFd = -1;
+    QSocketNotifier *tunnelRead = nullptr;
+    QSocketNotifier *tunnelWrite = nullptr;
+    QByteArray tunnelOut; // from the jump host, not yet taken by the session
+    bool tunnelEnded = false; // the jump host's channel ended: EOF once tunnelOut is out
 
     void dropKey()
     {
@@ -130,6 +140,14 @@ inline constexpr char libsshDefaultCiphers[] = "chacha20-poly1305@openssh.com,ae
                                                "aes128-gcm@openssh.com,aes256-ctr,aes192-ctr,aes128-ctr";
 inline constexpr char libsshDefaultMacs[]
     = "hmac-sha2-256-etm@openssh.com,hmac-sha2-512-etm@openssh.com,hmac-sha2-256,hmac-sha2-512";
+
+// The smallest RSA key taken (host keys and key files): 1024 bits, or
+// RequiredRSASize down to the 768 that libssh holds to whatever it is told.
+static inline int requiredRsaBits(const SshConfig &config)
+{
+    const int bits = config.number(QStringLiteral("requiredrsasize"), 1024);
+    return bits == 0 ? 1024 : qMax(768, bits);
+}
 
 // Secrets are overwritten before their memory goes back.
 static inline void wipe(QStringList &secrets)

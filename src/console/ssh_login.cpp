@@ -9,6 +9,7 @@
 #include <QMetaMethod>
 #include <QRandomGenerator>
 #include <QTimer>
+#include <QtEndian>
 
 // The host key check and user authentication of SshConnection.
 
@@ -34,10 +35,39 @@ bool namesHost(const QString &field, const QString &hostText)
     }
     return false;
 }
+// The modulus size of an "ssh-rsa" public key blob (string type, mpint e,
+// mpint n); 0 for any other key.
+int rsaBits(const QByteArray &blob)
+{
+    QByteArray fields[3];
+    qsizetype at = 0;
+    for (QByteArray &field : fields) {
+        if (at + 4 > blob.size())
+            return 0;
+        const quint32 length = qFromBigEndian<quint32>(blob.constData() + at);
+        if (length > quint32(blob.size() - at - 4))
+            return 0;
+        field = blob.mid(at + 4, length);
+        at += 4 + length;
+    }
+    if (fields[0] != "ssh-rsa")
+        return 0;
+    QByteArray &n = fields[2];
+    while (!n.isEmpty() && n.at(0) == 0)
+        n.remove(0, 1);
+    if (n.isEmpty())
+        return 0;
+    int bits = int(n.size()) * 8;
+    for (quint8 top = quint8(n.at(0)); !(top & 0x80); top <<= 1)
+        --bits;
+    return bits;
+}
 } // namespace
 
 bool SshConnection::canAsk(const char *signal) const
 {
+    if (m_outer)
+        return m_outer->canAsk(signal); // a jump host asks whoever the target asks
     const QMetaMethod method = signal == QByteArrayLiteral("hostKey")
         ? QMetaMethod::fromSignal(&SshConnection::hostKeyQuestion)
         : QMetaMethod::fromSignal(&SshConnection::secretsRequested);
@@ -58,6 +88,12 @@ bool SshConnection::checkHostKey()
         fingerprint = takeString(ssh_get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, hashLength));
         ssh_clean_pubkey_hash(&hash);
     }
+    const ssh_keytypes_e type = ssh_key_type(key);
+    const QString keyType = type == SSH_KEYTYPE_RSA ? QStringLiteral("RSA")
+        : type == SSH_KEYTYPE_ED25519               ? QStringLiteral("ED25519")
+        : type == SSH_KEYTYPE_ECDSA_P256 || type == SSH_KEYTYPE_ECDSA_P384 || type == SSH_KEYTYPE_ECDSA_P521
+        ? QStringLiteral("ECDSA")
+        : QString::fromLatin1(ssh_key_type_to_char(type));
     char *base64 = nullptr;
     const QString keyText
         = ssh_pki_export_pubkey_base64(key, &base64) == SSH_OK ? takeString(base64) : QString();
@@ -76,6 +112,12 @@ bool SshConnection::checkHostKey()
         return true;
     case SSH_KNOWN_HOSTS_CHANGED:
     case SSH_KNOWN_HOSTS_OTHER:
+        if (m_outer) {
+            fail(QStringLiteral("jump host %1: host key changed (now %2; it does not match %3)")
+                     .arg(d->host, fingerprint, changedKeyLine()),
+                false, true);
+            return false;
+        }
         fail(QStringLiteral("WARNING: the host key of %1 has changed (now %2); it does not match %3. "
                             "Refused: if the device really has a new key, remove that line.")
                  .arg(d->host, fingerprint, changedKeyLine()));
@@ -90,13 +132,31 @@ bool SshConnection::checkHostKey()
         }
         d->stage = Stage::WaitHostKey;
         m_handshakeTimer->stop();
-        Q_EMIT hostKeyQuestion(d->host, fingerprint);
+        Q_EMIT hostKeyQuestion(described(), fingerprint, keyType);
         return false;
     case SSH_KNOWN_HOSTS_ERROR:
         break;
     }
     fail(QStringLiteral("cannot check the host key of %1: %2").arg(d->host, libsshError()));
     return false;
+}
+
+// The host for a question: as typed, with the address and port it stands
+// for where they differ ("fake-r1 (127.0.0.1 port 2222)"); a jump host as one.
+QString SshConnection::described() const
+{
+    char *hostName = nullptr;
+    QString address = d->host;
+    if (ssh_options_get(d->session, SSH_OPTIONS_HOST, &hostName) == SSH_OK)
+        address = takeString(hostName);
+    unsigned int port = 22;
+    ssh_options_get_port(d->session, &port);
+    QString text = m_outer ? QStringLiteral("jump host %1").arg(d->host) : d->host;
+    if (port != 22)
+        text += QStringLiteral(" (%1 port %2)").arg(address).arg(port);
+    else if (address != d->host)
+        text += QStringLiteral(" (%1)").arg(address);
+    return text;
 }
 
 QString SshConnection::changedKeyLine() const
@@ -188,6 +248,8 @@ QString SshConnection::saveHostKey()
 
 void SshConnection::answerHostKey(HostKeyAnswer answer)
 {
+    if (d->stage == Stage::Jumping && d->jump)
+        return d->jump->answerHostKey(answer); // the jump host asked
     if (d->stage != Stage::WaitHostKey)
         return;
     if (answer == HostKeyAnswer::Cancel)
@@ -208,11 +270,17 @@ void SshConnection::askSecrets(
     d->answered = false;
     wipe(d->answers);
     m_handshakeTimer->stop();
-    Q_EMIT secretsRequested(title, instruction, prompts, echo);
+    // Whose question it is: a jump host's passphrase looks like the target's.
+    QString context = QStringLiteral("Logging in to %1 as %2").arg(described(), d->user);
+    if (!instruction.isEmpty())
+        context += QStringLiteral("\n\n") + instruction;
+    Q_EMIT secretsRequested(title, context, prompts, echo);
 }
 
 void SshConnection::answerSecrets(const QStringList &answers)
 {
+    if (d->stage == Stage::Jumping && d->jump)
+        return d->jump->answerSecrets(answers);
     if (d->stage != Stage::WaitPassphrase && d->stage != Stage::WaitKbdint && d->stage != Stage::WaitPassword)
         return;
     d->answers = answers;
@@ -226,6 +294,8 @@ void SshConnection::answerSecrets(const QStringList &answers)
 
 void SshConnection::cancelSecrets()
 {
+    if (d->stage == Stage::Jumping && d->jump)
+        return d->jump->cancelSecrets();
     if (d->stage != Stage::WaitPassphrase && d->stage != Stage::WaitKbdint && d->stage != Stage::WaitPassword)
         return;
     fail(QStringLiteral("authentication to %1 cancelled").arg(d->host));
@@ -289,7 +359,11 @@ bool SshConnection::nextMethod()
             continue;
         return true;
     }
-    if (!loginClosed())
+    if (loginClosed())
+        return false;
+    if (m_outer)
+        fail(QStringLiteral("jump host %1: authentication failed").arg(d->host), false, true);
+    else
         fail(QStringLiteral("authentication refused for %1@%2").arg(d->user, d->host));
     return false;
 }
@@ -329,6 +403,21 @@ void SshConnection::prepareKeys()
             if (generation != d->loadGeneration || d->stage != Stage::WaitKeys)
                 return;
             d->identities.swap(batch.identities);
+            // libssh would skip an RSA key under the limit without a word.
+            const int minimum = requiredRsaBits(d->config);
+            for (qsizetype i = d->identities.size() - 1; i >= 0; --i) {
+                SshIdentity &identity = d->identities[i];
+                const int bits = rsaBits(identity.blob);
+                if (bits == 0 || bits >= minimum)
+                    continue;
+                tell(QStringLiteral("%1: an RSA key of %2 bits, under %3 (RequiredRSASize); not offered")
+                         .arg(identity.path)
+                         .arg(bits)
+                         .arg(minimum));
+                ssh_key_free(identity.publicKey);
+                ssh_key_free(identity.privateKey);
+                d->identities.removeAt(i);
+            }
             if (nextMethod())
                 step();
         });
@@ -347,14 +436,14 @@ void SshConnection::startAgent()
         d->stage = Stage::AuthKeys;
         return step();
     }
-    QList<QByteArray> only;
+    QList<QByteArray> preferred;
     for (const SshIdentity &identity : std::as_const(d->identities))
-        only << identity.blob;
+        preferred << identity.blob;
     d->stage = Stage::WaitAgent;
     watchSocket();
     m_handshakeTimer->start();
-    m_agentAuth->start(d->session, agent, m_agentTimeout,
-        d->config.flag(QStringLiteral("identitiesonly"), false) ? &only : nullptr);
+    m_agentAuth->start(d->session, agent, m_agentTimeout, preferred,
+        d->config.flag(QStringLiteral("identitiesonly"), false));
 }
 
 // The private half of the current key, read (and decrypted) off the
@@ -495,8 +584,7 @@ bool SshConnection::password()
             return nextMethod();
         ++d->passwordTries;
         d->stage = Stage::WaitPassword;
-        askSecrets(QStringLiteral("Password"), QString(),
-            { QStringLiteral("Password for %1@%2:").arg(d->user, d->host) }, { false });
+        askSecrets(QStringLiteral("Password"), QString(), { QStringLiteral("Password:") }, { false });
         return false;
     }
     QByteArray secret = d->answers.value(0).toUtf8();

@@ -13,12 +13,13 @@
 #include <QVBoxLayout>
 
 namespace {
-void askHostKey(QWidget *parent, SshConnection *ssh, const QString &host, const QString &fingerprint)
+void askHostKey(QWidget *parent, SshConnection *ssh, const QString &host, const QString &fingerprint,
+    const QString &keyType)
 {
     auto *box = new QMessageBox(QMessageBox::Question, QStringLiteral("Tarnwick"),
-        QStringLiteral("The host key of %1 is not known yet.\n\nIts fingerprint is\n%2\n\n"
+        QStringLiteral("The host key of %1 is not known yet.\n\nIts %2 key fingerprint is\n%3\n\n"
                        "Check it against the device before you accept it.")
-            .arg(host, fingerprint),
+            .arg(host, keyType, fingerprint),
         QMessageBox::NoButton, parent);
     box->setObjectName(QStringLiteral("SshHostKeyQuestion"));
     box->setTextFormat(Qt::PlainText);
@@ -90,8 +91,9 @@ void askSecrets(QWidget *parent, SshConnection *ssh, const QString &title, const
 void attachSshPrompts(QWidget *parent, SshConnection *ssh)
 {
     QObject::connect(ssh, &SshConnection::hostKeyQuestion, parent,
-        [parent, ssh](
-            const QString &host, const QString &fingerprint) { askHostKey(parent, ssh, host, fingerprint); });
+        [parent, ssh](const QString &host, const QString &fingerprint, const QString &keyType) {
+            askHostKey(parent, ssh, host, fingerprint, keyType);
+        });
     QObject::connect(ssh, &SshConnection::secretsRequested, parent,
         [parent, ssh](const QString &title, const QString &instruction, const QStringList &prompts,
             const QList<bool> &echo) { askSecrets(parent, ssh, title, instruction, prompts, echo); });

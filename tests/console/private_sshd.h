@@ -60,7 +60,9 @@ public:
     }
 
     // Keys (host_key, home's id_ed25519, authorised), the device and HOME.
-    bool prepare()
+    // A second sshd beside the first (a jump host) keeps the first's HOME
+    // (clientHome false) and authorises only a key of its own.
+    bool prepare(bool clientHome = true)
     {
         if (!QFile::exists(QStringLiteral("/usr/sbin/sshd"))
             || !QFile::exists(QStringLiteral("/usr/bin/ssh-keygen")))
@@ -69,8 +71,10 @@ public:
         if (!dir.isValid() || !account || !QDir().mkpath(home() + QStringLiteral("/.ssh")))
             return false;
         user = QString::fromLocal8Bit(account->pw_name);
-        qputenv("HOME", QFile::encodeName(home()));
-        qunsetenv("SSH_AUTH_SOCK"); // the user's agent has no say in a test
+        if (clientHome) {
+            qputenv("HOME", QFile::encodeName(home()));
+            qunsetenv("SSH_AUTH_SOCK"); // the user's agent has no say in a test
+        }
         if (getuid() == 0) // as root sshd insists on its privilege separation folder
             QDir().mkpath(QStringLiteral("/run/sshd"));
         return keygen(path("host_key")) && keygen(sshFile("id_ed25519"))

@@ -19,11 +19,11 @@
 #include <QMessageBox>
 #include <QProcess>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
-#include <QRegularExpression>
 #include <QTest>
 #include <QUdpSocket>
 
@@ -159,6 +159,37 @@ private Q_SLOTS:
         QVERIFY(!session().sshOpen() && consoleText().endsWith(QLatin1String("Disconected\n")));
     }
 
+    void configUserWinsUnlessTyped()
+    {
+        // The box shows the remembered user; fake-r1's User in ~/.ssh/config
+        // wins over it (no account "remembered" could log in), a typed one does not.
+        for (const QString typed : { "", "typed" }) {
+            tw::test::settingsStore().setValue(
+                QStringLiteral("Settings/SshUser"), QStringLiteral("remembered"));
+            m_window->newConnectionAction()->trigger();
+            ModemOptions *dialog = m_window->findChild<ModemOptions *>();
+            QVERIFY(dialog);
+            dialog->connectWith()->setCurrentIndex(dialog->connectWith()->findText(QStringLiteral("SSH")));
+            Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
+            dialog->hostNameBox()->setText(QStringLiteral("fake-r1"));
+            QCOMPARE(dialog->userBox()->text(), QStringLiteral("remembered"));
+            if (!typed.isEmpty()) {
+                dialog->userBox()->selectAll();
+                QTest::keyClicks(dialog->userBox(), typed);
+            }
+            QTest::mouseClick(dialog->okButton(), Qt::LeftButton);
+            delete dialog;
+            if (typed.isEmpty()) {
+                QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
+                m_window->disconnectAction()->trigger();
+            }
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
+        QVERIFY2(consoleText().contains(QLatin1String("SSH Err: authentication refused for typed@fake-r1")),
+            qPrintable(consoleText()));
+        QTRY_VERIFY_WITH_TIMEOUT(m_server.log().contains("Invalid user typed "), PrivateSshd::waitMs);
+    }
+
     void knownKeySilentThenServerKilled()
     {
         // Saved by the previous case: no question this time.
@@ -172,7 +203,8 @@ private Q_SLOTS:
         killServer();
         QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         // Straight after the prompt (on a line of its own in terminal mode, SSH's default).
-        QVERIFY2(consoleText().contains(QRegularExpression(QStringLiteral("R1#\\n?Connection to fake-r1 lost: "))),
+        QVERIFY2(
+            consoleText().contains(QRegularExpression(QStringLiteral("R1#\\n?Connection to fake-r1 lost: "))),
             qPrintable(consoleText()));
         QVERIFY(consoleText().endsWith(QLatin1String("\nPress Enter to reconnect\n")));
     }

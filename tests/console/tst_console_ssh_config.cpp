@@ -84,6 +84,7 @@ private Q_SLOTS:
                   "    PasswordAuthentication no\n"
                   "    NumberOfPasswordPrompts 1\n"
                   "    RequiredRSASize 768\n"
+                  "    ProxyCommand nc %h %p\n"
                   "Match originalhost r2\n"
                   "    ServerAliveCountMax 9\n"
                   "    User later\n"
@@ -94,7 +95,8 @@ private Q_SLOTS:
                   "    KbdInteractiveAuthentication no\n"
                   "    PubkeyAuthentication no\n"
                   "    ServerAliveInterval 30\n"
-                  "    ConnectTimeout 7\n"));
+                  "    ConnectTimeout 7\n"
+                  "    ProxyJump bastion\n"));
         const QString home = QDir::homePath();
         for (const QString host : { "a.lab", "secret.lab", "r1", "r2", "other" }) {
             const QMultiHash<QString, QString> oracle = openssh(file, host);
@@ -113,6 +115,9 @@ private Q_SLOTS:
                 { "serveraliveinterval", QString::number(ours.number("serveraliveinterval", 0)) },
                 { "serveralivecountmax", QString::number(ours.number("serveralivecountmax", 3)) },
                 { "requiredrsasize", QString::number(ours.number("requiredrsasize", 1024)) },
+                // Whichever of the two comes first holds.
+                { "proxyjump", ours.value("proxyjump") },
+                { "proxycommand", ours.value("proxycommand") },
             };
             for (const auto &[keyword, value] : compared)
                 QCOMPARE(QString(host + ' ' + keyword + ' ' + value),
@@ -137,8 +142,8 @@ private Q_SLOTS:
             { "hostkeyalgorithms", "+ssh-rsa" },
         };
         for (const auto &[keyword, setting] : settings) {
-            QVERIFY(
-                PrivateSshd::writeFile(file, "Host x\n    " + keyword.toUtf8() + ' ' + setting.toUtf8() + '\n'));
+            QVERIFY(PrivateSshd::writeFile(
+                file, "Host x\n    " + keyword.toUtf8() + ' ' + setting.toUtf8() + '\n'));
             QCOMPARE(SshConfig::resolveAlgorithms(setting, defaults.value(keyword)),
                 openssh(file, "x").value(keyword));
         }
@@ -181,6 +186,39 @@ private Q_SLOTS:
         QVERIFY(m_sshd.writeClientConfig(clientLines()));
         text = run(session, QStringLiteral("old-switch"));
         QVERIFY2(text.endsWith(QLatin1String("R1#\n\nDisconected\n")), qPrintable(text));
+    }
+
+    void smallRsaKeys()
+    {
+        // ssh-keygen makes no RSA key under 1024 bits; openssl does, in a form libssh reads.
+        const QString key = m_sshd.sshFile("small_rsa");
+        QVERIFY2(
+            PrivateSshd::run(QStringLiteral("openssl"), { "genrsa", "-traditional", "-out", key, "768" }),
+            "openssl is missing: install openssl");
+        const QByteArray lines = "    IdentityFile ~/.ssh/small_rsa\n    IdentitiesOnly yes\n";
+        m_sshd.start({}, lines);
+        ConsoleSession session;
+        QString text = run(session, QStringLiteral("fake-r1"));
+        QVERIFY2(text.startsWith(key
+                     + QLatin1String(": an RSA key of 768 bits, under 1024 (RequiredRSASize); "
+                                     "not offered\n")),
+            qPrintable(text));
+        QTRY_VERIFY_WITH_TIMEOUT(
+            m_sshd.log().contains("Disconnected from authenticating user"), PrivateSshd::waitMs);
+        QVERIFY(!m_sshd.log().contains("Invalid key length"));
+
+        // A host that says so gets it, with a warning; libssh goes no lower
+        // than 768 bits. (The server, OpenSSH's, then refuses it itself.)
+        QVERIFY(m_sshd.writeClientConfig(lines + "    RequiredRSASize 512\n"));
+        text = run(session, QStringLiteral("fake-r1"));
+        QVERIFY2(
+            text.startsWith(QLatin1String(
+                "RequiredRSASize 512 for fake-r1: RSA keys under 768 bits are never accepted\nWARNING: RSA "
+                "keys of 768 bits and more are accepted for fake-r1 (RequiredRSASize); keys under 1024 bits "
+                "are weak\n")),
+            qPrintable(text));
+        QVERIFY(!text.contains(QLatin1String("not offered")));
+        QTRY_VERIFY_WITH_TIMEOUT(m_sshd.log().contains("Invalid key length"), PrivateSshd::waitMs);
     }
 };
 

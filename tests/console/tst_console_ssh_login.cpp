@@ -11,11 +11,13 @@
 
 // How an SSH console logs in and ends against a private sshd: an agent that
 // never answers, a server that gives up during the login, keys offered the
-// way OpenSSH offers them, a logout, and a peer that stops answering.
+// way OpenSSH offers them, a logout, a peer that stops answering, and a
+// jump host (a second sshd) in the way.
 class TestConsoleSshLogin : public QObject
 {
     Q_OBJECT
     PrivateSshd m_sshd;
+    PrivateSshd m_jump;
     ConsoleSession *m_session = nullptr;
     QString m_text;
 
@@ -48,6 +50,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY2(m_sshd.prepare(), "sshd or ssh-keygen is missing: install openssh-server");
+        QVERIFY(m_jump.prepare(false));
     }
 
     void init()
@@ -67,6 +70,7 @@ private Q_SLOTS:
     {
         delete m_session;
         m_sshd.stop();
+        m_jump.stop();
     }
 
     void silentAgentFreezesNothing()
@@ -115,9 +119,9 @@ private Q_SLOTS:
         qputenv("SSH_AUTH_SOCK", QFile::encodeName(socket));
         m_session->ssh()->setHandshakeTimeout(600000);
 
-        // Every agent key offered: the server closes the connection, and that
-        // is said at once, with its reason.
-        m_sshd.start("MaxAuthTries 2\n", "    IdentityFile ~/.ssh/k3\n");
+        // No IdentityFile names k3: the agent's keys in its order, and the
+        // server closes the connection, which is said at once, with its reason.
+        m_sshd.start("MaxAuthTries 2\n");
         connectFakeR1();
         QTRY_VERIFY2_WITH_TIMEOUT(
             m_session->connectionKind().isEmpty(), qPrintable(m_text), PrivateSshd::waitMs);
@@ -125,13 +129,16 @@ private Q_SLOTS:
             qPrintable(m_text));
         QVERIFY2(m_text.contains(QLatin1String("Too many authentication failures")), qPrintable(m_text));
 
-        // IdentitiesOnly: only the IdentityFile key, through the agent.
-        m_sshd.start("MaxAuthTries 2\n", "    IdentityFile ~/.ssh/k3\n    IdentitiesOnly yes\n");
-        connectFakeR1();
-        QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
-        QTRY_VERIFY_WITH_TIMEOUT(m_sshd.log().contains("Accepted publickey"), PrivateSshd::waitMs);
-        QCOMPARE(m_sshd.log().count("Failed publickey"), 0);
-        m_session->disconnectSession();
+        // The IdentityFile's key goes first, as OpenSSH offers it (with
+        // IdentitiesOnly no other key of the agent would follow).
+        for (const QByteArray only : { "no", "yes" }) {
+            m_sshd.start("MaxAuthTries 2\n", "    IdentityFile ~/.ssh/k3\n    IdentitiesOnly " + only + '\n');
+            connectFakeR1();
+            QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
+            QTRY_VERIFY_WITH_TIMEOUT(m_sshd.log().contains("Accepted publickey"), PrivateSshd::waitMs);
+            QCOMPARE(m_sshd.log().count("Failed publickey"), 0);
+            m_session->disconnectSession();
+        }
         agent.kill();
         agent.waitForFinished();
     }
@@ -189,6 +196,83 @@ private Q_SLOTS:
             qPrintable(m_text));
         for (qint64 pid : sessions)
             ::kill(pid_t(pid), SIGKILL);
+    }
+
+    void jumpHostsNamedPerHop()
+    {
+        // jump1 authorises a key of its own, not the console's.
+        m_jump.start();
+        const auto jumpConfig = [this](quint16 port, const QByteArray &more = {}) {
+            return "    ProxyJump jump1\nHost jump1\n    HostName 127.0.0.1\n    Port "
+                + QByteArray::number(port) + "\n    User " + m_sshd.user.toUtf8()
+                + "\n    IdentityFile ~/.ssh/jump_key\n" + more;
+        };
+        QVERIFY(PrivateSshd::keygen(m_sshd.sshFile("jump_key"), "ecdsa", "open sesame"));
+        m_sshd.start({}, jumpConfig(tw::test::freeTcpPort()));
+        m_session->ssh()->setHandshakeTimeout(600000);
+        QStringList asked;
+        connect(m_session->ssh(), &SshConnection::hostKeyQuestion, this, [&](const QString &host) {
+            asked << host;
+            m_session->ssh()->answerHostKey(SshConnection::HostKeyAnswer::AcceptAndSave);
+        });
+        connect(m_session->ssh(), &SshConnection::secretsRequested, this,
+            [&](const QString &, const QString &, const QStringList &prompts) {
+                asked << prompts;
+                m_session->ssh()->answerSecrets({ QStringLiteral("open sesame") });
+            });
+        const auto failsWith = [this](const QString &message) {
+            connectFakeR1();
+            return QTest::qWaitFor(
+                       [this] { return m_session->connectionKind().isEmpty(); }, PrivateSshd::waitMs)
+                && m_text.contains(QLatin1String("SSH Err: ") + message);
+        };
+        QVERIFY2(failsWith(QStringLiteral("cannot reach jump1: Connection refused")), qPrintable(m_text));
+
+        // Its unknown host key is asked as the target's would be; then it
+        // refuses the key.
+        QVERIFY(m_sshd.writeClientConfig(jumpConfig(m_jump.port)));
+        QVERIFY2(failsWith(QStringLiteral("jump host jump1: authentication failed\n")), qPrintable(m_text));
+        const QString jumpHost = QStringLiteral("jump host jump1 (127.0.0.1 port %1)").arg(m_jump.port);
+        QCOMPARE(asked, QStringList({ jumpHost }));
+        QVERIFY(PrivateSshd::run(QStringLiteral("ssh-keygen"),
+            { "-F", QStringLiteral("[127.0.0.1]:%1").arg(m_jump.port), "-f",
+                m_sshd.sshFile("known_hosts") }));
+
+        // Taken, after its passphrase: the target's session runs through
+        // jump1, then through jump1 twice.
+        QVERIFY(QFile::remove(m_jump.path("authorized_keys")));
+        QVERIFY(QFile::copy(m_sshd.sshFile("jump_key.pub"), m_jump.path("authorized_keys")));
+        for (const QByteArray hops : { "jump1", "jump1,jump1" }) {
+            QVERIFY(m_sshd.writeClientConfig(
+                jumpConfig(m_jump.port).replace("ProxyJump jump1\n", "ProxyJump " + hops + '\n')));
+            connectFakeR1();
+            QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
+            m_session->send("show version\r");
+            QTRY_VERIFY_WITH_TIMEOUT(m_text.contains(QLatin1String("Fake IOS")), PrivateSshd::waitMs);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(m_jump.log().count("Accepted publickey"), 3, PrivateSshd::waitMs);
+        QCOMPARE(asked.count(QStringLiteral("Passphrase for key %1:").arg(m_sshd.sshFile("jump_key"))), 3);
+        QCOMPARE(asked.count(jumpHost), 1); // saved the first time
+
+        // jump1 dies under the open session.
+        for (qint64 pid : PrivateSshd::descendants(m_jump.process.processId()))
+            ::kill(pid_t(pid), SIGKILL);
+        QTRY_VERIFY_WITH_TIMEOUT(m_session->connectionKind().isEmpty(), PrivateSshd::waitMs);
+        QVERIFY2(m_text.contains(QLatin1String("Connection to fake-r1 lost: jump host jump1: ")),
+            qPrintable(m_text));
+
+        // jump1 cannot reach the target; then its key has changed.
+        const QByteArray closedPort = QByteArray::number(tw::test::freeTcpPort());
+        QVERIFY(PrivateSshd::writeFile(m_sshd.sshFile("config"),
+            PrivateSshd::readFile(m_sshd.sshFile("config"))
+                .replace("Port " + QByteArray::number(m_sshd.port) + '\n', "Port " + closedPort + '\n')));
+        QVERIFY2(
+            failsWith("jump host jump1 cannot reach 127.0.0.1 port " + closedPort + ": Connection refused\n"),
+            qPrintable(m_text));
+        QVERIFY(PrivateSshd::writeFile(m_sshd.sshFile("known_hosts"),
+            "[127.0.0.1]:" + QByteArray::number(m_jump.port) + ' '
+                + PrivateSshd::readFile(m_sshd.path("host_key.pub")).split(' ').mid(0, 2).join(' ') + '\n'));
+        QVERIFY2(failsWith(QStringLiteral("jump host jump1: host key changed")), qPrintable(m_text));
     }
 };
 

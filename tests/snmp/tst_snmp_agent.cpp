@@ -250,6 +250,7 @@ void TestSnmpAgent::countersWrapAndRestart()
     SnmpTarget t = target();
     t.host = QStringLiteral("127.0.0.1");
     t.port = port;
+    t.timeoutMs = 20000; // the script answers through a Python process: slow to start on a busy machine
     constexpr quint64 top = std::numeric_limits<quint64>::max();
     constexpr double none = -1;
     struct Step
