@@ -456,7 +456,8 @@ void ConsoleSession::processReceived(const QByteArray &block)
 {
     m_sessionLog->writeRaw(block);
     if (m_terminal->isEnabled()) {
-        const TerminalTextReader::Result decoded = m_terminal->feed(block);
+        const bool textLog = m_sessionLog->isActive() && m_sessionLog->mode() == SessionLog::Mode::Text;
+        const ConsoleTerminal::Decoded decoded = m_terminal->feed(block, textLog);
         m_sessionLog->writeText(decoded.text);
         emitReaderOps(decoded.ops);
         return;

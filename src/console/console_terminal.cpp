@@ -12,17 +12,27 @@ void ConsoleTerminal::setEnabled(bool on)
     Q_EMIT enabledChanged(on);
 }
 
-TerminalTextReader::Result ConsoleTerminal::feed(const QByteArray &block)
+ConsoleTerminal::Decoded ConsoleTerminal::feed(const QByteArray &block, bool withText)
 {
     m_screen.feed(block);
     flushOutput();
     Q_EMIT screenChanged();
-    return m_reader.feed(block);
+    Decoded decoded;
+    if (withText)
+        decoded.text = m_reader.decode(block);
+    for (const QString &line : m_screen.takeStarLines())
+        decoded.ops.append(TerminalOp { TerminalOp::LogLine, line + QStringLiteral("\r\n") });
+    // A prompt is the cursor's row: two or more characters ending in "#" or
+    // ">", trailing blanks aside (coloured prompts end in a space).
+    const QString line = m_screen.rowText(m_screen.cursorRow());
+    if (line.size() > 1 && (line.endsWith(QLatin1Char('#')) || line.endsWith(QLatin1Char('>'))))
+        decoded.ops.append(TerminalOp { TerminalOp::Caption, TerminalProcessor::hostName(line) });
+    return decoded;
 }
 
 QString ConsoleTerminal::decode(const QByteArray &block)
 {
-    return m_reader.feed(block).text;
+    return m_reader.decode(block);
 }
 
 void ConsoleTerminal::showMessage(const QString &text)
@@ -45,6 +55,7 @@ void ConsoleTerminal::showMessage(const QString &text)
     if (m_screen.cursorColumn() != 0)
         lines.prepend(QStringLiteral("\r\n"));
     m_screen.feed(lines.toUtf8());
+    m_screen.takeStarLines(); // the program's own words are not the device's log
     Q_EMIT screenChanged();
 }
 
@@ -70,6 +81,19 @@ bool ConsoleTerminal::key(int qtKey, Qt::KeyboardModifiers modifiers, const QStr
 void ConsoleTerminal::paste(const QString &text)
 {
     m_screen.paste(text);
+    flushOutput();
+}
+
+void ConsoleTerminal::mouseButton(
+    int row, int column, int button, bool pressed, Qt::KeyboardModifiers modifiers)
+{
+    m_screen.mouseButton(row, column, button, pressed, modifiers);
+    flushOutput();
+}
+
+void ConsoleTerminal::mouseMove(int row, int column, Qt::KeyboardModifiers modifiers)
+{
+    m_screen.mouseMove(row, column, modifiers);
     flushOutput();
 }
 

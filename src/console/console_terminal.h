@@ -1,5 +1,6 @@
 #pragma once
 
+#include "console/terminal_processor.h"
 #include "console/terminal_screen.h"
 #include "console/terminal_text_reader.h"
 
@@ -9,8 +10,8 @@
 // libvterm keeps and the decoded text beside it. Off, the console uses the
 // classic received-text processor and none of this runs.
 //
-// feed() takes a block from the device: the screen takes it, and the decoded
-// text and its ops (log lines, caption) come back to the session. Answers the
+// feed() takes a block from the device: the screen takes it, and what the
+// session passes on (log lines, caption, text for a session log) comes back. Answers the
 // terminal owes the device (cursor reports, keys, pastes) are announced with
 // sendRequested(bytes); screenChanged() tells a view to repaint.
 class ConsoleTerminal : public QObject
@@ -25,7 +26,16 @@ public:
     TerminalScreen &screen() { return m_screen; }
     const TerminalScreen &screen() const { return m_screen; }
 
-    TerminalTextReader::Result feed(const QByteArray &block);
+    // What a block gives the rest of the console: its decoded text (only
+    // when asked for, for a text session log) and the ops read from the
+    // screen: a "*" line the device ended (LogLine, CR LF added) and, when
+    // the cursor's row ends in a prompt, the caption.
+    struct Decoded
+    {
+        QString text;
+        QList<TerminalOp> ops;
+    };
+    Decoded feed(const QByteArray &block, bool withText);
     // Decoded text only, for readers that bypass the screen (flash listing).
     QString decode(const QByteArray &block);
     // A message of the program's own ("Disconected", "SSH Err: ..."); its
@@ -37,6 +47,9 @@ public:
     // Keys and pastes from a view; the bytes leave by sendRequested().
     bool key(int qtKey, Qt::KeyboardModifiers modifiers, const QString &text);
     void paste(const QString &text);
+    // Mouse reports, sent only when the device asked for them.
+    void mouseButton(int row, int column, int button, bool pressed, Qt::KeyboardModifiers modifiers);
+    void mouseMove(int row, int column, Qt::KeyboardModifiers modifiers);
 
 Q_SIGNALS:
     void enabledChanged(bool on);

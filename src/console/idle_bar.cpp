@@ -12,6 +12,9 @@ IdleBar::IdleBar(ConsoleSession *session, QWidget *parent)
     setObjectName(QStringLiteral("Picture1"));
     setToolTip(QStringLiteral("Stop Timeout dicsonnect"));
     setMinimumHeight(8);
+    // paintEvent() fills the whole bar, so the frame around it is not
+    // repainted each time data arrives.
+    setAttribute(Qt::WA_OpaquePaintEvent);
     connect(session, &ConsoleSession::idleChanged, this, [this] {
         // A touch of random colour each tick shows the bar is alive.
         m_hue = int(QRandomGenerator::global()->bounded(40));

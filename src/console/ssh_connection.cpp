@@ -523,16 +523,32 @@ bool SshConnection::shellOpened()
 void SshConnection::readChannel()
 {
     // Reading one stream may pull the other's data off the socket, so both
-    // are read until a pass finds nothing.
+    // are read until a pass finds nothing. A flood is taken in slices: after
+    // sliceBytes the rest waits for the next pass of the event loop (libssh
+    // may already hold it, so the socket would not signal it again).
+    constexpr qsizetype sliceBytes = 32768;
     char buffer[16384];
+    qsizetype taken = 0;
     for (bool more = true; more;) {
         more = false;
         for (int fromStderr = 0; fromStderr < 2; ++fromStderr) {
             if (!d->channel)
                 return;
+            if (taken >= sliceBytes) {
+                if (!m_readQueued) {
+                    m_readQueued = true;
+                    QTimer::singleShot(0, this, [this] {
+                        m_readQueued = false;
+                        if (d->session && d->stage == Stage::Open)
+                            step();
+                    });
+                }
+                return;
+            }
             const int n = ssh_channel_read_nonblocking(d->channel, buffer, sizeof buffer, fromStderr);
             if (n > 0) {
                 more = true;
+                taken += n;
                 Q_EMIT received(QByteArray(buffer, n));
             } else if (n < 0 || ssh_channel_is_eof(d->channel) || ssh_channel_is_closed(d->channel)) {
                 const int status = d->exitStatus;

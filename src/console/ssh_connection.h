@@ -168,6 +168,7 @@ private:
     int m_handshakeTimeout = 20000;
     int m_columns = 80;
     int m_rows = 24;
+    bool m_readQueued = false; // the rest of a sliced read waits for the event loop
 
     // Set on a jump host's connection: who it carries, and where to.
     SshConnection *m_outer = nullptr;

@@ -1,102 +1,138 @@
 #include "terminal_screen.h"
+#include "terminal_screen_p.h"
 
 #include <vterm.h>
 
+#include <algorithm>
 #include <cstring>
 
-namespace {
-enum StoredAttr : quint8 {
-    Bold = 1,
-    Underline = 2,
-    Italic = 4,
-    Reverse = 8,
-    DefaultBg = 16,
-    DefaultFg = 32,
-};
-constexpr uint32_t wideContinuation = 0xFFFFFFFFu;
-
-TerminalRgb rgbOf(const VTermScreen *screen, VTermColor colour)
-{
-    vterm_screen_convert_color_to_rgb(screen, &colour);
-    return (TerminalRgb(colour.rgb.red) << 16) | (TerminalRgb(colour.rgb.green) << 8) | colour.rgb.blue;
-}
-
-quint8 red(TerminalRgb rgb)
-{
-    return quint8(rgb >> 16);
-}
-
-quint8 green(TerminalRgb rgb)
-{
-    return quint8(rgb >> 8);
-}
-
-quint8 blue(TerminalRgb rgb)
-{
-    return quint8(rgb);
-}
-
-bool blank(char32_t ch)
-{
-    return ch == 0 || ch == U' ';
-}
-
-void appendChar(QString &out, char32_t ch)
-{
-    if (ch == 0) {
-        out += QLatin1Char(' ');
-    } else {
-        const char32_t one[1] = { ch };
-        out += QString::fromUcs4(one, 1);
-    }
-}
-} // namespace
+using namespace terminal_screen;
 
 // libvterm calls back with C function pointers; these forward to the object.
 struct TerminalScreenCallbacks
 {
-    static int movecursor(VTermPos, VTermPos, int, void *) { return 1; }
+    static TerminalScreen *self(void *user) { return static_cast<TerminalScreen *>(user); }
 
-    static int settermprop(VTermProp prop, VTermValue *value, void *user)
+    static int putglyph(VTermGlyphInfo *info, VTermPos pos, void *user)
     {
-        auto *self = static_cast<TerminalScreen *>(user);
-        switch (prop) {
-        case VTERM_PROP_CURSORVISIBLE:
-            self->m_cursorVisible = value->boolean;
+        self(user)->putGlyph(info->chars, info->width, info->protected_cell, pos.row, pos.col);
+        return 1;
+    }
+    static int movecursor(VTermPos pos, VTermPos old, int, void *user)
+    {
+        self(user)->moveCursor(pos.row, pos.col, old.row, old.col);
+        return 1;
+    }
+    static int scrollrect(VTermRect rect, int downward, int rightward, void *user)
+    {
+        return self(user)->scrollRect(
+            rect.start_row, rect.end_row, rect.start_col, rect.end_col, downward, rightward);
+    }
+    static int moverect(VTermRect dest, VTermRect src, void *user)
+    {
+        self(user)->moveRect(dest.start_row, dest.start_col, src.start_row, src.start_col,
+            dest.end_row - dest.start_row, dest.end_col - dest.start_col);
+        return 1;
+    }
+    static int erase(VTermRect rect, int selective, void *user)
+    {
+        self(user)->erase(rect.start_row, rect.end_row, rect.start_col, rect.end_col, selective != 0);
+        return 1;
+    }
+    static int initpen(void *user)
+    {
+        TerminalScreen *screen = self(user);
+        VTermColor fg;
+        VTermColor bg;
+        vterm_state_get_default_colors(screen->m_state, &fg, &bg);
+        screen->m_pen
+            = TerminalScreen::Stored { 0, packColour(fg), packColour(bg), 1, DefaultFg | DefaultBg };
+        return 1;
+    }
+    static int setpenattr(VTermAttr attr, VTermValue *value, void *user)
+    {
+        auto &pen = self(user)->m_pen;
+        const auto flag
+            = [&pen](quint8 bit, bool on) { pen.attrs = on ? (pen.attrs | bit) : (pen.attrs & ~bit); };
+        switch (attr) {
+        case VTERM_ATTR_BOLD:
+            flag(Bold, value->boolean);
             break;
-        case VTERM_PROP_ALTSCREEN:
-            self->m_altScreen = value->boolean;
+        case VTERM_ATTR_UNDERLINE:
+            flag(Underline, value->number != 0);
             break;
-        case VTERM_PROP_TITLE:
-            self->m_title = QString::fromUtf8(value->string);
+        case VTERM_ATTR_ITALIC:
+            flag(Italic, value->boolean);
+            break;
+        case VTERM_ATTR_REVERSE:
+            flag(Reverse, value->boolean);
+            break;
+        case VTERM_ATTR_FOREGROUND:
+            pen.fg = packColour(value->color);
+            flag(DefaultFg, VTERM_COLOR_IS_DEFAULT_FG(&value->color));
+            break;
+        case VTERM_ATTR_BACKGROUND:
+            pen.bg = packColour(value->color);
+            flag(DefaultBg, VTERM_COLOR_IS_DEFAULT_BG(&value->color));
             break;
         default:
             break;
         }
         return 1;
     }
-
-    static int pushline(int columns, const VTermScreenCell *cells, void *user)
+    static int settermprop(VTermProp prop, VTermValue *value, void *user)
     {
-        return TerminalScreen::onPushLine(columns, cells, user);
+        TerminalScreen *screen = self(user);
+        switch (prop) {
+        case VTERM_PROP_CURSORVISIBLE:
+            screen->m_cursorVisible = value->boolean;
+            break;
+        case VTERM_PROP_ALTSCREEN:
+            // libvterm erases the alternate screen itself after the switch.
+            if (screen->m_altScreen != bool(value->boolean))
+                ++screen->m_epoch;
+            screen->m_altScreen = value->boolean;
+            screen->m_wrapNext = false;
+            break;
+        case VTERM_PROP_TITLE:
+            screen->m_title = QString::fromUtf8(value->string);
+            break;
+        case VTERM_PROP_MOUSE:
+            screen->m_mouse = value->number == VTERM_PROP_MOUSE_CLICK ? TerminalScreen::Mouse::Click
+                : value->number == VTERM_PROP_MOUSE_DRAG              ? TerminalScreen::Mouse::Drag
+                : value->number == VTERM_PROP_MOUSE_MOVE              ? TerminalScreen::Mouse::Move
+                                                                      : TerminalScreen::Mouse::None;
+            break;
+        default:
+            break;
+        }
+        return 1;
     }
-
-    static int popline(int columns, VTermScreenCell *cells, void *user)
+    static int resize(int rows, int columns, VTermPos *delta, void *user)
     {
-        return TerminalScreen::onPopLine(columns, cells, user);
+        self(user)->onResize(rows, columns, &delta->row, &delta->col);
+        return 1;
+    }
+    static int setlineinfo(int, const VTermLineInfo *, const VTermLineInfo *, void *) { return 1; }
+    static void output(const char *bytes, size_t length, void *user)
+    {
+        self(user)->m_output.append(bytes, qsizetype(length));
     }
 };
 
 namespace {
-const VTermScreenCallbacks screenCallbacks = {
-    nullptr, // damage: the view repaints by generation, not by rectangle
-    nullptr, // moverect
+const VTermStateCallbacks stateCallbacks = {
+    TerminalScreenCallbacks::putglyph,
     TerminalScreenCallbacks::movecursor,
+    TerminalScreenCallbacks::scrollrect,
+    TerminalScreenCallbacks::moverect,
+    TerminalScreenCallbacks::erase,
+    TerminalScreenCallbacks::initpen,
+    TerminalScreenCallbacks::setpenattr,
     TerminalScreenCallbacks::settermprop,
     nullptr, // bell
-    nullptr, // resize
-    TerminalScreenCallbacks::pushline,
-    TerminalScreenCallbacks::popline,
+    TerminalScreenCallbacks::resize,
+    TerminalScreenCallbacks::setlineinfo,
 };
 } // namespace
 
@@ -119,22 +155,30 @@ void TerminalScreen::create(int rows, int columns)
         vterm_free(m_vt);
     m_vt = vterm_new(rows, columns);
     vterm_set_utf8(m_vt, 1);
-    vterm_output_set_callback(m_vt, &TerminalScreen::onOutput, this);
-    m_screen = vterm_obtain_screen(m_vt);
-    vterm_screen_set_callbacks(m_screen, &screenCallbacks, this);
-    vterm_screen_enable_altscreen(m_screen, 1);
-    vterm_screen_reset(m_screen, 1);
-    // Bold blue directories and the like in the bright colour, as xterm shows them.
-    vterm_state_set_bold_highbright(vterm_obtain_state(m_vt), 1);
-    VTermColor fg;
-    VTermColor bg;
-    vterm_state_get_default_colors(vterm_obtain_state(m_vt), &fg, &bg);
-    m_defaultFg = rgbOf(m_screen, fg);
-    m_defaultBg = rgbOf(m_screen, bg);
+    vterm_output_set_callback(m_vt, &TerminalScreenCallbacks::output, this);
+    m_state = vterm_obtain_state(m_vt);
     m_cursorVisible = true;
     m_altScreen = false;
+    m_mouse = Mouse::None;
+    m_wrapNext = false;
     m_title.clear();
+    VTermColor fg;
+    VTermColor bg;
+    vterm_state_get_default_colors(m_state, &fg, &bg);
+    m_pen = Stored { 0, packColour(fg), packColour(bg), 1, DefaultFg | DefaultBg };
+    for (Lines *lines : { &m_primary, &m_alt }) {
+        lines->assign(size_t(rows), Line {});
+        for (Line &line : *lines)
+            blankLine(line);
+    }
+    vterm_state_set_callbacks(m_state, &stateCallbacks, this);
+    // Bold blue directories and the like in the bright colour, as xterm shows them.
+    vterm_state_set_bold_highbright(m_state, 1);
+    vterm_state_reset(m_state, 1);
+    m_defaultFg = rgbOf(m_state, packColour(fg));
+    m_defaultBg = rgbOf(m_state, packColour(bg));
     primeRepeat();
+    ++m_epoch;
 }
 
 void TerminalScreen::primeRepeat()
@@ -178,17 +222,21 @@ void TerminalScreen::feed(const QByteArray &bytes)
     const qsizetype held = unfinishedUtf8(input->constData(), input->size());
     if (held > 0)
         m_partial = input->right(held);
+    QByteArray capped;
+    if (m_guard.cap(input->constData(), input->size() - held, &capped)) {
+        capped += m_partial;
+        input = &capped;
+    }
     // A full reset (ESC c) forgets the last character again.
     const qsizetype size = input->size() - held;
+    const QByteArrayView reset("\x1b"
+                               "c");
     qsizetype from = 0;
-    for (qsizetype reset = input->indexOf("\x1b"
-                                          "c");
-         reset >= 0 && reset + 2 <= size; reset = input->indexOf("\x1b"
-                                                                 "c",
-                                              reset + 2)) {
-        vterm_input_write(m_vt, input->constData() + from, size_t(reset + 2 - from));
+    for (qsizetype at = input->indexOf(reset); at >= 0 && at + 2 <= size;
+         at = input->indexOf(reset, at + 2)) {
+        vterm_input_write(m_vt, input->constData() + from, size_t(at + 2 - from));
         primeRepeat();
-        from = reset + 2;
+        from = at + 2;
     }
     vterm_input_write(m_vt, input->constData() + from, size_t(size - from));
     ++m_generation;
@@ -200,24 +248,25 @@ void TerminalScreen::resize(int rows, int columns)
     columns = qMax(minimumColumns, columns);
     if (rows == m_rows && columns == m_columns)
         return;
-    m_rows = rows;
-    m_columns = columns;
     vterm_set_size(m_vt, rows, columns);
-    // libvterm 0.1.4 leaves positions outside a screen that got smaller: it
-    // moves the cursor up with the lines it pushes into the scrollback, past
-    // the top if it was near it, and keeps the saved cursor (DECSC) where it
-    // was. The next character or DECRC then writes outside the screen. So
-    // the cursor goes back onto the screen, and the saved cursor becomes that
-    // position; programs redraw after a resize anyway.
+    // libvterm 0.1.4 keeps the saved cursor (DECSC) where it was, which may
+    // now be off the screen; the next DECRC would write outside it. The
+    // cursor is put back on the screen and saved there; programs redraw
+    // after a resize anyway.
     VTermPos cursor;
-    vterm_state_get_cursorpos(vterm_obtain_state(m_vt), &cursor);
+    vterm_state_get_cursorpos(m_state, &cursor);
     QByteArray fix;
     if (cursor.row < 0 || cursor.row >= rows || cursor.col < 0 || cursor.col > columns) {
         fix = "\x1b[?6l\x1b[" + QByteArray::number(qBound(0, cursor.row, rows - 1) + 1) + ';'
             + QByteArray::number(qBound(0, cursor.col, columns - 1) + 1) + 'H';
     }
+    // It also keeps a scroll region whose top is now below the last row,
+    // and the next line feed then scrolls a rectangle of negative height
+    // (a crash). The region goes back to the whole screen, as xterm does on
+    // a resize; DECSTBM homes the cursor, so it is saved and restored round it.
     fix += "\x1b"
-           "7";
+           "7\x1b[r\x1b"
+           "8";
     vterm_input_write(m_vt, fix.constData(), size_t(fix.size()));
     ++m_generation;
 }
@@ -225,7 +274,11 @@ void TerminalScreen::resize(int rows, int columns)
 void TerminalScreen::reset()
 {
     m_partial.clear();
+    m_guard = CsiParameterCap();
     m_scrollback.clear();
+    m_pushed = 0;
+    m_starLogged = -1;
+    m_starLines.clear();
     create(m_rows, m_columns);
     ++m_generation;
 }
@@ -238,209 +291,337 @@ void TerminalScreen::setScrollbackLimit(int lines)
     ++m_generation;
 }
 
-TerminalScreen::Stored TerminalScreen::toStored(const void *vtermCell) const
+TerminalScreen::Stored TerminalScreen::blankCell() const
 {
-    // Colours stay as libvterm keeps them (palette index or RGB) until a row
-    // is shown: a flood pushes far more lines than anyone looks at.
-    const auto *cell = static_cast<const VTermScreenCell *>(vtermCell);
-    Stored stored;
-    stored.ch = cell->chars[0] == wideContinuation ? 0 : cell->chars[0];
-    stored.width = cell->chars[0] == wideContinuation ? 0 : quint8(cell->width);
-    static_assert(sizeof(VTermColor) == sizeof(stored.fg));
-    std::memcpy(&stored.fg, &cell->fg, sizeof stored.fg);
-    std::memcpy(&stored.bg, &cell->bg, sizeof stored.bg);
-    stored.attrs = (cell->attrs.bold ? Bold : 0) | (cell->attrs.underline ? Underline : 0)
-        | (cell->attrs.italic ? Italic : 0) | (cell->attrs.reverse ? Reverse : 0)
-        | (VTERM_COLOR_IS_DEFAULT_BG(&cell->bg) ? DefaultBg : 0)
-        | (VTERM_COLOR_IS_DEFAULT_FG(&cell->fg) ? DefaultFg : 0);
-    return stored;
+    // Erased cells take the pen's colours (xterm's background colour erase)
+    // and none of its other attributes.
+    return Stored { 0, m_pen.fg, m_pen.bg, 1, quint8(m_pen.attrs & (DefaultFg | DefaultBg)) };
 }
 
-TerminalCell TerminalScreen::fromStored(const Stored &stored) const
+void TerminalScreen::blankLine(Line &line) const
 {
-    TerminalCell cell;
-    cell.ch = stored.ch;
-    cell.width = stored.width;
+    line.cells.assign(size_t(m_columns), blankCell());
+    line.wrapped = false;
+}
+
+void TerminalScreen::pushLine(Line &line)
+{
+    // The line's cells move into the scrollback as they are, and the line
+    // gets the oldest scrollback line's storage (or none) in return: a flood
+    // scrolls without copying or allocating. The caller blanks the line.
+    ++m_pushed;
+    if (m_scrollbackLimit == 0)
+        return;
+    Line recycled;
+    if (int(m_scrollback.size()) >= m_scrollbackLimit) {
+        recycled = std::move(m_scrollback.front());
+        m_scrollback.pop_front();
+    }
+    m_scrollback.push_back(std::move(line));
+    line = std::move(recycled);
+}
+
+void TerminalScreen::putGlyph(const uint32_t *chars, int width, bool protectedCell, int row, int column)
+{
+    Lines &lines = active();
+    if (row < 0 || row >= int(lines.size()) || column < 0 || column >= m_columns)
+        return;
+    std::vector<Stored> &cells = lines[size_t(row)].cells;
+    // Writing over half of a wide character leaves a blank in its other half.
+    if (cells[size_t(column)].width == 0 && column > 0)
+        cells[size_t(column - 1)] = Stored { 0, cells[size_t(column - 1)].fg, cells[size_t(column - 1)].bg, 1,
+            cells[size_t(column - 1)].attrs };
+    const int end = qMin(column + qMax(1, width), m_columns);
+    if (end < m_columns && cells[size_t(end)].width == 0)
+        cells[size_t(end)]
+            = Stored { 0, cells[size_t(end)].fg, cells[size_t(end)].bg, 1, cells[size_t(end)].attrs };
+    Stored cell = m_pen;
+    cell.ch = chars[0];
+    cell.width = quint8(qMax(1, width));
+    if (protectedCell)
+        cell.attrs |= Protected;
+    cells[size_t(column)] = cell;
+    cell.ch = 0;
+    cell.width = 0; // the right half of a wide character
+    for (int c = column + 1; c < end; ++c)
+        cells[size_t(c)] = cell;
+    // A glyph at the start of the row below the one that filled the last
+    // column is the terminal's own wrap.
+    if (m_wrapNext && column == 0 && row == m_lastGlyphRow + 1) {
+        if (m_lastGlyphRow >= 0)
+            lines[size_t(m_lastGlyphRow)].wrapped = true;
+        else if (m_lastGlyphRow >= -scrollbackCount())
+            m_scrollback[size_t(scrollbackCount() + m_lastGlyphRow)].wrapped = true;
+    }
+    m_wrapNext = end == m_columns;
+    m_lastGlyphRow = row;
+}
+
+void TerminalScreen::moveCursor(int row, int column, int oldRow, int oldColumn)
+{
+    // The cursor rests on the last column while a wrap is pending.
+    if (m_wrapNext && (row != m_lastGlyphRow || column != m_columns - 1))
+        m_wrapNext = false;
+    // A carriage return, or the cursor going to another row, ends the line.
+    if (row != oldRow || (column == 0 && oldColumn != 0))
+        lineEnded(oldRow);
+}
+
+bool TerminalScreen::scrollRect(int top, int bottom, int left, int right, int downward, int rightward)
+{
+    // Whole rows scroll by rotating them; anything narrower is left to
+    // libvterm, which then moves and erases rectangles.
+    Lines &lines = active();
+    if (rightward != 0 || left != 0 || right != m_columns || top < 0 || bottom > int(lines.size())
+        || top >= bottom)
+        return false;
+    const int height = bottom - top;
+    const int count = qMin(qAbs(downward), height);
+    // A line feed on the last row ends its line; a wrap (pending after the
+    // last column) does not.
+    if (downward == 1 && !m_wrapNext && cursorRow() == bottom - 1)
+        lineEnded(bottom - 1);
+    if (downward > 0) {
+        if (top == 0 && !m_altScreen) {
+            for (int i = 0; i < count; ++i)
+                pushLine(lines[size_t(i)]);
+        }
+        std::rotate(lines.begin() + top, lines.begin() + top + count, lines.begin() + bottom);
+        for (int i = bottom - count; i < bottom; ++i)
+            blankLine(lines[size_t(i)]);
+    } else {
+        std::rotate(lines.begin() + top, lines.begin() + bottom - count, lines.begin() + bottom);
+        for (int i = top; i < top + count; ++i)
+            blankLine(lines[size_t(i)]);
+    }
+    if (m_lastGlyphRow >= top && m_lastGlyphRow < bottom) {
+        m_lastGlyphRow -= downward;
+        if (m_lastGlyphRow >= bottom || (m_lastGlyphRow < top && (top != 0 || m_altScreen)))
+            m_wrapNext = false;
+    }
+    return true;
+}
+
+void TerminalScreen::moveRect(int destTop, int destLeft, int srcTop, int srcLeft, int height, int width)
+{
+    Lines &lines = active();
+    if (height <= 0 || width <= 0 || destLeft < 0 || srcLeft < 0 || destLeft + width > m_columns
+        || srcLeft + width > m_columns || qMin(destTop, srcTop) < 0
+        || qMax(destTop, srcTop) + height > int(lines.size()))
+        return;
+    const bool upwards = destTop <= srcTop;
+    for (int k = 0; k < height; ++k) {
+        const int i = upwards ? k : height - 1 - k;
+        Line &dest = lines[size_t(destTop + i)];
+        const Line &src = lines[size_t(srcTop + i)];
+        std::memmove(
+            &dest.cells[size_t(destLeft)], &src.cells[size_t(srcLeft)], size_t(width) * sizeof(Stored));
+        if (width == m_columns)
+            dest.wrapped = src.wrapped;
+    }
+    m_wrapNext = false;
+}
+
+void TerminalScreen::erase(int top, int bottom, int left, int right, bool selective)
+{
+    Lines &lines = active();
+    const Stored cleared = blankCell();
+    for (int row = qMax(0, top); row < qMin(bottom, int(lines.size())); ++row) {
+        Line &line = lines[size_t(row)];
+        for (int column = qMax(0, left); column < qMin(right, m_columns); ++column) {
+            Stored &cell = line.cells[size_t(column)];
+            if (!selective || !(cell.attrs & Protected))
+                cell = cleared;
+        }
+        if (right >= m_columns)
+            line.wrapped = false;
+    }
+}
+
+void TerminalScreen::resizeLines(
+    Lines &lines, bool isActive, bool keepsScrollback, int rows, int columns, int *rowDelta)
+{
+    int cursor = cursorRow();
+    if (rows < int(lines.size())) {
+        // Blank rows below the cursor go first, then rows off the top.
+        while (int(lines.size()) > rows && (!isActive || int(lines.size()) - 1 > cursor)) {
+            const Line &last = lines.back();
+            if (std::any_of(
+                    last.cells.begin(), last.cells.end(), [](const Stored &c) { return !blank(c.ch); }))
+                break;
+            lines.pop_back();
+        }
+        const int excess = int(lines.size()) - rows;
+        if (excess > 0) {
+            for (int i = 0; i < excess && keepsScrollback; ++i)
+                pushLine(lines[size_t(i)]);
+            lines.erase(lines.begin(), lines.begin() + excess);
+            if (isActive)
+                *rowDelta -= excess;
+        }
+    } else if (rows > int(lines.size())) {
+        // A taller screen takes its top back from the scrollback.
+        while (keepsScrollback && isActive && rows > int(lines.size()) && !m_scrollback.empty()) {
+            lines.insert(lines.begin(), std::move(m_scrollback.back()));
+            m_scrollback.pop_back();
+            --m_pushed;
+            ++*rowDelta;
+        }
+        while (rows > int(lines.size()))
+            lines.emplace_back();
+    }
+    const Stored fill { 0, m_pen.fg, m_pen.bg, 1, quint8(m_pen.attrs & (DefaultFg | DefaultBg)) };
+    for (Line &line : lines) {
+        line.cells.resize(size_t(columns), fill);
+        // A wide character cut in half by the new edge becomes a blank.
+        if (!line.cells.empty() && line.cells.back().width == 2)
+            line.cells.back() = fill;
+        if (int(line.cells.size()) < columns)
+            line.wrapped = false;
+    }
+}
+
+void TerminalScreen::onResize(int rows, int columns, int *rowDelta, int *columnDelta)
+{
+    const Stored pen = m_pen;
+    m_pen.attrs |= DefaultFg | DefaultBg; // new space is blank, whatever the pen
     VTermColor fg;
     VTermColor bg;
-    std::memcpy(&fg, &stored.fg, sizeof fg);
-    std::memcpy(&bg, &stored.bg, sizeof bg);
-    cell.fg = rgbOf(m_screen, fg);
-    cell.bg = rgbOf(m_screen, bg);
-    cell.bold = stored.attrs & Bold;
-    cell.underline = stored.attrs & Underline;
-    cell.italic = stored.attrs & Italic;
-    cell.reverse = stored.attrs & Reverse;
-    cell.defaultBg = stored.attrs & DefaultBg;
-    return cell;
+    vterm_state_get_default_colors(m_state, &fg, &bg);
+    m_pen.fg = packColour(fg);
+    m_pen.bg = packColour(bg);
+    if (columns != m_columns && !m_altScreen)
+        reflow(rows, columns, rowDelta, columnDelta);
+    else
+        resizeLines(m_primary, !m_altScreen, true, rows, columns, rowDelta);
+    int unused = 0;
+    resizeLines(m_alt, m_altScreen, false, rows, columns, m_altScreen ? rowDelta : &unused);
+    m_pen = pen;
+    m_rows = rows;
+    m_columns = columns;
+    m_wrapNext = false;
 }
 
-int TerminalScreen::onPushLine(int columns, const void *cells, void *user)
+void TerminalScreen::reflow(int rows, int columns, int *rowDelta, int *columnDelta)
 {
-    auto *self = static_cast<TerminalScreen *>(user);
-    if (self->m_scrollbackLimit == 0)
-        return 1;
-    const auto *vcells = static_cast<const VTermScreenCell *>(cells);
-    // Blank cells at the end of a line cost memory and show nothing.
-    int used = columns;
-    while (used > 0 && blank(vcells[used - 1].chars[0]) && VTERM_COLOR_IS_DEFAULT_BG(&vcells[used - 1].bg)
-        && !vcells[used - 1].attrs.reverse)
-        --used;
-    // A full scrollback hands its oldest line's storage to the newest.
-    Line line;
-    if (int(self->m_scrollback.size()) >= self->m_scrollbackLimit) {
-        line = std::move(self->m_scrollback.front());
-        self->m_scrollback.pop_front();
-        line.clear();
-    }
-    line.reserve(size_t(used));
-    for (int i = 0; i < used; ++i)
-        line.push_back(self->toStored(&vcells[i]));
-    self->m_scrollback.push_back(std::move(line));
-    return 1;
-}
-
-int TerminalScreen::onPopLine(int columns, void *cells, void *user)
-{
-    // The screen grew taller: its top takes back the newest scrollback line.
-    auto *self = static_cast<TerminalScreen *>(user);
-    if (self->m_scrollback.empty())
-        return 0;
-    const Line line = std::move(self->m_scrollback.back());
-    self->m_scrollback.pop_back();
-    auto *vcells = static_cast<VTermScreenCell *>(cells);
-    for (int i = 0; i < columns; ++i) {
-        VTermScreenCell &cell = vcells[i];
-        std::memset(&cell, 0, sizeof cell);
-        cell.width = 1;
-        vterm_color_rgb(&cell.fg, red(self->m_defaultFg), green(self->m_defaultFg), blue(self->m_defaultFg));
-        vterm_color_rgb(&cell.bg, red(self->m_defaultBg), green(self->m_defaultBg), blue(self->m_defaultBg));
-        cell.fg.type |= VTERM_COLOR_DEFAULT_FG;
-        cell.bg.type |= VTERM_COLOR_DEFAULT_BG;
-        if (i >= int(line.size()))
-            continue;
-        const Stored &stored = line[size_t(i)];
-        cell.chars[0] = stored.width == 0 ? wideContinuation : uint32_t(stored.ch);
-        cell.width = stored.width == 0 ? 1 : stored.width;
-        std::memcpy(&cell.fg, &stored.fg, sizeof cell.fg);
-        std::memcpy(&cell.bg, &stored.bg, sizeof cell.bg);
-        cell.attrs.bold = (stored.attrs & Bold) != 0;
-        cell.attrs.underline = (stored.attrs & Underline) != 0;
-        cell.attrs.italic = (stored.attrs & Italic) != 0;
-        cell.attrs.reverse = (stored.attrs & Reverse) != 0;
-    }
-    return 1;
-}
-
-void TerminalScreen::onOutput(const char *bytes, size_t length, void *user)
-{
-    static_cast<TerminalScreen *>(user)->m_output.append(bytes, qsizetype(length));
-}
-
-TerminalCell TerminalScreen::cell(int row, int column) const
-{
-    TerminalCell blankCell;
-    blankCell.fg = m_defaultFg;
-    blankCell.bg = m_defaultBg;
-    if (column < 0 || row >= m_rows || row < -scrollbackCount())
-        return blankCell;
-    if (row < 0) {
-        const Line &line = m_scrollback[size_t(scrollbackCount() + row)];
-        return column < int(line.size()) ? fromStored(line[size_t(column)]) : blankCell;
-    }
-    if (column >= m_columns)
-        return blankCell;
-    VTermScreenCell vcell;
-    if (!vterm_screen_get_cell(m_screen, VTermPos { row, column }, &vcell))
-        return blankCell;
-    return fromStored(toStored(&vcell));
-}
-
-QString TerminalScreen::rowText(int row) const
-{
-    QString out;
-    const int width = row < 0 && row >= -scrollbackCount()
-        ? int(m_scrollback[size_t(scrollbackCount() + row)].size())
-        : m_columns;
-    for (int column = 0; column < width; ++column) {
-        const TerminalCell c = cell(row, column);
-        if (c.width == 0)
-            continue; // the right half of a wide character
-        appendChar(out, c.ch);
-    }
-    while (out.endsWith(QLatin1Char(' ')))
-        out.chop(1);
-    return out;
-}
-
-QString TerminalScreen::text(int firstRow, int lastRow) const
-{
-    QString out;
-    for (int row = firstRow; row <= lastRow; ++row) {
-        const QString line = rowText(row);
-        out += line;
-        if (row == lastRow)
-            break;
-        // A row written to its last column wrapped into the next one.
-        const bool wrapped = !blank(cell(row, m_columns - 1).ch) && line.size() >= m_columns - 1;
-        if (!wrapped)
-            out += QLatin1Char('\n');
-    }
-    return out;
-}
-
-QString TerminalScreen::allText() const
-{
-    int last = cursorRow();
-    for (int row = m_rows - 1; row > last; --row) {
-        if (!rowText(row).isEmpty()) {
-            last = row;
+    // The lines the device wrote (rows the terminal wrapped joined), from the
+    // oldest scrollback line to the last screen row in use, then cut again at
+    // the new width. The cursor stays on its character.
+    const int oldCursorRow = cursorRow();
+    const int oldCursorColumn = cursorColumn();
+    int lastUsed = oldCursorRow;
+    for (int row = int(m_primary.size()) - 1; row > lastUsed; --row) {
+        const auto &cells = m_primary[size_t(row)].cells;
+        if (std::any_of(cells.begin(), cells.end(), [](const Stored &c) { return !blank(c.ch); })) {
+            lastUsed = row;
             break;
         }
     }
-    return text(-scrollbackCount(), last);
-}
-
-QString TerminalScreen::selectionText(int startRow, int startColumn, int endRow, int endColumn) const
-{
-    if (endRow < startRow || (endRow == startRow && endColumn < startColumn)) {
-        std::swap(startRow, endRow);
-        std::swap(startColumn, endColumn);
-    }
-    QString out;
-    for (int row = startRow; row <= endRow; ++row) {
-        const int from = row == startRow ? startColumn : 0;
-        const int to = row == endRow ? endColumn : m_columns;
-        QString line;
-        for (int column = qMax(0, from); column < to; ++column) {
-            const TerminalCell c = cell(row, column);
-            if (c.width != 0)
-                appendChar(line, c.ch);
+    const int oldScrollback = scrollbackCount();
+    std::vector<std::vector<Stored>> logical(1);
+    size_t cursorLine = 0;
+    size_t cursorOffset = 0;
+    const auto take = [&](Line &line, bool cursorHere) {
+        std::vector<Stored> &joined = logical.back();
+        if (cursorHere) {
+            cursorLine = logical.size() - 1;
+            cursorOffset = joined.size() + size_t(qMax(0, oldCursorColumn));
         }
-        if (row != endRow) {
-            while (line.endsWith(QLatin1Char(' ')))
-                line.chop(1);
-            out += line;
-            if (blank(cell(row, m_columns - 1).ch))
-                out += QLatin1Char('\n');
+        size_t used = line.cells.size();
+        if (!line.wrapped) {
+            while (used > 0 && blank(line.cells[used - 1].ch) && (line.cells[used - 1].attrs & DefaultBg)
+                && !(line.cells[used - 1].attrs & Reverse))
+                --used;
+        }
+        if (joined.empty()) { // the usual case, one row: its storage moves, nothing is copied
+            joined = std::move(line.cells);
+            joined.resize(used);
         } else {
-            out += line;
+            joined.insert(joined.end(), line.cells.begin(), line.cells.begin() + qsizetype(used));
+        }
+        if (!line.wrapped)
+            logical.emplace_back();
+    };
+    for (Line &line : m_scrollback)
+        take(line, false);
+    for (int row = 0; row <= lastUsed && row < int(m_primary.size()); ++row)
+        take(m_primary[size_t(row)], row == oldCursorRow);
+    if (logical.size() > 1 && logical.back().empty())
+        logical.pop_back();
+
+    const Stored fill = blankCell();
+    std::vector<Line> cut;
+    int cursorRowCut = 0;
+    int cursorColumnCut = 0;
+    cut.reserve(logical.size() + size_t(rows));
+    for (size_t index = 0; index < logical.size(); ++index) {
+        std::vector<Stored> &cells = logical[index];
+        const size_t firstRow = cut.size();
+        size_t at = 0;
+        if (cells.size() <= size_t(columns) && index != cursorLine) {
+            cells.resize(size_t(columns), fill);
+            cut.push_back(Line { std::move(cells), false });
+            continue;
+        }
+        do {
+            size_t end = qMin(cells.size(), at + size_t(columns));
+            // A wide character never straddles the edge: it starts the next row.
+            if (end < cells.size() && end > at + 1 && cells[end - 1].width == 2)
+                --end;
+            Line line;
+            line.cells.assign(cells.begin() + qsizetype(at), cells.begin() + qsizetype(end));
+            line.cells.resize(size_t(columns), fill);
+            line.wrapped = end < cells.size();
+            cut.push_back(std::move(line));
+            at = end;
+        } while (at < cells.size());
+        if (index == cursorLine) {
+            // The cursor may stand past the line's end; the rows it needs are added.
+            size_t offset = 0;
+            size_t row = firstRow;
+            for (; row + 1 < cut.size() && offset + size_t(columns) <= cursorOffset; ++row)
+                offset += size_t(columns);
+            while (cursorOffset - offset >= size_t(columns)) {
+                cut[row].wrapped = true;
+                cut.insert(cut.begin() + qsizetype(++row),
+                    Line { std::vector<Stored>(size_t(columns), fill), false });
+                offset += size_t(columns);
+            }
+            cursorRowCut = int(row);
+            cursorColumnCut = int(cursorOffset - offset);
         }
     }
-    return out;
+
+    // The last rows make the screen, and the cursor's row is always on it.
+    int screenStart = qMax(0, int(cut.size()) - rows);
+    screenStart = qMin(screenStart, cursorRowCut);
+    m_scrollback.clear();
+    for (int i = qMax(0, screenStart - m_scrollbackLimit); i < screenStart; ++i)
+        m_scrollback.push_back(std::move(cut[size_t(i)]));
+    m_primary.clear();
+    for (int i = screenStart; i < screenStart + rows; ++i) {
+        if (i < int(cut.size()))
+            m_primary.push_back(std::move(cut[size_t(i)]));
+        else
+            m_primary.push_back(Line { std::vector<Stored>(size_t(columns), fill), false });
+    }
+    m_pushed += scrollbackCount() - oldScrollback;
+    ++m_epoch; // line numbers changed: selections go
+    *rowDelta += (cursorRowCut - screenStart) - oldCursorRow;
+    *columnDelta += cursorColumnCut - oldCursorColumn;
 }
 
 int TerminalScreen::cursorRow() const
 {
     VTermPos pos;
-    vterm_state_get_cursorpos(vterm_obtain_state(m_vt), &pos);
+    vterm_state_get_cursorpos(m_state, &pos);
     return pos.row;
 }
 
 int TerminalScreen::cursorColumn() const
 {
     VTermPos pos;
-    vterm_state_get_cursorpos(vterm_obtain_state(m_vt), &pos);
+    vterm_state_get_cursorpos(m_state, &pos);
     return pos.col;
 }
 
@@ -449,112 +630,4 @@ QByteArray TerminalScreen::takeOutput()
     QByteArray out;
     out.swap(m_output);
     return out;
-}
-
-bool TerminalScreen::key(int qtKey, Qt::KeyboardModifiers modifiers, const QString &text)
-{
-    int mod = VTERM_MOD_NONE;
-    if (modifiers & Qt::ShiftModifier)
-        mod |= VTERM_MOD_SHIFT;
-    if (modifiers & Qt::AltModifier)
-        mod |= VTERM_MOD_ALT;
-    if (modifiers & Qt::ControlModifier)
-        mod |= VTERM_MOD_CTRL;
-    const auto modifier = VTermModifier(mod);
-
-    VTermKey special = VTERM_KEY_NONE;
-    switch (qtKey) {
-    case Qt::Key_Return:
-        special = VTERM_KEY_ENTER;
-        break;
-    case Qt::Key_Enter:
-        special = VTERM_KEY_KP_ENTER;
-        break;
-    case Qt::Key_Tab:
-        special = VTERM_KEY_TAB;
-        break;
-    case Qt::Key_Backtab:
-        special = VTERM_KEY_TAB;
-        break;
-    case Qt::Key_Backspace:
-        special = VTERM_KEY_BACKSPACE;
-        break;
-    case Qt::Key_Escape:
-        special = VTERM_KEY_ESCAPE;
-        break;
-    case Qt::Key_Up:
-        special = VTERM_KEY_UP;
-        break;
-    case Qt::Key_Down:
-        special = VTERM_KEY_DOWN;
-        break;
-    case Qt::Key_Left:
-        special = VTERM_KEY_LEFT;
-        break;
-    case Qt::Key_Right:
-        special = VTERM_KEY_RIGHT;
-        break;
-    case Qt::Key_Insert:
-        special = VTERM_KEY_INS;
-        break;
-    case Qt::Key_Delete:
-        special = VTERM_KEY_DEL;
-        break;
-    case Qt::Key_Home:
-        special = VTERM_KEY_HOME;
-        break;
-    case Qt::Key_End:
-        special = VTERM_KEY_END;
-        break;
-    case Qt::Key_PageUp:
-        special = VTERM_KEY_PAGEUP;
-        break;
-    case Qt::Key_PageDown:
-        special = VTERM_KEY_PAGEDOWN;
-        break;
-    default:
-        if (qtKey >= Qt::Key_F1 && qtKey <= Qt::Key_F12)
-            special = VTermKey(VTERM_KEY_FUNCTION(qtKey - Qt::Key_F1 + 1));
-        break;
-    }
-    if (special == VTERM_KEY_KP_ENTER)
-        special = VTERM_KEY_ENTER;
-    if (special != VTERM_KEY_NONE) {
-        vterm_keyboard_key(m_vt, special, modifier);
-        return true;
-    }
-
-    // Ctrl with a letter is its control character, whatever text the
-    // platform attaches; Alt puts ESC in front, as xterm's metaSendsEscape.
-    QByteArray bytes;
-    if ((modifiers & Qt::ControlModifier) && qtKey >= Qt::Key_A && qtKey <= Qt::Key_Z) {
-        bytes = QByteArray(1, char(qtKey - Qt::Key_A + 1));
-    } else if ((modifiers & Qt::ControlModifier) && qtKey >= Qt::Key_BracketLeft
-        && qtKey <= Qt::Key_Underscore) {
-        bytes = QByteArray(1, char(qtKey - Qt::Key_A + 1)); // Ctrl+[ \ ] ^ _
-    } else if ((modifiers & Qt::ControlModifier) && (qtKey == Qt::Key_Space || qtKey == Qt::Key_At)) {
-        bytes = QByteArray(1, '\0');
-    } else if (!text.isEmpty()) {
-        bytes = text.toUtf8();
-    } else if ((modifiers & Qt::AltModifier) && qtKey >= Qt::Key_Space && qtKey <= Qt::Key_AsciiTilde) {
-        const char base = char(qtKey);
-        bytes = QByteArray(
-            1, (modifiers & Qt::ShiftModifier) ? base : QChar::fromLatin1(base).toLower().toLatin1());
-    }
-    if (bytes.isEmpty())
-        return false;
-    if (modifiers & Qt::AltModifier)
-        bytes.prepend('\x1b');
-    m_output += bytes;
-    return true;
-}
-
-void TerminalScreen::paste(const QString &text)
-{
-    QString normalised = text;
-    normalised.replace(QLatin1String("\r\n"), QLatin1String("\r"));
-    normalised.replace(QLatin1Char('\n'), QLatin1Char('\r'));
-    vterm_keyboard_start_paste(m_vt);
-    m_output += normalised.toUtf8();
-    vterm_keyboard_end_paste(m_vt);
 }

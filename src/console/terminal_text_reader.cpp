@@ -61,69 +61,17 @@ int TerminalTextReader::onText(const char *bytes, size_t length, void *user)
 
 int TerminalTextReader::onControl(unsigned char control, void *user)
 {
-    auto *self = static_cast<TerminalTextReader *>(user);
-    if (control == '\r' || control == '\n' || control == '\b' || control == '\t') {
-        self->m_pendingText.append(char(control));
-    }
+    if (control == '\r' || control == '\n' || control == '\b' || control == '\t')
+        static_cast<TerminalTextReader *>(user)->m_pendingText.append(char(control));
     return 1;
 }
 
-void TerminalTextReader::flushText()
+QString TerminalTextReader::decode(const QByteArray &block)
 {
-    if (m_pendingText.isEmpty())
-        return;
+    QByteArray capped;
+    const QByteArray &input = m_guard.cap(block.constData(), block.size(), &capped) ? capped : block;
+    vterm_input_write(m_vt, input.constData(), size_t(input.size()));
     const QString text = m_decoder.decode(m_pendingText);
-    m_pendingText.clear();
-    m_decoded += text;
-    for (const QChar ch : text) {
-        switch (ch.unicode()) {
-        case '\r':
-        case '\n':
-            if (!m_lineLogged && m_line.startsWith(QLatin1Char('*'))) {
-                m_ops.append(TerminalOp { TerminalOp::LogLine, m_line + QStringLiteral("\r\n") });
-                m_lineLogged = true;
-            }
-            if (ch == QLatin1Char('\n')) {
-                m_line.clear();
-                m_lineLogged = false;
-                m_crPending = false;
-            } else {
-                m_crPending = true;
-            }
-            break;
-        case '\b':
-            if (!m_line.isEmpty())
-                m_line.chop(1);
-            break;
-        default:
-            if (m_crPending) {
-                // A carriage return without a line feed: the line is written anew.
-                m_line.clear();
-                m_lineLogged = false;
-                m_crPending = false;
-            }
-            m_line += ch;
-            break;
-        }
-    }
-    // Only the end of a line can be a prompt; a very long line is kept short.
-    if (m_line.size() > 4096)
-        m_line.remove(0, m_line.size() - 1024);
-}
-
-TerminalTextReader::Result TerminalTextReader::feed(const QByteArray &block)
-{
-    vterm_input_write(m_vt, block.constData(), size_t(block.size()));
-    flushText();
-    if (!m_crPending) {
-        QStringView line(m_line);
-        while (!line.isEmpty() && line.last().isSpace())
-            line.chop(1);
-        if (line.size() > 1 && (line.endsWith(QLatin1Char('#')) || line.endsWith(QLatin1Char('>'))))
-            m_ops.append(TerminalOp { TerminalOp::Caption, TerminalProcessor::hostName(line) });
-    }
-    Result result { std::move(m_decoded), std::move(m_ops) };
-    m_decoded.clear();
-    m_ops.clear();
-    return result;
+    m_pendingText.resize(0);
+    return text;
 }

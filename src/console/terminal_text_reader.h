@@ -1,28 +1,22 @@
 #pragma once
 
-#include "console/terminal_processor.h"
+#include "console/csi_parameter_cap.h"
 
 #include <QByteArray>
-#include <QList>
 #include <QString>
 #include <QStringDecoder>
 
 struct VTerm;
 
 // The text of a terminal-mode console with colours and escapes gone, for
-// everything that reads what the device says: the prompt caption, the "*"
-// lines for the log page, the flash listing reader and the session log.
+// the readers that take the device's stream as text: the flash listing
+// reader and the text session log. (The prompt caption and the "*" lines
+// are read from the screen itself.)
 //
 // libvterm's parser splits the stream (escape sequences, control strings,
 // UTF-8 text, C0 controls); this class keeps the text and the controls that
-// shape lines (CR, LF, backspace, tab) and drops the rest. feed() returns the
-// decoded text of one block (UTF-8 split across blocks is joined) and the
-// same TerminalOps the classic processor gives for log lines and captions:
-//  - a line that begins with "*" goes to the log page once, when its CR or
-//    LF arrives, with CR LF;
-//  - a block that leaves a line of two or more characters ending in "#" or
-//    ">" (trailing blanks ignored, since coloured prompts end in a space)
-//    captions the console with the host name read from that line.
+// shape lines (CR, LF, backspace, tab) and drops the rest. decode() returns
+// the text of one block; UTF-8 split across blocks is joined.
 class TerminalTextReader
 {
 public:
@@ -31,29 +25,16 @@ public:
     TerminalTextReader(const TerminalTextReader &) = delete;
     TerminalTextReader &operator=(const TerminalTextReader &) = delete;
 
-    struct Result
-    {
-        QString text;
-        QList<TerminalOp> ops;
-    };
-    Result feed(const QByteArray &block);
-
-    // The line being written (what a prompt is read from).
-    QString currentLine() const { return m_line; }
+    QString decode(const QByteArray &block);
 
 private:
     static int onText(const char *bytes, size_t length, void *user);
     static int onControl(unsigned char control, void *user);
-    void flushText();
 
     VTerm *m_vt;
     QStringDecoder m_decoder;
     QByteArray m_pendingText;
-    QString m_decoded;
-    QList<TerminalOp> m_ops;
-    QString m_line;
-    bool m_lineLogged = false;
-    bool m_crPending = false;
+    CsiParameterCap m_guard;
 
     friend struct TerminalTextReaderCallbacks;
 };

@@ -8,7 +8,9 @@
 #include <QFontDatabase>
 #include <QKeyEvent>
 #include <QPainter>
+#include <QScreen>
 #include <QScrollBar>
+#include <QTimer>
 #include <cctype>
 
 namespace {
@@ -34,6 +36,7 @@ bool wordChar(char32_t ch)
 TerminalWidget::TerminalWidget(ConsoleTerminal *terminal, QWidget *parent)
     : QAbstractScrollArea(parent)
     , m_terminal(terminal)
+    , m_frame(new QTimer(this))
 {
     setObjectName(QStringLiteral("TerminalBox"));
     QFont font = QFontDatabase::systemFont(QFontDatabase::FixedFont);
@@ -48,9 +51,16 @@ TerminalWidget::TerminalWidget(ConsoleTerminal *terminal, QWidget *parent)
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);
     viewport()->setCursor(Qt::IBeamCursor);
+    // paintEvent() covers every pixel, so nothing beneath is painted first.
     viewport()->setAutoFillBackground(false);
+    viewport()->setAttribute(Qt::WA_OpaquePaintEvent);
+    // One paint per frame of the screen it is on, however fast output comes.
+    const qreal hz = screen() && screen()->refreshRate() > 1 ? screen()->refreshRate() : 60;
+    m_frame->setSingleShot(true);
+    m_frameInterval = qBound(4, qRound(1000 / hz), 50);
+    connect(m_frame, &QTimer::timeout, this, &TerminalWidget::refresh);
     connect(m_terminal, &ConsoleTerminal::screenChanged, this, &TerminalWidget::onScreenChanged);
-    onScreenChanged();
+    refresh();
 }
 
 int TerminalWidget::gridColumns() const
@@ -70,14 +80,34 @@ int TerminalWidget::firstVisibleRow() const
 
 void TerminalWidget::onScreenChanged()
 {
+    if (m_frame->isActive())
+        return;
+    // Output that keeps coming (a flood) is painted every second frame; the
+    // first change after a quiet spell waits one frame.
+    const int frame = m_frameInterval;
+    const qint64 since = m_sinceRefresh.isValid() ? m_sinceRefresh.elapsed() : frame;
+    m_frame->start(int(qMax(qint64(frame), 2 * frame - since)));
+}
+
+void TerminalWidget::refresh()
+{
+    m_sinceRefresh.start();
     const TerminalScreen &screen = m_terminal->screen();
+    if (screen.epoch() != m_epoch) {
+        m_epoch = screen.epoch();
+        m_hasSelection = m_selecting = false;
+    }
+    if (m_hasSelection && screen.rowOf(qMin(m_anchorLine, m_endLine)) < -screen.scrollbackCount())
+        m_hasSelection = m_selecting = false; // its lines have left the scrollback
     QScrollBar *bar = verticalScrollBar();
     const bool atBottom = bar->value() >= bar->maximum();
-    const int fromBottom = bar->maximum() - bar->value();
-    bar->setRange(0, screen.scrollbackCount());
+    const int count = screen.scrollbackCount();
+    const int first = atBottom ? 0 : int(qBound(qint64(-count), screen.rowOf(m_topLine), qint64(0)));
+    bar->setRange(0, count);
     bar->setPageStep(screen.rows());
     bar->setSingleStep(1);
-    bar->setValue(atBottom ? bar->maximum() : bar->maximum() - fromBottom);
+    bar->setValue(count + first);
+    viewport()->setMouseTracking(screen.mouseMode() == TerminalScreen::Mouse::Move);
     viewport()->update();
 }
 
@@ -99,6 +129,7 @@ void TerminalWidget::resizeEvent(QResizeEvent *event)
 
 void TerminalWidget::scrollContentsBy(int, int)
 {
+    m_topLine = m_terminal->screen().lineNumber(firstVisibleRow());
     viewport()->update();
 }
 
@@ -106,15 +137,20 @@ bool TerminalWidget::selected(int row, int column) const
 {
     if (!m_hasSelection)
         return false;
-    QPoint from = m_anchor;
-    QPoint to = m_end;
-    if (to.y() < from.y() || (to.y() == from.y() && to.x() < from.x()))
-        std::swap(from, to);
-    if (row < from.y() || row > to.y())
+    const qint64 line = m_terminal->screen().lineNumber(row);
+    qint64 fromLine = m_anchorLine;
+    int fromColumn = m_anchorColumn;
+    qint64 toLine = m_endLine;
+    int toColumn = m_endColumn;
+    if (toLine < fromLine || (toLine == fromLine && toColumn < fromColumn)) {
+        std::swap(fromLine, toLine);
+        std::swap(fromColumn, toColumn);
+    }
+    if (line < fromLine || line > toLine)
         return false;
-    if (row == from.y() && column < from.x())
+    if (line == fromLine && column < fromColumn)
         return false;
-    if (row == to.y() && column >= to.x())
+    if (line == toLine && column >= toColumn)
         return false;
     return true;
 }
@@ -206,6 +242,8 @@ void TerminalWidget::keyPressEvent(QKeyEvent *event)
     if (mods == (Qt::ControlModifier | Qt::ShiftModifier) && key == Qt::Key_V)
         return pasteClipboard();
     if (mods == Qt::ShiftModifier && (key == Qt::Key_PageUp || key == Qt::Key_PageDown)) {
+        if (m_frame->isActive())
+            refresh(); // scroll from what the screen holds now, not the last frame
         QScrollBar *bar = verticalScrollBar();
         bar->setValue(bar->value() + (key == Qt::Key_PageUp ? -1 : 1) * qMax(1, bar->pageStep() - 1));
         return;
@@ -231,12 +269,40 @@ QPoint TerminalWidget::cellAt(const QPoint &position) const
     return QPoint(column, row);
 }
 
+bool TerminalWidget::reportsMouse(Qt::KeyboardModifiers modifiers) const
+{
+    // Shift keeps the mouse for selecting, as in xterm; the scrollback is ours.
+    return m_terminal->screen().mouseMode() != TerminalScreen::Mouse::None && !(modifiers & Qt::ShiftModifier)
+        && !m_selecting && firstVisibleRow() == 0;
+}
+
+void TerminalWidget::reportMouse(QMouseEvent *event, bool pressed)
+{
+    const QPoint at = event->position().toPoint();
+    const int row = at.y() / m_cellHeight;
+    const int column = at.x() / m_cellWidth;
+    const Qt::MouseButton button = event->button();
+    const int number = button == Qt::LeftButton ? 1
+        : button == Qt::MiddleButton            ? 2
+        : button == Qt::RightButton             ? 3
+                                                : 0;
+    if (event->type() == QEvent::MouseMove)
+        m_terminal->mouseMove(row, column, event->modifiers());
+    else if (number != 0)
+        m_terminal->mouseButton(row, column, number, pressed, event->modifiers());
+}
+
 void TerminalWidget::mousePressEvent(QMouseEvent *event)
 {
     setFocus();
+    if (reportsMouse(event->modifiers()))
+        return reportMouse(event, true);
     if (event->button() != Qt::LeftButton)
         return;
-    m_anchor = m_end = cellAt(event->position().toPoint());
+    const QPoint at = cellAt(event->position().toPoint());
+    m_epoch = m_terminal->screen().epoch(); // a selection belongs to the screen it was made on
+    m_anchorColumn = m_endColumn = at.x();
+    m_anchorLine = m_endLine = m_terminal->screen().lineNumber(at.y());
     m_selecting = true;
     m_hasSelection = false;
     viewport()->update();
@@ -244,15 +310,37 @@ void TerminalWidget::mousePressEvent(QMouseEvent *event)
 
 void TerminalWidget::mouseMoveEvent(QMouseEvent *event)
 {
+    if (reportsMouse(event->modifiers()))
+        return reportMouse(event, false);
     if (!m_selecting)
         return;
-    m_end = cellAt(event->position().toPoint());
-    m_hasSelection = m_end != m_anchor;
+    const QPoint at = cellAt(event->position().toPoint());
+    m_endColumn = at.x();
+    m_endLine = m_terminal->screen().lineNumber(at.y());
+    m_hasSelection = m_endColumn != m_anchorColumn || m_endLine != m_anchorLine;
     viewport()->update();
+}
+
+void TerminalWidget::wheelEvent(QWheelEvent *event)
+{
+    if (!reportsMouse(event->modifiers())) {
+        if (m_frame->isActive())
+            refresh();
+        return QAbstractScrollArea::wheelEvent(event);
+    }
+    event->accept();
+    const int delta = event->angleDelta().y();
+    if (delta == 0)
+        return;
+    const QPoint at = event->position().toPoint();
+    m_terminal->mouseButton(
+        at.y() / m_cellHeight, at.x() / m_cellWidth, delta > 0 ? 4 : 5, true, event->modifiers());
 }
 
 void TerminalWidget::mouseReleaseEvent(QMouseEvent *event)
 {
+    if (reportsMouse(event->modifiers()))
+        return reportMouse(event, false);
     if (event->button() == Qt::LeftButton) {
         m_selecting = false;
         if (m_hasSelection && QApplication::clipboard()->supportsSelection())
@@ -274,6 +362,8 @@ void TerminalWidget::mouseReleaseEvent(QMouseEvent *event)
 
 void TerminalWidget::mouseDoubleClickEvent(QMouseEvent *event)
 {
+    if (reportsMouse(event->modifiers()))
+        return reportMouse(event, true); // to the device, a second press
     if (event->button() != Qt::LeftButton)
         return;
     const TerminalScreen &screen = m_terminal->screen();
@@ -293,17 +383,23 @@ void TerminalWidget::mouseDoubleClickEvent(QMouseEvent *event)
 
 void TerminalWidget::select(int startRow, int startColumn, int endRow, int endColumn)
 {
-    m_anchor = QPoint(startColumn, startRow);
-    m_end = QPoint(endColumn, endRow);
-    m_hasSelection = m_anchor != m_end;
+    const TerminalScreen &screen = m_terminal->screen();
+    m_epoch = screen.epoch();
+    m_anchorColumn = startColumn;
+    m_anchorLine = screen.lineNumber(startRow);
+    m_endColumn = endColumn;
+    m_endLine = screen.lineNumber(endRow);
+    m_hasSelection = m_anchorColumn != m_endColumn || m_anchorLine != m_endLine;
     viewport()->update();
 }
 
 QString TerminalWidget::selectedText() const
 {
-    if (!m_hasSelection)
+    const TerminalScreen &screen = m_terminal->screen();
+    if (!m_hasSelection || screen.epoch() != m_epoch)
         return {};
-    return m_terminal->screen().selectionText(m_anchor.y(), m_anchor.x(), m_end.y(), m_end.x());
+    return screen.selectionText(
+        int(screen.rowOf(m_anchorLine)), m_anchorColumn, int(screen.rowOf(m_endLine)), m_endColumn);
 }
 
 void TerminalWidget::copySelection()

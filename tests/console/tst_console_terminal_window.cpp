@@ -4,6 +4,7 @@
 #include "console/console_window.h"
 #include "console/log_session_dialog.h"
 #include "console/session_log.h"
+#include "console/terminal_screen.h"
 #include "console/terminal_view.h"
 #include "console/terminal_widget.h"
 #include "test_support.h"
@@ -158,6 +159,51 @@ private Q_SLOTS:
         QVERIFY(screen.scrollbackCount() > 150);
         QTest::keyClick(view, Qt::Key_A);
         QCOMPARE(view->firstVisibleRow(), 0);
+    }
+
+    void selectionAndScrolledViewHoldTheirLinesAndMouseReports()
+    {
+        connectDevice();
+        m_window->terminalEmulationAction()->trigger();
+        TerminalWidget *view = m_window->terminalBox();
+        const TerminalScreen &screen = session().terminal()->screen();
+        deviceSays("R1 uplink Gi0/1 to spine-2#", QStringLiteral("spine-2#"));
+        const int h = view->cellSize().height();
+        const int w = view->cellSize().width();
+        const int y = screen.cursorRow() * h + h / 2;
+        QTest::mousePress(view->viewport(), Qt::LeftButton, {}, QPoint(3 * w, y));
+        QTest::mouseMove(view->viewport(), QPoint(14 * w, y));
+        QTest::mouseRelease(view->viewport(), Qt::LeftButton, {}, QPoint(14 * w, y));
+        QCOMPARE(view->selectedText(), QStringLiteral("uplink Gi0/"));
+
+        // Output pushes the selected line into the scrollback: the selection goes with it.
+        QByteArray lines;
+        for (int i = 0; i < 100; ++i)
+            lines += "\r\nshow interface Gi0/" + QByteArray::number(i);
+        deviceSays(lines, QStringLiteral("Gi0/99"));
+        QCOMPARE(view->selectedText(), QStringLiteral("uplink Gi0/"));
+        // A view scrolled back stays on its lines while more output arrives.
+        QTest::keyClick(view, Qt::Key_PageUp, Qt::ShiftModifier);
+        const QString top = screen.rowText(view->firstVisibleRow());
+        QVERIFY(view->firstVisibleRow() < 0);
+        deviceSays("\r\nmore\r\nlines", QStringLiteral("lines"));
+        QTRY_COMPARE(screen.rowText(view->firstVisibleRow()), top);
+
+        // A device that asks for mouse reports (SGR encoding) gets clicks; Shift still selects.
+        QTest::keyClick(view, Qt::Key_Return);
+        deviceSays("\x1b[?1000h\x1b[?1006h\r\nmenu> ", QStringLiteral("menu>"));
+        m_received.clear();
+        const int row = screen.cursorRow();
+        QTRY_COMPARE(view->firstVisibleRow(), 0);
+        QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, QPoint(4 * w + 1, row * h + 1));
+        const QByteArray at = QByteArray::number(row + 1);
+        QTRY_COMPARE(m_received, "\x1b[<0;5;" + at + "M\x1b[<0;5;" + at + "m");
+        QTest::mousePress(view->viewport(), Qt::LeftButton, Qt::ShiftModifier, QPoint(0, row * h + h / 2));
+        QTest::mouseMove(view->viewport(), QPoint(4 * w, row * h + h / 2));
+        QTest::mouseRelease(
+            view->viewport(), Qt::LeftButton, Qt::ShiftModifier, QPoint(4 * w, row * h + h / 2));
+        QCOMPARE(view->selectedText(), QStringLiteral("menu"));
+        QCOMPARE(m_received, "\x1b[<0;5;" + at + "M\x1b[<0;5;" + at + "m");
     }
 
     void sessionLogAsTextAsRawAndOnAWriteError()
