@@ -6,6 +6,7 @@
 #include <QStringList>
 
 #include <memory>
+#include <utility>
 
 class QHostInfo;
 class SshAgentAuth;
@@ -152,6 +153,8 @@ private:
     QString changedKeyLine() const;
     QString knownHostsFile() const;
     QString described() const;
+    // The host name and port the session connects to, after ~/.ssh/config.
+    std::pair<QString, quint16> endpoint() const;
     QString knownHostsLine(bool revoked, const QString &keyText) const;
     QString saveHostKey();
 

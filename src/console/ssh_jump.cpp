@@ -102,17 +102,12 @@ bool SshConnection::startJump(const QString &setting)
         return false;
     }
     // Where the jump host connects: the target as ~/.ssh/config names it.
-    char *hostName = nullptr;
-    QString target = d->host;
-    if (ssh_options_get(d->session, SSH_OPTIONS_HOST, &hostName) == SSH_OK)
-        target = takeString(hostName);
-    unsigned int port = 22;
-    ssh_options_get_port(d->session, &port);
+    const auto [target, port] = endpoint();
 
     auto *jump = new SshConnection(this);
     jump->m_outer = this;
     jump->m_forwardHost = target;
-    jump->m_forwardPort = quint16(port);
+    jump->m_forwardPort = port;
     QStringList before;
     for (qsizetype i = 0; i + 1 < hops.size(); ++i)
         before << hops[i].text;

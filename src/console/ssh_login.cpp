@@ -141,16 +141,22 @@ bool SshConnection::checkHostKey()
     return false;
 }
 
+std::pair<QString, quint16> SshConnection::endpoint() const
+{
+    char *hostName = nullptr;
+    QString host = d->host;
+    if (ssh_options_get(d->session, SSH_OPTIONS_HOST, &hostName) == SSH_OK)
+        host = takeString(hostName);
+    unsigned int port = 22;
+    ssh_options_get_port(d->session, &port);
+    return { host, quint16(port) };
+}
+
 // The host for a question: as typed, with the address and port it stands
 // for where they differ ("fake-r1 (127.0.0.1 port 2222)"); a jump host as one.
 QString SshConnection::described() const
 {
-    char *hostName = nullptr;
-    QString address = d->host;
-    if (ssh_options_get(d->session, SSH_OPTIONS_HOST, &hostName) == SSH_OK)
-        address = takeString(hostName);
-    unsigned int port = 22;
-    ssh_options_get_port(d->session, &port);
+    const auto [address, port] = endpoint();
     QString text = m_outer ? QStringLiteral("jump host %1").arg(d->host) : d->host;
     if (port != 22)
         text += QStringLiteral(" (%1 port %2)").arg(address).arg(port);
@@ -178,12 +184,7 @@ QString SshConnection::knownHostsFile() const
 QString SshConnection::knownHostsLine(bool revoked, const QString &keyText) const
 {
     const QString file = knownHostsFile();
-    char *hostName = nullptr;
-    QString host = d->host;
-    if (ssh_options_get(d->session, SSH_OPTIONS_HOST, &hostName) == SSH_OK)
-        host = takeString(hostName);
-    unsigned int port = 22;
-    ssh_options_get_port(d->session, &port);
+    const auto [host, port] = endpoint();
     const QString hostText = port == 22 ? host : QStringLiteral("[%1]:%2").arg(host).arg(port);
 
     QFile known(file);
