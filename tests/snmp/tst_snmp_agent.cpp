@@ -303,15 +303,14 @@ void TestSnmpAgent::closeWhileWaiting()
         SnmpTarget t = target(user);
         t.authPassword = QStringLiteral("auth-secret-1");
         t.privPassword = QStringLiteral("priv-secret-1");
-        t.timeoutMs = user.isEmpty() ? 60000 : 20000; // three minutes of v2c tries; a 20 s discovery
+        // Three hours of v2c tries: a close that waited for them would never return within the test's limit.
+        // The v3 discovery, which cannot be cut short, is shown still running after the close.
+        t.timeoutMs = user.isEmpty() ? 3600000 : 20000;
         t.tries = user.isEmpty() ? 3 : 1;
         monitor->setTarget(t);
         monitor->start();
         QTRY_VERIFY_WITH_TIMEOUT(silent.hasPendingDatagrams(), 30000);
-        QElapsedTimer closing;
-        closing.start();
         monitor.reset();
-        QVERIFY2(closing.elapsed() < 10000, qPrintable(user));
         if (!user.isEmpty())
             QCOMPARE(SnmpMonitor::workersRunning(), 1); // still in the discovery
         QTRY_COMPARE_WITH_TIMEOUT(SnmpMonitor::workersRunning(), 0, 60000);
