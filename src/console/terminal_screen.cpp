@@ -222,23 +222,26 @@ void TerminalScreen::feed(const QByteArray &bytes)
     const qsizetype held = unfinishedUtf8(input->constData(), input->size());
     if (held > 0)
         m_partial = input->right(held);
+    // What libvterm gets: the complete characters, past the guards. It is
+    // only ever handed whole buffers or pieces of one, so it must not read
+    // past a piece's end: ControlStringGuard sees to that.
+    QByteArrayView send(input->constData(), input->size() - held);
     QByteArray capped;
-    if (m_guard.cap(input->constData(), input->size() - held, &capped)) {
-        capped += m_partial;
-        input = &capped;
-    }
+    if (m_guard.cap(send.data(), send.size(), &capped))
+        send = capped;
+    QByteArray guarded;
+    if (m_strings.cap(send.data(), send.size(), &guarded))
+        send = guarded;
     // A full reset (ESC c) forgets the last character again.
-    const qsizetype size = input->size() - held;
     const QByteArrayView reset("\x1b"
                                "c");
     qsizetype from = 0;
-    for (qsizetype at = input->indexOf(reset); at >= 0 && at + 2 <= size;
-         at = input->indexOf(reset, at + 2)) {
-        vterm_input_write(m_vt, input->constData() + from, size_t(at + 2 - from));
+    for (qsizetype at = send.indexOf(reset); at >= 0; at = send.indexOf(reset, at + 2)) {
+        vterm_input_write(m_vt, send.data() + from, size_t(at + 2 - from));
         primeRepeat();
         from = at + 2;
     }
-    vterm_input_write(m_vt, input->constData() + from, size_t(size - from));
+    vterm_input_write(m_vt, send.data() + from, size_t(send.size() - from));
     ++m_generation;
 }
 
@@ -275,6 +278,7 @@ void TerminalScreen::reset()
 {
     m_partial.clear();
     m_guard = CsiParameterCap();
+    m_strings = ControlStringGuard();
     m_scrollback.clear();
     m_pushed = 0;
     m_starLogged = -1;

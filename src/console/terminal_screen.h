@@ -1,5 +1,6 @@
 #pragma once
 
+#include "console/control_string_guard.h"
 #include "console/csi_parameter_cap.h"
 
 #include <QByteArray>
@@ -194,6 +195,7 @@ private:
     QByteArray m_output;
     QByteArray m_partial; // an unfinished UTF-8 sequence at the end of the last block
     CsiParameterCap m_guard;
+    ControlStringGuard m_strings;
     QString m_title;
     bool m_cursorVisible = true;
     bool m_altScreen = false;

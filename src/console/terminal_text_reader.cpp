@@ -70,7 +70,9 @@ QString TerminalTextReader::decode(const QByteArray &block)
 {
     QByteArray capped;
     const QByteArray &input = m_guard.cap(block.constData(), block.size(), &capped) ? capped : block;
-    vterm_input_write(m_vt, input.constData(), size_t(input.size()));
+    QByteArray guarded;
+    const QByteArray &send = m_strings.cap(input.constData(), input.size(), &guarded) ? guarded : input;
+    vterm_input_write(m_vt, send.constData(), size_t(send.size()));
     const QString text = m_decoder.decode(m_pendingText);
     m_pendingText.resize(0);
     return text;

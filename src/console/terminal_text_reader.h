@@ -1,5 +1,6 @@
 #pragma once
 
+#include "console/control_string_guard.h"
 #include "console/csi_parameter_cap.h"
 
 #include <QByteArray>
@@ -35,6 +36,7 @@ private:
     QStringDecoder m_decoder;
     QByteArray m_pendingText;
     CsiParameterCap m_guard;
+    ControlStringGuard m_strings;
 
     friend struct TerminalTextReaderCallbacks;
 };
