@@ -10,7 +10,9 @@ void appendHex(QByteArray &out, uint byte)
     out += digits[byte & 0xF];
 }
 
-void appendText(QByteArray &out, const QString &text)
+// next: the character after text in the document (the next run's first),
+// or none.
+void appendText(QByteArray &out, const QString &text, QChar next)
 {
     for (qsizetype i = 0; i < text.size(); ++i) {
         const char16_t ch = text.at(i).unicode();
@@ -28,8 +30,8 @@ void appendText(QByteArray &out, const QString &text)
             out += "\\tab ";
             continue;
         case u'\r':
-            if (i + 1 < text.size() && text.at(i + 1) == u'\n')
-                continue; // CR LF is one break
+            if ((i + 1 < text.size() ? text.at(i + 1) : next) == u'\n')
+                continue; // CR LF is one break, also where a colour changes between the two
             out += "\\par\r\n";
             continue;
         case u'\n':
@@ -76,13 +78,18 @@ QByteArray RtfWriter::write(const RichText &text)
     out += "}\r\n\\viewkind4\\pard\\plain\\f0\\fs20 ";
 
     int current = 0;
-    for (const RichRun &run : text.runs) {
+    for (qsizetype r = 0; r < text.runs.size(); ++r) {
+        const RichRun &run = text.runs.at(r);
         const int index = run.colour ? int(colours.indexOf(*run.colour)) + 1 : 0;
         if (index != current) {
             out += "\\cf" + QByteArray::number(index) + ' ';
             current = index;
         }
-        appendText(out, run.text);
+        qsizetype after = r + 1;
+        while (after < text.runs.size() && text.runs.at(after).text.isEmpty())
+            ++after;
+        const QChar next = after < text.runs.size() ? text.runs.at(after).text.front() : QChar();
+        appendText(out, run.text, next);
     }
     out += "}\r\n";
     return out;

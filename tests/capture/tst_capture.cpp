@@ -77,6 +77,9 @@ private Q_SLOTS:
         const QByteArray rtf = RtfWriter::write(rich({ { "a\r\nb\rc\nd", blue } }));
         QCOMPARE(rtf.count("\\par\r\n"), 3);
         QCOMPARE(RtfReader::read(rtf).plainText(), QStringLiteral("a\nb\nc\nd"));
+        // Also where the colour changes between the CR and the LF (a loaded file can hold that).
+        QCOMPARE(RtfReader::read(RtfWriter::write(rich({ { "a\r", blue }, { "\nb", red } }))),
+            rich({ { "a", blue }, { "\nb", red } }));
         QCOMPARE(RtfReader::read("{\\rtf1{\\colortbl;\\red255\\green0\\blue0;}\\cf999 a\\cf1 b}"),
             rich({ { "a", {} }, { "b", red } }));
 
