@@ -66,6 +66,12 @@ SnmpMonitor::SnmpMonitor(std::function<QString()> deviceAddress, QObject *parent
             tr("Out bit/s"), tr("In %"), tr("Out %"), tr("Errors/s"), tr("Discards/s") });
     m_interval.setInterval(defaultIntervalMs);
     connect(&m_interval, &QTimer::timeout, this, &SnmpMonitor::tick);
+}
+
+// The worker and its thread start with the first poll: a monitor that never
+// polls holds no thread and never needs an event loop.
+void SnmpMonitor::startWorker()
+{
     m_thread = new QThread;
     m_worker = new SnmpWorker;
     m_worker->moveToThread(m_thread);
@@ -93,6 +99,8 @@ SnmpMonitor::SnmpMonitor(std::function<QString()> deviceAddress, QObject *parent
 
 SnmpMonitor::~SnmpMonitor()
 {
+    if (!m_thread)
+        return;
     m_worker->cancel();
     m_thread->quit();
     QMutexLocker lock(&m_handoff->lock);
@@ -144,6 +152,8 @@ void SnmpMonitor::tick()
     if (m_busy)
         return;
     m_busy = true;
+    if (!m_thread)
+        startWorker();
     Q_EMIT pollRequested(m_polling);
 }
 

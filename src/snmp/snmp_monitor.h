@@ -113,6 +113,7 @@ private:
     };
 
     void tick();
+    void startWorker();
     void setState(const QString &state);
     void updateRow(int row, const IfReading &r, const Track &t);
 
