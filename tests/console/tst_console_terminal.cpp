@@ -12,6 +12,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <cstring>
+#include <memory>
+
 // The terminal model against tmux, a terminal emulator nobody here wrote: the
 // same bytes go to TerminalScreen and, through `cat` on a raw pty, to a
 // detached 80x24 tmux pane, and every row's characters and the cursor must
@@ -209,6 +212,32 @@ private Q_SLOTS:
         screen.feed("\x1b[" + QByteArray("1;").repeated(40) + "7");
         screen.feed(QByteArray(";").repeated(30) + "Hfine");
         QVERIFY(screen.rowText(screen.cursorRow()).endsWith(QLatin1String("fine")));
+    }
+
+    void controlStringEndsInsideWhatWasSent()
+    {
+        // libvterm 0.1.4 copies from past the end of a write into a string
+        // whose ESC \ is split by controls or by the end of a block. Each
+        // block here sits alone in a heap buffer of its exact size, so a
+        // sanitizer build sees any read past it; every build sees the title.
+        TerminalScreen screen;
+        TerminalTextReader reader;
+        QString text;
+        const auto send = [&](QByteArrayView bytes) {
+            const std::unique_ptr<char[]> exact(new char[size_t(bytes.size())]);
+            std::memcpy(exact.get(), bytes.data(), size_t(bytes.size()));
+            const QByteArray block = QByteArray::fromRawData(exact.get(), bytes.size());
+            screen.feed(block);
+            text += reader.decode(block);
+        };
+        // The C3 ends the block unfinished: it waits for its A9, after the string.
+        send("\x1b]0;R1\x05\x1b\x05\x07\\\xc3");
+        QCOMPARE(screen.title(), QStringLiteral("R1"));
+        send("\xa9\x1b]2;R2\x05\x1b");
+        send("\\ok");
+        QCOMPARE(screen.title(), QStringLiteral("R2"));
+        QCOMPARE(screen.rowText(0), QStringLiteral("\u00e9ok"));
+        QCOMPARE(text, QStringLiteral("\u00e9ok"));
     }
 
     void captionLogLinesAndDecodedText()
