@@ -64,17 +64,9 @@ bool ControlStringGuard::cap(const char *data, qsizetype size, QByteArray *cappe
         if (m_scan == Scan::Escape) {
             if (c == 'P' || c == ']') // DCS, OSC (after intermediates too, as libvterm takes them)
                 m_scan = Scan::String;
-            else if (c == '[')
-                m_scan = Scan::Csi;
             else if (c >= 0x30 && c < 0x7f)
-                m_scan = Scan::Ground; // the final byte
+                m_scan = Scan::Ground; // the final byte, or "[": a CSI ends without a string, or at an ESC
             // intermediates and bytes from 0x80 leave the escape waiting
-        } else if (m_scan == Scan::Csi && c >= 0x40) {
-            // The final byte, or one that makes the sequence invalid. libvterm
-            // already gives up on a parameter byte after an intermediate; until
-            // the next byte from 0x40 such bytes are text to it, which starts
-            // nothing either.
-            m_scan = Scan::Ground;
         }
     }
     if (m_scan == Scan::EscapeInString && !m_escapeHeld) {

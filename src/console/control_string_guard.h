@@ -18,8 +18,10 @@
 //  - a string's ESC that ends a block is held back and sent at the front of
 //    the next block, so the ESC and its "\" reach libvterm in one write.
 // The scan follows libvterm's parser in UTF-8 mode, where bytes from 0x80
-// are text and never start a sequence; outside strings it only looks for
-// ESC.
+// are text and never start a sequence: a string starts only at an ESC
+// followed (after any intermediates) by "P" or "]", so outside strings only
+// the bytes after an ESC are looked at; a CSI's own bytes are skipped like
+// text, since only an ESC leads out of one into anything but text.
 class ControlStringGuard
 {
 public:
@@ -28,7 +30,7 @@ public:
     bool cap(const char *data, qsizetype size, QByteArray *capped);
 
 private:
-    enum class Scan : quint8 { Ground, Escape, Csi, String, EscapeInString };
+    enum class Scan : quint8 { Ground, Escape, String, EscapeInString };
     Scan m_scan = Scan::Ground;
     // In EscapeInString: the string's ESC came in an earlier block and has
     // not been sent yet.
