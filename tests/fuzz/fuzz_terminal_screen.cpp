@@ -4,7 +4,8 @@
 // window does; "%key" and "%paste" exercise what goes back to the device.
 // The corpus holds the libvterm 0.1.4 faults this target found (REP with
 // nothing printed, a cursor left above a shrunken screen, DECRC to a saved
-// position outside it, a wide character on a one-column screen).
+// position outside it, a wide character on a one-column screen, a string's
+// ESC \ with controls between, read past the end of the input).
 #include "fuzz_input.h"
 
 #include "console/terminal_screen.h"
