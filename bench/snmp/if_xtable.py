@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 # A pass_persist helper for snmpd: serves an ifXTable of N interfaces (N from
 # the first argument, 500 by default) with counters that grow on every read,
-# so a walk sees the shape and sizes of a big switch.
+# so a walk sees the shape and sizes of a big switch. With "ifNumber" as the
+# second argument it serves that switch's ifNumber instead.
 import bisect
 import sys
 
@@ -12,11 +13,15 @@ kinds = {1: "string", 2: "counter", 3: "counter", 4: "counter", 5: "counter", 6:
          12: "counter64", 13: "counter64", 14: "integer", 15: "gauge", 16: "integer",
          17: "integer", 18: "string", 19: "timeticks"}
 oids = sorted(base + (column, index) for column in kinds for index in range(1, count + 1))
+if sys.argv[2:3] == ["ifNumber"]:
+    oids = [(1, 3, 6, 1, 2, 1, 2, 1, 0)]
 reads = 0
 
 
 def value(oid):
     global reads
+    if len(oid) < len(base):
+        return "integer", str(count)
     column, index = oid[-2], oid[-1]
     kind = kinds[column]
     reads += 1

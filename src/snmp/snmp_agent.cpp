@@ -466,7 +466,8 @@ bool AgentSession::get(const QList<Oid> &oids, QList<SnmpValue> &values)
 // the columns and each sent as soon as its previous answer is in, so the
 // agent has the other chain's request to work on while we read an answer
 // and while a request or an answer is on its way.
-bool AgentSession::bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList<QList<SnmpValue>> &values)
+bool AgentSession::bulkWalk(
+    const QList<Oid> &columns, int maxRepetitions, QList<QList<SnmpValue>> &values, int expectedRows)
 {
     values = QList<QList<SnmpValue>>(columns.size());
     if (!m_session && !open())
@@ -516,7 +517,13 @@ bool AgentSession::bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList
         Chain &chain = chains[k];
         netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GETBULK);
         pdu->non_repeaters = 0;
-        pdu->max_repetitions = qMax(1, maxRepetitions / int(chain.active.size()));
+        const int share = qMax(1, maxRepetitions / int(chain.active.size()));
+        int wanted = expectedRows > 0 ? 1 : share;
+        for (int c : std::as_const(chain.active)) {
+            const int left = expectedRows - int(values[c].size());
+            wanted = qMax(wanted, left >= 0 ? left + 1 : share);
+        }
+        pdu->max_repetitions = qMin(wanted, share);
         for (int c : std::as_const(chain.active))
             addNull(pdu, cursor[c]);
         chain.done.fill(false, chain.active.size());
