@@ -287,6 +287,14 @@ void SnmpPage::forgetDevice(const QString &host)
             SnmpCredentials::forget(SnmpCredentials::key(host, user, QLatin1String(which)));
 }
 
+void SnmpPage::rememberDevice(const QString &host, const SnmpProfile &profile)
+{
+    SnmpProfiles::save(host, profile);
+    if (!ConnectionHistory::holds(host))
+        for (const QString &gone : SnmpProfiles::rememberName(host, ConnectionHistory::entryCount))
+            forgetDevice(gone);
+}
+
 void SnmpPage::loadProfile(const QString &host)
 {
     if (const std::optional<SnmpProfile> p = SnmpProfiles::load(host))
@@ -305,7 +313,7 @@ void SnmpPage::start()
             // Only the choice is remembered: the rest of the device's v2c/v3 settings stay for later.
             SnmpProfile kept = SnmpProfiles::load(host).value_or(SnmpProfile());
             kept.version = 1;
-            SnmpProfiles::save(host, kept);
+            rememberDevice(host, kept);
         }
         m_poller->start();
         return;
@@ -316,7 +324,7 @@ void SnmpPage::start()
         m_monitor->start(); // says "No connection"
         return;
     }
-    SnmpProfiles::save(host, p);
+    rememberDevice(host, p);
     startMonitor(p.target);
 }
 

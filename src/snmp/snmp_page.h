@@ -54,6 +54,9 @@ public:
     // passwords of every user saved for it. Called when the device's last
     // connection history entry drops off.
     static void forgetDevice(const QString &host);
+    // Saves the choices for a device; a device connected by name pushes the
+    // oldest such device out once there are more of them than history entries.
+    static void rememberDevice(const QString &host, const SnmpProfile &profile);
 
     // The interface whose history the graph shows, 0 for none.
     int selectedInterface() const { return m_selected; }

@@ -23,6 +23,7 @@ private Q_SLOTS:
     void countersWrapAndRestart();
     void closeWhileWaiting();
     void pageWithoutKeyring();
+    void namedDevicesPruned();
 
 private:
     bool startAgent() { return startAgent(m_agent, m_dir.filePath("snmpd.conf"), m_port); }
@@ -422,6 +423,45 @@ void TestSnmpAgent::pageWithoutKeyring()
     QTRY_COMPARE_WITH_TIMEOUT(prompts.size(), 5, 30000);
     QTRY_VERIFY_WITH_TIMEOUT(
         page.monitor()->isRunning() && state->text().startsWith(QLatin1String("OK ")), 30000);
+}
+
+// Devices connected by name never enter the connection history: the newest six keep their choices and
+// passwords, and each new one pushes the oldest out. Devices the history holds are not counted.
+void TestSnmpAgent::namedDevicesPruned()
+{
+    int prompts = 0;
+    SnmpCredentials::setPromptHook([&prompts](const QString &) -> std::optional<QString> {
+        ++prompts;
+        return QStringLiteral("named-secret");
+    });
+    const auto unhook = qScopeGuard([] { SnmpCredentials::setPromptHook({}); });
+    // Whether the device's password had to be asked for.
+    const auto asked = [&](const QString &host) {
+        const int before = prompts;
+        bool done = false;
+        SnmpCredentials::obtain(this,
+            SnmpCredentials::key(host, QStringLiteral("tw-named"), QStringLiteral("auth")),
+            QStringLiteral("Authentication"), [&done](const std::optional<QString> &) { done = true; });
+        return QTest::qWaitFor([&done] { return done; }, 30000) && prompts > before;
+    };
+    const auto name = [](int i) { return QStringLiteral("switch-%1.lab").arg(i); };
+    SnmpProfile profile;
+    profile.version = 3;
+    profile.target.user = QStringLiteral("tw-named");
+    for (int i = 0; i < 6; ++i) {
+        SnmpPage::rememberDevice(name(i), profile);
+        SnmpPage::rememberDevice(QStringLiteral("10.9.9.%1").arg(i), profile);
+        QVERIFY(asked(name(i)));
+    }
+    QVERIFY(!asked(name(1)));
+    SnmpPage::rememberDevice(name(0), profile); // the newest again
+    SnmpPage::rememberDevice(name(6), profile);
+    QVERIFY(!SnmpProfiles::load(name(1)));
+    for (const int kept : { 0, 2, 3, 4, 5, 6 })
+        QVERIFY2(SnmpProfiles::load(name(kept)), qPrintable(name(kept)));
+    QVERIFY(SnmpProfiles::load(QStringLiteral("10.9.9.0")));
+    QVERIFY(asked(name(1)));
+    QVERIFY(!asked(name(2)));
 }
 
 QTEST_MAIN(TestSnmpAgent)
