@@ -381,8 +381,12 @@ void SnmpPage::exportCsv(bool history)
     const QString path = QFileDialog::getSaveFileName(this, tr("Export"),
         history ? QStringLiteral("interface-%1.csv").arg(m_selected) : QStringLiteral("interfaces.csv"),
         tr("CSV files (*.csv)"));
-    if (path.isEmpty())
-        return;
+    if (!path.isEmpty())
+        exportCsv(history, path);
+}
+
+void SnmpPage::exportCsv(bool history, const QString &path)
+{
     QFile file(path);
     const QByteArray csv = (history ? m_monitor->historyCsv(m_selected) : m_monitor->tableCsv()).toUtf8();
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(csv) != csv.size())

@@ -4,6 +4,7 @@
 #include "snmp/snmp_page.h"
 #include "snmp/snmp_poller.h"
 #include "test_support.h"
+#include "util/message_box.h"
 
 #include <QtNetwork>
 #include <QtTest>
@@ -386,6 +387,31 @@ void TestSnmpAgent::pageWithoutKeyring()
     QTRY_VERIFY(view->model()->rowCount() > 0);
     view->setCurrentIndex(view->model()->index(0, 0));
     QCOMPARE(page.selectedInterface(), page.monitor()->interfaceAt(0));
+
+    // "Export..." writes the table as shown, and the selected interface's history, each to its file; a file
+    // that cannot be written is said so.
+    QTemporaryDir out;
+    const qsizetype points = page.monitor()->history(page.selectedInterface()).size();
+    page.exportCsv(false, out.filePath(QStringLiteral("table.csv")));
+    page.exportCsv(true, out.filePath(QStringLiteral("history.csv")));
+    const auto lines = [&out](const char *name) {
+        QFile f(out.filePath(QLatin1String(name)));
+        return f.open(QIODevice::ReadOnly)
+            ? QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)
+            : QStringList();
+    };
+    const QStringList table = lines("table.csv"), history = lines("history.csv");
+    QCOMPARE(table.size(), view->model()->rowCount() + 1);
+    QVERIFY(table.value(1).contains(view->model()->index(0, SnmpMonitor::NameColumn).data().toString()));
+    QVERIFY(points > 0);
+    QCOMPARE(history.size(), points + 1);
+    QVERIFY(history.value(0) != table.value(0));
+    QStringList said;
+    tw::setMessageBoxHook([&said](const QString &text, QMessageBox::Icon) { said << text; });
+    page.exportCsv(false, out.filePath(QStringLiteral("missing/table.csv")));
+    tw::setMessageBoxHook({});
+    QCOMPARE(said.size(), 1);
+    QVERIFY(said[0].startsWith(QLatin1String("Cannot write")));
 
     QSettings settings = tw::test::settingsStore();
     settings.sync();
