@@ -83,6 +83,11 @@ int onResponse(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *ma
                 (*wait->take)(pdu);
             wait->status = STAT_SUCCESS;
             wait->waiting = false;
+        } else if (pdu->command == SNMP_MSG_REPORT && wait->report) {
+            // The answer a discovery probe asks for: it carries the engine ID.
+            (*wait->take)(pdu);
+            wait->status = STAT_SUCCESS;
+            wait->waiting = false;
         } else if (pdu->command == SNMP_MSG_REPORT) {
             // A USM report says what the agent made of us in its own words.
             // net-snmp answers a notInTimeWindow report itself, by sending the
@@ -311,6 +316,10 @@ bool AgentSession::open()
             u = next;
         }
     }
+    // net-snmp would discover the engine inside the opening, waiting in a
+    // loop of its own that nothing can interrupt: discover() does it instead.
+    if (m_target.version == 3)
+        s.flags |= SNMP_FLAGS_DONT_PROBE;
     m_session = snmp_sess_open(&s);
     if (!m_session) {
         int libErr = 0, sysErr = 0;
@@ -318,6 +327,81 @@ bool AgentSession::open()
         snmp_error(&s, &libErr, &sysErr, &text);
         fail(s.s_snmp_errno ? s.s_snmp_errno : libErr, QString::fromLocal8Bit(text));
         free(text);
+        return false;
+    }
+    lock.unlock();
+    if (m_target.version == 3 && !discover()) {
+        QMutexLocker closing(&libraryLock());
+        snmp_sess_close(m_session);
+        m_session = nullptr;
+        return false;
+    }
+    return true;
+}
+
+// Engine ID discovery as net-snmp does it (an empty unauthenticated request
+// whose report names the engine, then the keys localised for it), but waited
+// for in our own loop, so closing a console cuts it short.
+bool AgentSession::discover()
+{
+    netsnmp_session *session = snmp_sess_session(m_session);
+    // Else the library probes on its own, inside the first send.
+    session->flags |= SNMP_FLAGS_DONT_PROBE;
+    netsnmp_pdu *probe = snmp_pdu_create(SNMP_MSG_GET);
+    probe->version = SNMP_VERSION_3;
+    probe->securityModel = SNMP_SEC_MODEL_USM;
+    probe->securityLevel = SNMP_SEC_LEVEL_NOAUTH;
+    probe->securityName = strdup("");
+    probe->securityNameLen = 0;
+    {
+        // The probe goes out as the empty user, which the library must know.
+        QMutexLocker lock(&libraryLock());
+        if (!usm_get_user(nullptr, 0, probe->securityName)) {
+            auto *empty = static_cast<usmUser *>(calloc(1, sizeof(usmUser)));
+            empty->name = strdup("");
+            empty->secName = strdup("");
+            empty->authProtocolLen = OID_LENGTH(usmNoAuthProtocol);
+            empty->authProtocol = snmp_duplicate_objid(usmNoAuthProtocol, empty->authProtocolLen);
+            empty->privProtocolLen = OID_LENGTH(usmNoPrivProtocol);
+            empty->privProtocol = snmp_duplicate_objid(usmNoPrivProtocol, empty->privProtocolLen);
+            usm_add_user(empty);
+        }
+    }
+    QByteArray engine;
+    const Take take = [&engine](const snmp_pdu *report) {
+        engine = QByteArray(
+            reinterpret_cast<const char *>(report->securityEngineID), qsizetype(report->securityEngineIDLen));
+    };
+    Wait &wait = m_waits[0];
+    m_answered = false;
+    if (!send(probe, take, wait)) {
+        if (wait.error)
+            finish(wait);
+        return false;
+    }
+    wait.report = true;
+    pump([&wait] { return !wait.waiting; });
+    wait.report = false;
+    if (!finish(wait))
+        return false;
+    if (engine.isEmpty()) {
+        fail(SNMPERR_UNKNOWN_ENG_ID);
+        return false;
+    }
+    QMutexLocker lock(&libraryLock());
+    if (session->securityEngineIDLen == 0) {
+        session->securityEngineID
+            = static_cast<u_char *>(netsnmp_memdup(engine.constData(), size_t(engine.size())));
+        session->securityEngineIDLen = size_t(engine.size());
+    }
+    if (session->contextEngineIDLen == 0) {
+        session->contextEngineID
+            = static_cast<u_char *>(netsnmp_memdup(engine.constData(), size_t(engine.size())));
+        session->contextEngineIDLen = size_t(engine.size());
+    }
+    const int localised = create_user_from_session(session);
+    if (localised != SNMPERR_SUCCESS) {
+        fail(localised);
         return false;
     }
     return true;

@@ -119,11 +119,13 @@ public:
         int error = 0;
         long errorStatus = 0;
         const std::function<void(const snmp_pdu *)> *take = nullptr;
+        bool report = false; // a report is the answer (an engine discovery)
     };
 
 private:
     using Take = std::function<void(const snmp_pdu *)>;
     bool request(snmp_pdu *pdu, const Take &take);
+    bool discover();
     // Sends pdu without waiting, its outcome to go to wait.
     bool send(snmp_pdu *pdu, const Take &take, Wait &wait);
     // Lets net-snmp work (answers, time-outs, retries) until done() holds or
