@@ -27,9 +27,6 @@
 #include <QTest>
 #include <QUdpSocket>
 
-#include <csignal>
-#include <unistd.h>
-
 // SSH consoles through the console window against a private sshd
 // (private_sshd.h): nobody's own ~/.ssh is read or written.
 class TestConsoleSsh : public QObject
@@ -45,22 +42,16 @@ class TestConsoleSsh : public QObject
 
     void startServer() { m_server.start({}, "Host 127.0.0.1\n    HashKnownHosts yes\n"); }
 
-    // The device dies mid-session: every sshd process of ours goes at once.
-    void killServer()
+    // The connection dialog opened from the menu, set to SSH.
+    ModemOptions *sshDialog()
     {
-        const QList<qint64> sessions = PrivateSshd::descendants(m_server.process.processId());
-        QVERIFY(!sessions.isEmpty());
-        for (qint64 pid : sessions)
-            ::kill(pid_t(pid), SIGKILL);
-        m_server.stop();
-    }
-
-    // known_hosts holding the server's real key.
-    void trustServer()
-    {
-        const QByteArray key = PrivateSshd::readFile(path("host_key.pub")).split(' ').value(1);
-        PrivateSshd::writeFile(sshFile("known_hosts"),
-            "[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + key + "\n");
+        m_window->newConnectionAction()->trigger();
+        auto *dialog = m_window->findChild<ModemOptions *>();
+        if (dialog) {
+            dialog->connectWith()->setCurrentIndex(dialog->connectWith()->findText(QStringLiteral("SSH")));
+            Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
+        }
+        return dialog;
     }
 
     void clickHostKeyAnswer(const QString &answer)
@@ -101,7 +92,7 @@ private Q_SLOTS:
     void unknownKeyAskedThenSavedAndSessionWorks()
     {
         // A file kept by hand: its line and its mode stay, the new entry is hashed.
-        PrivateSshd::writeFile(sshFile("known_hosts"), "# kept by hand");
+        tw::test::writeFile(sshFile("known_hosts"), "# kept by hand");
         QFile::setPermissions(
             sshFile("known_hosts"), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup);
         LogOptions logOptions;
@@ -112,11 +103,8 @@ private Q_SLOTS:
         routes.setConsole(3, m_window->logBox(), [this] { return session().deviceAddress(); });
 
         // Through the connection dialog, as a user does.
-        m_window->newConnectionAction()->trigger();
-        ModemOptions *dialog = m_window->findChild<ModemOptions *>();
+        ModemOptions *dialog = sshDialog();
         QVERIFY(dialog);
-        dialog->connectWith()->setCurrentIndex(dialog->connectWith()->findText(QStringLiteral("SSH")));
-        Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
         for (int i = 0; i < 4; ++i)
             dialog->octetBox(i)->setText(QString::number(i == 0 ? 127 : i == 3));
         dialog->portBox()->setText(QString::number(m_server.port));
@@ -129,7 +117,7 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(session().sshOpen());
         QCOMPARE(m_window->windowTitle(), QStringLiteral("R1#"));
-        QVERIFY(PrivateSshd::readFile(sshFile("known_hosts")).startsWith("# kept by hand\n|1|"));
+        QVERIFY(tw::test::readFile(sshFile("known_hosts")).startsWith("# kept by hand\n|1|"));
         QVERIFY(PrivateSshd::run(QStringLiteral("ssh-keygen"),
             { "-F", QStringLiteral("[127.0.0.1]:%1").arg(m_server.port), "-f", sshFile("known_hosts") }));
         QCOMPARE(QFile::permissions(sshFile("known_hosts")) & ~(QFile::ReadUser | QFile::WriteUser),
@@ -166,11 +154,8 @@ private Q_SLOTS:
         for (const QString typed : { "", "typed" }) {
             tw::test::settingsStore().setValue(
                 QStringLiteral("Settings/SshUser"), QStringLiteral("remembered"));
-            m_window->newConnectionAction()->trigger();
-            ModemOptions *dialog = m_window->findChild<ModemOptions *>();
+            ModemOptions *dialog = sshDialog();
             QVERIFY(dialog);
-            dialog->connectWith()->setCurrentIndex(dialog->connectWith()->findText(QStringLiteral("SSH")));
-            Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
             dialog->hostNameBox()->setText(QStringLiteral("fake-r1"));
             QCOMPARE(dialog->userBox()->text(), QStringLiteral("remembered"));
             if (!typed.isEmpty()) {
@@ -193,14 +178,16 @@ private Q_SLOTS:
     void knownKeySilentThenServerKilled()
     {
         // Saved by the previous case: no question this time.
-        QVERIFY(PrivateSshd::readFile(sshFile("known_hosts")).contains("ssh-ed25519"));
+        QVERIFY(tw::test::readFile(sshFile("known_hosts")).contains("ssh-ed25519"));
         session().setTimerIntervals(0, 50);
         connectRemembered(m_window->session(), *parseConnectTarget(QStringLiteral("ssh://fake-r1")));
         QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
         QCOMPARE(session().deviceAddress(), QStringLiteral("fake-r1"));
 
-        killServer();
+        // The device dies mid-session: every sshd process of ours goes at once.
+        QVERIFY(m_server.signalSessions(SIGKILL));
+        m_server.stop();
         QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         // Straight after the prompt (on a line of its own in terminal mode, SSH's default).
         QVERIFY2(
@@ -211,8 +198,8 @@ private Q_SLOTS:
 
     void changedKeyRefusedNamingItsLine()
     {
-        const QByteArray otherKey = PrivateSshd::readFile(path("other_host_key.pub")).split(' ').value(1);
-        PrivateSshd::writeFile(sshFile("known_hosts"),
+        const QByteArray otherKey = tw::test::readFile(path("other_host_key.pub")).split(' ').value(1);
+        tw::test::writeFile(sshFile("known_hosts"),
             "# kept by hand\n[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + otherKey
                 + "\n");
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
@@ -226,8 +213,8 @@ private Q_SLOTS:
 
         // A revoked key is refused even beside an entry that names it; a
         // certificate authority line is not taken for an entry.
-        const QByteArray key = PrivateSshd::readFile(path("host_key.pub")).split(' ').value(1);
-        PrivateSshd::writeFile(sshFile("known_hosts"),
+        const QByteArray key = tw::test::readFile(path("host_key.pub")).split(' ').value(1);
+        tw::test::writeFile(sshFile("known_hosts"),
             "@cert-authority * ssh-ed25519 " + otherKey + "\n@revoked * ssh-ed25519 " + key
                 + "\n[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + key + "\n");
         m_window->consoleBox()->clear();
@@ -242,8 +229,8 @@ private Q_SLOTS:
     void passphraseAskedForAnEncryptedKey()
     {
         QVERIFY(PrivateSshd::keygen(sshFile("id_ecdsa"), "ecdsa", "open sesame"));
-        PrivateSshd::writeFile(path("authorized_keys"), PrivateSshd::readFile(sshFile("id_ecdsa.pub")));
-        trustServer();
+        tw::test::writeFile(path("authorized_keys"), tw::test::readFile(sshFile("id_ecdsa.pub")));
+        QVERIFY(m_server.trust(m_server.port));
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
         QDialog *prompt = nullptr;
         QTRY_VERIFY_WITH_TIMEOUT(
@@ -257,13 +244,13 @@ private Q_SLOTS:
         session().disconnectSession();
         QFile::remove(sshFile("id_ecdsa"));
         QFile::remove(sshFile("id_ecdsa.pub"));
-        PrivateSshd::writeFile(path("authorized_keys"), PrivateSshd::readFile(sshFile("id_ed25519.pub")));
+        tw::test::writeFile(path("authorized_keys"), tw::test::readFile(sshFile("id_ed25519.pub")));
     }
 
     void connectOptionOpensSsh()
     {
         // The real program, headless: the saved key and the key file suffice.
-        trustServer();
+        QVERIFY(m_server.trust(m_server.port));
         QTemporaryDir settings;
         QProcess program;
         m_server.process.readAll();

@@ -64,9 +64,9 @@ private Q_SLOTS:
     void keywordsReadAsOpenSshReadsThem()
     {
         const QString extra = m_sshd.path(QStringLiteral("extra_a.conf"));
-        QVERIFY(PrivateSshd::writeFile(extra, "Host secret.lab\n    User spy\n    ConnectTimeout 3\n"));
+        QVERIFY(tw::test::writeFile(extra, "Host secret.lab\n    User spy\n    ConnectTimeout 3\n"));
         const QString file = m_sshd.path(QStringLiteral("config"));
-        QVERIFY(PrivateSshd::writeFile(file,
+        QVERIFY(tw::test::writeFile(file,
             "# kept by hand\n"
             "Include "
                 + m_sshd.path(QStringLiteral("extra_*.conf")).toUtf8()
@@ -142,8 +142,8 @@ private Q_SLOTS:
             { "hostkeyalgorithms", "+ssh-rsa" },
         };
         for (const auto &[keyword, setting] : settings) {
-            QVERIFY(PrivateSshd::writeFile(
-                file, "Host x\n    " + keyword.toUtf8() + ' ' + setting.toUtf8() + '\n'));
+            QVERIFY(
+                tw::test::writeFile(file, "Host x\n    " + keyword.toUtf8() + ' ' + setting.toUtf8() + '\n'));
             QCOMPARE(SshConfig::resolveAlgorithms(setting, defaults.value(keyword)),
                 openssh(file, "x").value(keyword));
         }
@@ -152,7 +152,7 @@ private Q_SLOTS:
     void oldDevicesWithTheReadmeLines()
     {
         // The README's example, pointed at the private sshd.
-        QByteArray readme = PrivateSshd::readFile(QStringLiteral(TW_SOURCE_DIR "/README.md"));
+        QByteArray readme = tw::test::readFile(QStringLiteral(TW_SOURCE_DIR "/README.md"));
         const qsizetype start = readme.indexOf("      Host old-switch\n");
         QVERIFY(start > 0);
         QByteArray block = readme.mid(start, readme.indexOf("\n\n", start) - start);

@@ -62,8 +62,8 @@ private Q_SLOTS:
                           .replace(QLatin1Char('\r'), QLatin1Char('\n'));
         });
         qunsetenv("SSH_AUTH_SOCK");
-        QVERIFY(PrivateSshd::writeFile(
-            m_sshd.path("authorized_keys"), PrivateSshd::readFile(m_sshd.sshFile("id_ed25519.pub"))));
+        QVERIFY(tw::test::writeFile(
+            m_sshd.path("authorized_keys"), tw::test::readFile(m_sshd.sshFile("id_ed25519.pub"))));
     }
 
     void cleanup()
@@ -110,8 +110,8 @@ private Q_SLOTS:
         // Three keys in the agent, the server gives up after two refusals.
         for (const char *name : { "k1", "k2", "k3" })
             QVERIFY(PrivateSshd::keygen(m_sshd.sshFile(QLatin1String(name))));
-        QVERIFY(PrivateSshd::writeFile(
-            m_sshd.path("authorized_keys"), PrivateSshd::readFile(m_sshd.sshFile("k3.pub"))));
+        QVERIFY(tw::test::writeFile(
+            m_sshd.path("authorized_keys"), tw::test::readFile(m_sshd.sshFile("k3.pub"))));
         QProcess agent;
         const QString socket
             = startAgent(agent, { m_sshd.sshFile("k1"), m_sshd.sshFile("k2"), m_sshd.sshFile("k3") });
@@ -186,16 +186,13 @@ private Q_SLOTS:
         QVERIFY(m_sshd.writeClientConfig("    ServerAliveInterval 1\n    ServerAliveCountMax 2\n"));
         connectFakeR1();
         QTRY_VERIFY2_WITH_TIMEOUT(loggedIn(), qPrintable(m_text), PrivateSshd::waitMs);
-        const QList<qint64> sessions = PrivateSshd::descendants(m_sshd.process.processId());
-        QVERIFY(!sessions.isEmpty());
-        for (qint64 pid : sessions)
-            ::kill(pid_t(pid), SIGSTOP);
+        QVERIFY(m_sshd.signalSessions(SIGSTOP));
         QTRY_VERIFY_WITH_TIMEOUT(
             m_text.endsWith(QLatin1String("Press Enter to reconnect\n")), PrivateSshd::waitMs);
-        QVERIFY2(m_text.contains(QLatin1String("Connection to fake-r1 lost: no answer to keep-alives for 2 s\n")),
+        QVERIFY2(
+            m_text.contains(QLatin1String("Connection to fake-r1 lost: no answer to keep-alives for 2 s\n")),
             qPrintable(m_text));
-        for (qint64 pid : sessions)
-            ::kill(pid_t(pid), SIGKILL);
+        m_sshd.signalSessions(SIGKILL);
     }
 
     void jumpHostsNamedPerHop()
@@ -255,23 +252,20 @@ private Q_SLOTS:
         QCOMPARE(asked.count(jumpHost), 1); // saved the first time
 
         // jump1 dies under the open session.
-        for (qint64 pid : PrivateSshd::descendants(m_jump.process.processId()))
-            ::kill(pid_t(pid), SIGKILL);
+        QVERIFY(m_jump.signalSessions(SIGKILL));
         QTRY_VERIFY_WITH_TIMEOUT(m_session->connectionKind().isEmpty(), PrivateSshd::waitMs);
         QVERIFY2(m_text.contains(QLatin1String("Connection to fake-r1 lost: jump host jump1: ")),
             qPrintable(m_text));
 
         // jump1 cannot reach the target; then its key has changed.
         const QByteArray closedPort = QByteArray::number(tw::test::freeTcpPort());
-        QVERIFY(PrivateSshd::writeFile(m_sshd.sshFile("config"),
-            PrivateSshd::readFile(m_sshd.sshFile("config"))
+        QVERIFY(tw::test::writeFile(m_sshd.sshFile("config"),
+            tw::test::readFile(m_sshd.sshFile("config"))
                 .replace("Port " + QByteArray::number(m_sshd.port) + '\n', "Port " + closedPort + '\n')));
         QVERIFY2(
             failsWith("jump host jump1 cannot reach 127.0.0.1 port " + closedPort + ": Connection refused\n"),
             qPrintable(m_text));
-        QVERIFY(PrivateSshd::writeFile(m_sshd.sshFile("known_hosts"),
-            "[127.0.0.1]:" + QByteArray::number(m_jump.port) + ' '
-                + PrivateSshd::readFile(m_sshd.path("host_key.pub")).split(' ').mid(0, 2).join(' ') + '\n'));
+        QVERIFY(m_sshd.trust(m_jump.port));
         QVERIFY2(failsWith(QStringLiteral("jump host jump1: host key changed")), qPrintable(m_text));
     }
 };

@@ -38,12 +38,7 @@ private Q_SLOTS:
         window.resize(900, 560);
         window.show();
         QVERIFY(QTest::qWaitForWindowExposed(&window));
-        ConnectTarget target;
-        target.kind = QStringLiteral("SSH");
-        target.host = QStringLiteral("127.0.0.1");
-        target.port = m_sshd.port;
-        target.user = m_sshd.user;
-        connectRemembered(window.session(), target);
+        connectRemembered(window.session(), { "SSH", "127.0.0.1", m_sshd.port, m_sshd.user });
         // SSH consoles are terminals unless the user said otherwise.
         QVERIFY(window.session()->terminalEmulation() && window.terminalBox()->isVisible());
         QTRY_VERIFY_WITH_TIMEOUT(window.session()->sshOpen(), 20000);
