@@ -1,4 +1,4 @@
-#include "app/application.h"
+#include "app/app_under_test.h"
 #include "app/main_window.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
@@ -39,14 +39,7 @@ private:
         if (!folderSetting.isNull())
             settings.setValue(QStringLiteral("Settings/FolderPath"), folderSetting);
         settings.sync();
-        CommandLineOptions options;
-        options.tftpPort = tw::test::freeUdpPort();
-        options.logPort = tw::test::freeUdpPort();
-        options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
-        if (adjust)
-            adjust(options);
-        m_app = std::make_unique<Application>(options);
-        m_app->start();
+        m_app = startApplication(m_temp.path(), adjust);
         return m_app->mainWindow();
     }
 
@@ -233,9 +226,8 @@ private Q_SLOTS:
         QCOMPARE(first->logBox()->toPlainText(), QString());
         const QStringList files = QDir(logDir).entryList(QDir::Files);
         QCOMPARE(files.size(), 1);
-        QFile file(QDir(logDir).filePath(files.at(0)));
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QCOMPARE(file.readAll(), QByteArray("%SYS-5-CONFIG_I: r1 configured\r\r\n"));
+        QCOMPARE(tw::test::readFile(QDir(logDir).filePath(files.at(0))),
+            QByteArray("%SYS-5-CONFIG_I: r1 configured\r\r\n"));
 
         // Consoles at 5 and 6; the one at 6 talks to r2.
         auto *fifth = qobject_cast<ConsoleWindow *>(main->newConsole());
@@ -320,7 +312,7 @@ private Q_SLOTS:
     {
         MainWindow *main = startApp();
         for (int index : { WindowTable::filesIndex, WindowTable::networkIndex, WindowTable::transferIndex,
-                           WindowTable::configIndex }) {
+                 WindowTable::configIndex }) {
             QPointer<ChildWindow> window = main->child(index);
             main->frameOf(index)->close();
             QVERIFY(window);

@@ -1,5 +1,4 @@
-#include "app/application.h"
-#include "app/command_line.h"
+#include "app/app_under_test.h"
 #include "app/main_window.h"
 #include "test_support.h"
 #include "tftp/standard_server.h"
@@ -33,14 +32,7 @@ private:
         if (stored.isValid())
             settings.setValue(QStringLiteral("Settings/TftpStandard"), stored);
         settings.sync();
-        CommandLineOptions options;
-        options.tftpPort = tw::test::freeUdpPort();
-        options.logPort = tw::test::freeUdpPort();
-        options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
-        options.tftpStandard = option;
-        auto app = std::make_unique<Application>(options);
-        app->start();
-        return app;
+        return startApplication(m_temp.path(), [option](CommandLineOptions &o) { o.tftpStandard = option; });
     }
 
     static bool storedStandard()
@@ -82,10 +74,8 @@ private Q_SLOTS:
     // A blank line in a hand-edited ACLIST.ini makes the decision fail: the status bar names the row.
     void failedDecisionInStatusBar()
     {
-        QFile acl(m_temp.filePath(QStringLiteral("ACLIST.ini")));
-        QVERIFY(acl.open(QIODevice::WriteOnly));
-        acl.write("0.0.0.0; 0 . 0 . 0 . 0 ;yes;yes;/tmp;0;\r\n\r\n");
-        acl.close();
+        QVERIFY(tw::test::writeFile(m_temp.filePath(QStringLiteral("ACLIST.ini")),
+            "0.0.0.0; 0 . 0 . 0 . 0 ;yes;yes;/tmp;0;\r\n\r\n"));
         auto app = startApp(true, {});
         const quint16 port = app->standardServer()->port();
         QUdpSocket client;
@@ -101,18 +91,14 @@ private Q_SLOTS:
     {
         const QString folder = m_temp.filePath(QStringLiteral("share"));
         QVERIFY(QDir().mkpath(folder));
-        QFile image(folder + QStringLiteral("/image.bin"));
-        QVERIFY(image.open(QIODevice::WriteOnly));
-        image.write(QByteArray(3000000, 'x'));
-        image.close();
-        QFile acl(m_temp.filePath(QStringLiteral("jump.ini")));
-        QVERIFY(acl.open(QIODevice::WriteOnly));
-        acl.write(QStringLiteral("0.0.0.0; 0 . 0 . 0 . 0 ;yes;no;%1;0;\r\n").arg(folder).toLocal8Bit());
-        acl.close();
+        QVERIFY(tw::test::writeFile(folder + QStringLiteral("/image.bin"), QByteArray(3000000, 'x')));
+        const QString acl = m_temp.filePath(QStringLiteral("jump.ini"));
+        QVERIFY(
+            tw::test::writeFile(acl, "0.0.0.0; 0 . 0 . 0 . 0 ;yes;no;" + folder.toLocal8Bit() + ";0;\r\n"));
         const quint16 port = tw::test::freeUdpPort();
         QProcess server;
-        tw::test::startHeadless(server, m_temp.path(),
-            { "--tftp-standard", "--tftp-port", QString::number(port), "--acl", acl.fileName() });
+        tw::test::startHeadless(
+            server, m_temp.path(), { "--tftp-standard", "--tftp-port", QString::number(port), "--acl", acl });
         QVERIFY(server.waitForStarted());
         QByteArray out;
         QVERIFY2(tw::test::waitForOutput(server, "Listen", out),
