@@ -2,8 +2,7 @@
 #include "test_support.h"
 
 #include "access/access_list.h"
-#include "app/application.h"
-#include "app/command_line.h"
+#include "app/app_under_test.h"
 #include "app/main_window.h"
 #include "http/http_server.h"
 #include "http/http_server_dialog.h"
@@ -30,14 +29,7 @@ private:
 
     std::unique_ptr<Application> startApp(quint16 httpPort)
     {
-        CommandLineOptions options;
-        options.tftpPort = tw::test::freeUdpPort();
-        options.logPort = tw::test::freeUdpPort();
-        options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
-        options.httpPort = httpPort;
-        auto app = std::make_unique<Application>(options);
-        app->start();
-        return app;
+        return startApplication(m_temp.path(), [httpPort](CommandLineOptions &o) { o.httpPort = httpPort; });
     }
 
 private Q_SLOTS:
@@ -104,10 +96,7 @@ private Q_SLOTS:
     {
         QTemporaryDir home;
         QVERIFY(QDir().mkpath(home.filePath("images")));
-        QFile image(home.filePath("images/ios.bin"));
-        QVERIFY(image.open(QIODevice::WriteOnly));
-        image.write(QByteArray(100000, 'i'));
-        image.close();
+        QVERIFY(tw::test::writeFile(home.filePath("images/ios.bin"), QByteArray(100000, 'i')));
         AccessList acl;
         acl.setFilePath(home.filePath("ACLIST.ini"));
         acl.appendEntry({ "127.0.0.0", "255.0.0.0", "yes", "yes", home.filePath("images"), 8 });
