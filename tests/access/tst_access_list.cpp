@@ -4,6 +4,7 @@
 #include "access/access_list.h"
 #include "access/check_access.h"
 #include "access/mask_display.h"
+#include "test_support.h"
 
 #include <QFile>
 #include <QRandomGenerator>
@@ -11,12 +12,6 @@
 #include <QTest>
 
 namespace {
-void writeFile(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-}
-
 AccessList *loaded(AccessList &list, const QString &path)
 {
     list.setFilePath(path);
@@ -62,9 +57,9 @@ private Q_SLOTS:
     void loadAppendsEveryLine()
     {
         const QString path = m_dir.filePath("load.ini");
-        writeFile(path,
+        QVERIFY(tw::test::writeFile(path,
             "10.0.0.0; 255. 0 . 0 . 0 ;yes;yes;/a;8;\r\n\r\n192.168.1.0;m;no;yes;/b;24\n"
-            "172.16.0.0;m;yes;no;/c;12;x;y;\r1.1.1.1;m");
+            "172.16.0.0;m;yes;no;/c;12;x;y;\r1.1.1.1;m"));
         AccessList list;
         list.appendEntry({ "existing", "m", "yes", "yes", "/z", 1 });
         QCOMPARE(loaded(list, path)->count(), 6);
@@ -80,7 +75,7 @@ private Q_SLOTS:
         // Random bytes load as some rows more and are written back without a crash.
         QByteArray junk(200000, '\0');
         QRandomGenerator(1234).fillRange(reinterpret_cast<quint32 *>(junk.data()), junk.size() / 4);
-        writeFile(path, junk);
+        QVERIFY(tw::test::writeFile(path, junk));
         QVERIFY(loaded(list, path)->count() > 6);
         list.save_ACL();
         QVERIFY(QFile::exists(path));
@@ -91,13 +86,12 @@ private Q_SLOTS:
         const QString path = m_dir.filePath("save.ini");
         AccessList list;
         QCOMPARE(loaded(list, path)->count(), 0); // no file yet: nothing
-        writeFile(path, "10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16\r\n\r\n;m;yes;yes;/x;3;\r\n");
+        QVERIFY(tw::test::writeFile(
+            path, "10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16\r\n\r\n;m;yes;yes;/x;3;\r\n"));
         QCOMPARE(loaded(list, path)->count(), 3);
         list.appendEntry({ "192.168.7.0", maskDisplayForm(24), "no", "yes", "/srv/dev/", 24 });
         list.save_ACL();
-        QFile saved(path);
-        QVERIFY(saved.open(QIODevice::ReadOnly));
-        QCOMPARE(saved.readAll(),
+        QCOMPARE(tw::test::readFile(path),
             QByteArray("10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16;\r\n"
                        "192.168.7.0; 255. 255. 255. 0 ;no;yes;/srv/dev/;24;\r\n"));
         list.removeRow(0); // reaches the file only with the next save

@@ -1,6 +1,7 @@
 #include "access/access_list.h"
 #include "access/network_window.h"
 #include "access/networkadd_dialog.h"
+#include "test_support.h"
 
 #include <QAction>
 #include <QApplication>
@@ -101,13 +102,9 @@ void TestNetworkEditor::windowAddsSavesAndRemoves()
     });
     window.findChild<QAction *>("MnuAddNetwork")->trigger();
     QVERIFY(dialogSeen && !savedEarly);
-    const auto saved = [&file] {
-        QFile f(file);
-        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("unreadable");
-    };
     const QByteArray expected = "0.0.0.0; 255. 255. 255. 0 ;no;no;/srv/tftp/cfg/;24;\r\n"
                                 "10.1.0.0; 255. 255. 0 . 0 ;yes;yes;;16;\r\n";
-    QCOMPARE(saved(), expected);
+    QCOMPARE(tw::test::readFile(file), expected);
 
     // Nothing selected: nothing goes. Both rows selected: only the upper goes,
     // and the file is left as it was.
@@ -121,7 +118,7 @@ void TestNetworkEditor::windowAddsSavesAndRemoves()
     remove->trigger();
     QCOMPARE(list.count(), 2);
     QCOMPARE(list.entry(1).network + ' ' + list.entry(2).network, QStringLiteral("0.0.0.0 192.168.0.0"));
-    QCOMPARE(saved(), expected);
+    QCOMPARE(tw::test::readFile(file), expected);
 }
 
 QTEST_MAIN(TestNetworkEditor)
