@@ -104,25 +104,15 @@ private Q_SLOTS:
     }
 
     // Without a stored folder the folder browser stays in front; with one it is
-    // minimised and the first console comes forward.
-    void storedFolderDecidesWhatComesForward()
+    // minimised and the first console comes forward. Closing stores the
+    // placement (in twips) only when the window is not minimised, the folder always.
+    void storedFolderAndPlacement()
     {
         MainWindow *main = startApp();
         QVERIFY(main->sharedFolder().isEmpty());
         QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Normal);
         QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::filesIndex));
-        m_app.reset();
-
-        main = startApp(m_temp.path());
-        QCOMPARE(main->sharedFolder(), m_temp.path());
-        QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Minimised);
-        QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::firstConsoleIndex));
-    }
-
-    void unloadWritesPlacementOnlyWhenNotMinimised()
-    {
-        MainWindow *main = startApp();
-        main->setSharedFolder(QStringLiteral("/srv/tftp"));
+        main->setSharedFolder(m_temp.path());
         main->setGeometry(40, 50, 900, 600);
         const QRect placement = main->geometry();
         main->close();
@@ -132,13 +122,16 @@ private Q_SLOTS:
             QCOMPARE(settings.value("Settings/MainTop").toInt(), placement.top() * 15);
             QCOMPARE(settings.value("Settings/MainWidth").toInt(), placement.width() * 15);
             QCOMPARE(settings.value("Settings/MainHeight").toInt(), placement.height() * 15);
-            QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/tftp"));
+            QCOMPARE(settings.value("Settings/FolderPath").toString(), m_temp.path());
         }
         m_app.reset();
 
         // A second run that ends minimised keeps the last placement but still
         // stores the folder; the window opened at its designed size regardless.
-        main = startApp(QStringLiteral("/srv/tftp"));
+        main = startApp(m_temp.path());
+        QCOMPARE(main->sharedFolder(), m_temp.path());
+        QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Minimised);
+        QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::firstConsoleIndex));
         QVERIFY(main->geometry() != placement);
         {
             QSettings settings = tw::test::settingsStore();
