@@ -180,26 +180,27 @@ private Q_SLOTS:
         QVERIFY(settings.contains("Settings/MainLeft"));
     }
 
-    // The real consoles as the program wires them: a console's TCP host is the
-    // address its log view answers to; routing looks at slots 3 up to the
-    // window count, so a console left above the count after a removal gets no
-    // lines; "Clear Log" empties the view and leaves the log file alone.
+    // The real consoles as the program wires them: --connect HOST:PORT reaches
+    // that port; a console's TCP host is the address its log view answers to; routing looks at slots 3 up to
+    // the window count, so a console left above the count after a removal gets no lines; "Clear Log" empties
+    // the view and leaves the log file alone.
     void logLinesReachTheRealConsoles()
     {
-        QTcpServer r1, r2; // the devices the consoles connect to, on one port
+        QTcpServer r1, r2; // the devices: r1 named with its port by --connect, r2 on the Telnet port
         QVERIFY(r1.listen(QHostAddress::LocalHost, 0));
-        QVERIFY(r2.listen(QHostAddress(QStringLiteral("127.0.0.2")), r1.serverPort()));
+        QVERIFY(r2.listen(QHostAddress(QStringLiteral("127.0.0.2")), 0));
         const quint16 logPort = tw::test::freeUdpPort();
         const QString logDir = m_temp.filePath(QStringLiteral("logs"));
         MainWindow *main = startApp(QString(), [&](CommandLineOptions &options) {
-            options.telnetPort = r1.serverPort();
+            options.telnetPort = r2.serverPort();
             options.logPort = logPort;
-            options.connectHost = QStringLiteral("127.0.0.1");
+            options.connectHost = QStringLiteral("127.0.0.1:%1").arg(r1.serverPort());
             options.logDir = logDir;
         });
         auto *first = qobject_cast<ConsoleWindow *>(main->child(WindowTable::firstConsoleIndex));
         QVERIFY(first);
         QCOMPARE(first->session()->deviceAddress(), QStringLiteral("127.0.0.1"));
+        QTRY_VERIFY(r1.hasPendingConnections());
         // Datagrams to one socket from loopback arrive in the order sent: once the last one is
         // shown, every earlier one has been routed or dropped.
         const auto sendFrom = [logPort](const char *address, const QByteArray &text) {
