@@ -19,8 +19,8 @@
 #include <QTest>
 #include <QTimer>
 
-// A port per network connection (dialog, history, --connect) and the serial
-// BREAK, against a local TCP device, the real program and a pseudo-terminal.
+// A port per network connection (the text --connect takes, the dialog, the
+// history) and the serial BREAK, against a local TCP device and a pseudo-terminal.
 class TestConsolePorts : public QObject
 {
     Q_OBJECT
@@ -126,20 +126,6 @@ private Q_SLOTS:
         choose(again.connectWith(), QStringLiteral("History0"));
         QCOMPARE(again.portBox()->text(), QString::number(m_device.serverPort()));
         QCOMPARE(again.octetBox(3)->text(), QStringLiteral("1"));
-    }
-
-    void connectOptionTakesHostAndPort()
-    {
-        QTemporaryDir home;
-        QProcess program;
-        tw::test::startHeadless(
-            program, home.path(), { "--connect", QStringLiteral("127.0.0.1:%1").arg(m_device.serverPort()) });
-        QVERIFY2(program.waitForStarted(), qPrintable(program.errorString()));
-        const bool connected = m_device.waitForNewConnection(30000);
-        program.terminate();
-        QVERIFY(program.waitForFinished(30000));
-        QVERIFY2(connected, program.readAllStandardError().constData());
-        delete m_device.nextPendingConnection();
     }
 
     void breakOnEveryKind()
