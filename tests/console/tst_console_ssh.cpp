@@ -4,6 +4,7 @@
 #include "console/modem_options.h"
 #include "console/ssh_connection.h"
 #include "console/terminal_view.h"
+#include "console/terminal_widget.h"
 #include "logrecv/log_options.h"
 #include "logrecv/log_receiver.h"
 #include "logrecv/log_routes.h"
@@ -245,6 +246,51 @@ private Q_SLOTS:
         QFile::remove(sshFile("id_ecdsa"));
         QFile::remove(sshFile("id_ecdsa.pub"));
         tw::test::writeFile(path("authorized_keys"), tw::test::readFile(sshFile("id_ed25519.pub")));
+    }
+
+    // Terminal mode, SSH's default, against a plain shell with no prompt of its
+    // own: a coloured prompt printed by the far end captions the console, and the
+    // far end's pty follows the window's size.
+    void terminalPromptAndWindowSize()
+    {
+        m_server.start("ForceCommand env PS1= /bin/sh\n"); // sshd takes the first value of a setting
+        m_window->resize(900, 560);
+        connectRemembered(m_window->session(), { "SSH", "127.0.0.1", m_server.port, m_server.user });
+        QVERIFY(session().terminalEmulation() && m_window->terminalBox()->isVisible());
+        QTRY_VERIFY_WITH_TIMEOUT(session().sshOpen(), PrivateSshd::waitMs);
+        const auto type = [this](const QByteArray &line) {
+            for (const char c : line)
+                QTest::keyClick(m_window->terminalBox(), c);
+            QTest::keyClick(m_window->terminalBox(), Qt::Key_Return);
+        };
+        type("printf '\\033[1;32mleaf1#\\033[0m '");
+        QTRY_VERIFY2_WITH_TIMEOUT(m_window->windowTitle() == QLatin1String("leaf1#"),
+            qPrintable(consoleText()), PrivateSshd::waitMs);
+        QVERIFY(consoleText().endsWith(QLatin1String("\nleaf1#")));
+
+        // The last "ROWS COLUMNS" that stty printed, as COLUMNSxROWS.
+        const auto farEndSize = [this] {
+            QString last;
+            for (auto it = QRegularExpression(QStringLiteral("\n(\\d+) (\\d+)\n")).globalMatch(consoleText());
+                 it.hasNext();) {
+                const QRegularExpressionMatch m = it.next();
+                last = m.captured(2) + QLatin1Char('x') + m.captured(1);
+            }
+            return last;
+        };
+        const auto viewSize = [this] {
+            return QStringLiteral("%1x%2")
+                .arg(m_window->terminalBox()->gridColumns())
+                .arg(m_window->terminalBox()->gridRows());
+        };
+        type("stty size");
+        QTRY_COMPARE_WITH_TIMEOUT(farEndSize(), viewSize(), PrivateSshd::waitMs);
+        const QString before = viewSize();
+        m_window->resize(640, 420);
+        QTRY_VERIFY(viewSize() != before);
+        type("stty size");
+        QTRY_COMPARE_WITH_TIMEOUT(farEndSize(), viewSize(), PrivateSshd::waitMs);
+        m_server.stop(); // the next case gets the device back
     }
 
     void connectOptionOpensSsh()
