@@ -1,14 +1,18 @@
 #include "app/command_line.h"
+#include "http/curl_client.h"
 #include "test_support.h"
 
+#include <QDir>
+#include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QUdpSocket>
 
 // The command line contract: the options parsed into their values, mistakes
-// refused with status 2, and the real program in --headless mode reporting
-// monitor rows, surviving a port it cannot bind and stopping on SIGTERM.
+// refused with status 2, and the real program in --headless mode serving TFTP
+// and HTTP, reporting monitor rows, surviving a port it cannot bind and
+// stopping on SIGTERM.
 class CommandLineTest : public QObject
 {
     Q_OBJECT
@@ -58,19 +62,27 @@ private Q_SLOTS:
             QVERIFY2(help.contains(option), option);
     }
 
-    // The TFTP port binds and is reported as the listener; the log port is
-    // taken, which is said with its remedy and stops nothing; SIGTERM ends the
+    // One run of the real program as a jump host runs it: the TFTP port binds and
+    // is reported as the listener; the log port is taken, which is said with its
+    // remedy and stops nothing; --tftp-standard serves curl's TFTP fetch and
+    // --http-port its HTTP one, each row printed as it changes; SIGTERM ends the
     // run cleanly.
-    void headlessReportsListenerSurvivesBusyPortAndStopsOnSigterm()
+    void headlessRun()
     {
         QUdpSocket occupier;
         QVERIFY(occupier.bind(QHostAddress::AnyIPv4, 0));
-        const quint16 busy = occupier.localPort(), tftp = tw::test::freeUdpPort();
-        QProcess process;
+        const quint16 busy = occupier.localPort(), tftp = tw::test::freeUdpPort(),
+                      http = tw::test::freeTcpPort();
         QTemporaryDir home;
+        const QString folder = home.filePath(QStringLiteral("share"));
+        QVERIFY(QDir().mkpath(folder));
+        QVERIFY(tw::test::writeFile(folder + QStringLiteral("/image.bin"), QByteArray(3000000, 'x')));
+        QVERIFY(tw::test::writeFile(home.filePath(QStringLiteral("ACLIST.ini")),
+            "127.0.0.0; 255. 0 . 0 . 0 ;yes;no;" + folder.toLocal8Bit() + ";8;\r\n"));
+        QProcess process;
         tw::test::startHeadless(process, home.path(),
-            { QStringLiteral("--tftp-port"), QString::number(tftp), QStringLiteral("--log-port"),
-                QString::number(busy) });
+            { "--tftp-standard", "--tftp-port", QString::number(tftp), "--log-port", QString::number(busy),
+                "--http-port", QString::number(http) });
         QVERIFY2(process.waitForStarted(), qPrintable(process.errorString()));
         QByteArray seen;
         const QByteArray listening = "socket\t1\t1\t" + QByteArray::number(tftp) + "\t";
@@ -80,6 +92,23 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(
             (errors += process.readAllStandardError()).contains(QByteArray::number(busy)), 30000);
         QVERIFY2(errors.contains("setcap"), errors.constData());
+
+        // Rows reach the output in batches: the final count comes with the end state.
+        const QString got = home.filePath(QStringLiteral("got.bin"));
+        QVERIFY2(
+            runTool("curl", { "-sS", "-o", got, QStringLiteral("tftp://127.0.0.1:%1/image.bin").arg(tftp) })
+                == 0,
+            "curl failed or is missing: install the curl package");
+        QCOMPARE(QFileInfo(got).size(), 3000000);
+        QVERIFY2(tw::test::waitForOutput(process, "\t127.0.0.1\tFINISHED OK\t3000000 bytes", seen), seen);
+        const QString url = QStringLiteral("http://127.0.0.1:%1/image.bin").arg(http);
+        QTRY_VERIFY_WITH_TIMEOUT(curl({ url }).status == 200, 60000);
+        QVERIFY2(tw::test::waitForOutput(process, "\thttp: image.bin\t127.0.0.1\t127.0.0.1\tAllowed\t", seen),
+            seen);
+        QVERIFY2(tw::test::waitForOutput(
+                     process, "\thttp: image.bin\t127.0.0.1\t127.0.0.1\tFINISHED OK\t3000000 bytes\n", seen),
+            seen);
+
         QCOMPARE(process.state(), QProcess::Running);
         process.terminate(); // SIGTERM
         QVERIFY(process.waitForFinished(30000));
