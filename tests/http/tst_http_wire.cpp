@@ -17,17 +17,13 @@ private Q_SLOTS:
     void urlPathDecodedOnce()
     {
         const std::pair<QByteArray, QString> rows[] = {
-            { "/", "" },
-            { "/ios%20xe.bin", "ios xe.bin" },
+            { "/", "" }, { "/ios%20xe.bin", "ios xe.bin" },
             { "/%2e%2E/x", "../x" }, // decoded here, judged later
             { "/%252e%252e", "%2e%2e" }, // decoded once only
-            { "/caf%C3%A9", QString::fromUtf8("caf\xc3\xa9") },
-            { "x", {} }, // no leading slash
+            { "/caf%C3%A9", QString::fromUtf8("caf\xc3\xa9") }, { "x", {} }, // no leading slash
             { "/a%4", {} }, // truncated escape
-            { "/a%", {} },
-            { "/%zz", {} }, // not hex
-            { "/a%00.bin", {} },
-            { "/a\rb", {} }, // a raw CR
+            { "/a%", {} }, { "/%zz", {} }, // not hex
+            { "/a%00.bin", {} }, { "/a\rb", {} }, // a raw CR
             { "/a%0Db", "a\rb" }, // an escaped one
         };
         for (const auto &[path, name] : rows) {
