@@ -5,8 +5,11 @@
 // write in --folder. --window shows the Transfer window (on whatever platform
 // Qt runs) and prints to stderr, at the end of each transfer, the longest the
 // event loop went without running a 5 ms timer: "stall MS". Each figure is followed by the
-// CPU time the UI thread used during that longest gap ("cpu MS"): on a busy
-// machine a gap is often the thread waiting for a core, not working.
+// CPU time the UI thread used during that longest gap ("cpu MS") and the time it
+// spent runnable but waiting for a core ("queued MS", from the kernel's
+// schedstat): on a busy machine a gap is often the thread waiting for a core,
+// not working; what is left of the gap it spent blocked (sleeping on a lock,
+// a thread pool or a system call).
 
 #include "access/access_list.h"
 #include "access/mask_display.h"
@@ -17,6 +20,7 @@
 
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QSet>
 #include <QTimer>
 
 #include <QCommandLineParser>
@@ -24,6 +28,7 @@
 #include <QDir>
 #include <cstdio>
 #include <ctime>
+#include <fstream>
 
 int main(int argc, char **argv)
 {
@@ -68,6 +73,14 @@ int main(int argc, char **argv)
     qint64 longest = 0;
     double longestCpu = 0;
     double cpuAtTick = 0;
+    double longestQueued = 0;
+    double queuedAtTick = 0;
+    const auto threadQueuedMs = [] {
+        std::ifstream stat("/proc/thread-self/schedstat");
+        double run = 0, queued = 0;
+        stat >> run >> queued;
+        return queued / 1e6;
+    };
     const auto threadCpuMs = [] {
         timespec t {};
         ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
@@ -80,25 +93,37 @@ int main(int argc, char **argv)
         window->show();
         sinceTick.start();
         cpuAtTick = threadCpuMs();
+        queuedAtTick = threadQueuedMs();
         QObject::connect(&probe, &QTimer::timeout, [&] {
             const qint64 gap = sinceTick.restart();
             const double cpu = threadCpuMs();
+            const double queued = threadQueuedMs();
             if (gap > longest) {
                 longest = gap;
                 longestCpu = cpu - cpuAtTick;
+                longestQueued = queued - queuedAtTick;
             }
             cpuAtTick = cpu;
+            queuedAtTick = queued;
         });
         probe.start(5);
-        QObject::connect(&monitor, &TransferMonitor::transferRowChanged, [&](int row) {
-            // A transfer's final count (no percentage): the stall during it.
-            const QString data = monitor.transferText(row, TransferMonitor::DataSentReceived);
-            if (data.isEmpty() || data.endsWith(QLatin1String("%)")))
-                return;
-            std::fprintf(stderr, "stall %lld cpu %.1f\n", longest, longestCpu);
-            longest = 0;
-            longestCpu = 0;
-        });
+        QObject::connect(
+            &monitor, &TransferMonitor::transferRowChanged, [&, running = QSet<int>()](int row) mutable {
+                // A transfer's final count (no percentage): the stall during it.
+                const QString data = monitor.transferText(row, TransferMonitor::DataSentReceived);
+                if (data.isEmpty() || data.endsWith(QLatin1String("%)"))) {
+                    // The first transfer after a quiet spell: gaps while nothing ran are not its own.
+                    if (running.isEmpty())
+                        longest = 0, longestCpu = 0, longestQueued = 0;
+                    running.insert(row);
+                    return;
+                }
+                running.remove(row);
+                std::fprintf(stderr, "stall %lld cpu %.1f queued %.1f\n", longest, longestCpu, longestQueued);
+                longest = 0;
+                longestCpu = 0;
+                longestQueued = 0;
+            });
     }
 
     QObject::connect(&monitor, &TransferMonitor::transferRowChanged, [&](int row) {

@@ -145,6 +145,11 @@ std::vector<std::function<void(const QString &)>> &forgetHandlers()
 }
 } // namespace
 
+bool holds(const QString &host)
+{
+    return host.split(QLatin1Char('.')).size() == octets;
+}
+
 void onHostForgotten(std::function<void(const QString &host)> handler)
 {
     forgetHandlers().push_back(std::move(handler));
@@ -287,6 +292,6 @@ void connectRemembered(ConsoleSession *session, const ConnectTarget &target)
         session->ConnectTCP(target.host);
     else
         session->ConnectTCP(target.host, target.port);
-    if (target.host.split(QLatin1Char('.')).size() == 4)
+    if (ConnectionHistory::holds(target.host))
         ConnectionHistory::remember(target);
 }

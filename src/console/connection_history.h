@@ -65,6 +65,9 @@ QString key(int n, int octet);
 
 // The hosts the entries hold (octets joined by "."), without repeats or blanks.
 QStringList hosts();
+// Whether connecting to host enters it in the history: a name does not (the
+// entries are four octet boxes), four dotted parts do.
+bool holds(const QString &host);
 // Adds a handler called with each host that remember() pushed out of the
 // history and that no other entry still holds, so what is kept per entry
 // elsewhere (the SNMP tab's settings and passwords) goes with it.

@@ -83,6 +83,11 @@ int onResponse(int operation, netsnmp_session *, int, netsnmp_pdu *pdu, void *ma
                 (*wait->take)(pdu);
             wait->status = STAT_SUCCESS;
             wait->waiting = false;
+        } else if (pdu->command == SNMP_MSG_REPORT && wait->report) {
+            // The answer a discovery probe asks for: it carries the engine ID.
+            (*wait->take)(pdu);
+            wait->status = STAT_SUCCESS;
+            wait->waiting = false;
         } else if (pdu->command == SNMP_MSG_REPORT) {
             // A USM report says what the agent made of us in its own words.
             // net-snmp answers a notInTimeWindow report itself, by sending the
@@ -311,6 +316,10 @@ bool AgentSession::open()
             u = next;
         }
     }
+    // net-snmp would discover the engine inside the opening, waiting in a
+    // loop of its own that nothing can interrupt: discover() does it instead.
+    if (m_target.version == 3)
+        s.flags |= SNMP_FLAGS_DONT_PROBE;
     m_session = snmp_sess_open(&s);
     if (!m_session) {
         int libErr = 0, sysErr = 0;
@@ -318,6 +327,81 @@ bool AgentSession::open()
         snmp_error(&s, &libErr, &sysErr, &text);
         fail(s.s_snmp_errno ? s.s_snmp_errno : libErr, QString::fromLocal8Bit(text));
         free(text);
+        return false;
+    }
+    lock.unlock();
+    if (m_target.version == 3 && !discover()) {
+        QMutexLocker closing(&libraryLock());
+        snmp_sess_close(m_session);
+        m_session = nullptr;
+        return false;
+    }
+    return true;
+}
+
+// Engine ID discovery as net-snmp does it (an empty unauthenticated request
+// whose report names the engine, then the keys localised for it), but waited
+// for in our own loop, so closing a console cuts it short.
+bool AgentSession::discover()
+{
+    netsnmp_session *session = snmp_sess_session(m_session);
+    // Else the library probes on its own, inside the first send.
+    session->flags |= SNMP_FLAGS_DONT_PROBE;
+    netsnmp_pdu *probe = snmp_pdu_create(SNMP_MSG_GET);
+    probe->version = SNMP_VERSION_3;
+    probe->securityModel = SNMP_SEC_MODEL_USM;
+    probe->securityLevel = SNMP_SEC_LEVEL_NOAUTH;
+    probe->securityName = strdup("");
+    probe->securityNameLen = 0;
+    {
+        // The probe goes out as the empty user, which the library must know.
+        QMutexLocker lock(&libraryLock());
+        if (!usm_get_user(nullptr, 0, probe->securityName)) {
+            auto *empty = static_cast<usmUser *>(calloc(1, sizeof(usmUser)));
+            empty->name = strdup("");
+            empty->secName = strdup("");
+            empty->authProtocolLen = OID_LENGTH(usmNoAuthProtocol);
+            empty->authProtocol = snmp_duplicate_objid(usmNoAuthProtocol, empty->authProtocolLen);
+            empty->privProtocolLen = OID_LENGTH(usmNoPrivProtocol);
+            empty->privProtocol = snmp_duplicate_objid(usmNoPrivProtocol, empty->privProtocolLen);
+            usm_add_user(empty);
+        }
+    }
+    QByteArray engine;
+    const Take take = [&engine](const snmp_pdu *report) {
+        engine = QByteArray(
+            reinterpret_cast<const char *>(report->securityEngineID), qsizetype(report->securityEngineIDLen));
+    };
+    Wait &wait = m_waits[0];
+    m_answered = false;
+    if (!send(probe, take, wait)) {
+        if (wait.error)
+            finish(wait);
+        return false;
+    }
+    wait.report = true;
+    pump([&wait] { return !wait.waiting; });
+    wait.report = false;
+    if (!finish(wait))
+        return false;
+    if (engine.isEmpty()) {
+        fail(SNMPERR_UNKNOWN_ENG_ID);
+        return false;
+    }
+    QMutexLocker lock(&libraryLock());
+    if (session->securityEngineIDLen == 0) {
+        session->securityEngineID
+            = static_cast<u_char *>(netsnmp_memdup(engine.constData(), size_t(engine.size())));
+        session->securityEngineIDLen = size_t(engine.size());
+    }
+    if (session->contextEngineIDLen == 0) {
+        session->contextEngineID
+            = static_cast<u_char *>(netsnmp_memdup(engine.constData(), size_t(engine.size())));
+        session->contextEngineIDLen = size_t(engine.size());
+    }
+    const int localised = create_user_from_session(session);
+    if (localised != SNMPERR_SUCCESS) {
+        fail(localised);
         return false;
     }
     return true;
@@ -431,141 +515,6 @@ bool AgentSession::request(snmp_pdu *pdu, const Take &take)
     }
     pump([&wait] { return !wait.waiting; });
     return finish(wait);
-}
-
-namespace {
-void addNull(netsnmp_pdu *pdu, const Oid &name)
-{
-    oid id[MAX_OID_LEN];
-    const size_t length = qMin<size_t>(size_t(name.size()), MAX_OID_LEN);
-    std::copy_n(name.begin(), length, id);
-    snmp_add_null_var(pdu, id, length);
-}
-} // namespace
-
-bool AgentSession::get(const QList<Oid> &oids, QList<SnmpValue> &values)
-{
-    values.clear();
-    if (!m_session && !open())
-        return false;
-    netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GET);
-    for (const Oid &o : oids)
-        addNull(pdu, o);
-    const bool ok = request(pdu, [&values](const snmp_pdu *reply) {
-        for (const variable_list *v = reply->variables; v; v = v->next_variable)
-            values.append(toSnmpValue(v));
-    });
-    if (!ok)
-        return false;
-    while (values.size() < oids.size())
-        values.append(SnmpValue());
-    return true;
-}
-
-// The columns are walked in two chains of requests, each on its own share of
-// the columns and each sent as soon as its previous answer is in, so the
-// agent has the other chain's request to work on while we read an answer
-// and while a request or an answer is on its way.
-bool AgentSession::bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList<QList<SnmpValue>> &values)
-{
-    values = QList<QList<SnmpValue>>(columns.size());
-    if (!m_session && !open())
-        return false;
-    m_answered = false;
-    QList<Oid> cursor = columns;
-    // An agent that never leaves a column would keep us here for ever.
-    constexpr int instanceLimit = 100000;
-    int instances = 0;
-    struct Chain
-    {
-        QList<int> active; // the columns still being walked
-        QList<bool> done;
-        bool any = false;
-        bool out = false; // a request is out
-        Take take;
-    };
-    Chain chains[walkChains];
-    for (int c = 0; c < columns.size(); ++c)
-        chains[c * walkChains / columns.size()].active.append(c);
-    for (Chain &chain : chains) {
-        // One answer: its values come column by column, round after round.
-        chain.take = [&, ch = &chain](const snmp_pdu *reply) {
-            int n = 0;
-            for (const variable_list *v = reply->variables; v; v = v->next_variable, ++n) {
-                const int slot = n % int(ch->active.size());
-                if (ch->done[slot])
-                    continue;
-                const int c = ch->active[slot];
-                SnmpValue value = toSnmpValue(v);
-                const Oid &column = columns[c];
-                const bool inside = !value.endOfView && value.oid.size() > column.size()
-                    && std::equal(column.begin(), column.end(), value.oid.begin());
-                // Identifiers must grow, or the agent is going round in circles.
-                if (!inside || !(cursor[c] < value.oid)) {
-                    ch->done[slot] = true;
-                    continue;
-                }
-                cursor[c] = value.oid;
-                values[c].append(std::move(value));
-                ch->any = true;
-                ++instances;
-            }
-        };
-    }
-    const auto next = [&](int k) {
-        Chain &chain = chains[k];
-        netsnmp_pdu *pdu = snmp_pdu_create(SNMP_MSG_GETBULK);
-        pdu->non_repeaters = 0;
-        pdu->max_repetitions = qMax(1, maxRepetitions / int(chain.active.size()));
-        for (int c : std::as_const(chain.active))
-            addNull(pdu, cursor[c]);
-        chain.done.fill(false, chain.active.size());
-        chain.any = false;
-        chain.out = send(pdu, chain.take, m_waits[k]);
-        return chain.out;
-    };
-    for (int k = 0; k < walkChains; ++k) {
-        if (!chains[k].active.isEmpty() && !next(k)) {
-            if (m_waits[k].error)
-                finish(m_waits[k]);
-            abandon();
-            return false;
-        }
-    }
-    for (;;) {
-        bool out = false;
-        for (const Chain &chain : chains)
-            out = out || chain.out;
-        if (!out)
-            return true;
-        pump([&] {
-            for (int k = 0; k < walkChains; ++k)
-                if (chains[k].out && !m_waits[k].waiting)
-                    return true;
-            return false;
-        });
-        for (int k = 0; k < walkChains; ++k) {
-            Chain &chain = chains[k];
-            if (!chain.out || m_waits[k].waiting)
-                continue;
-            chain.out = false;
-            if (!finish(m_waits[k])) {
-                abandon();
-                return false;
-            }
-            QList<int> still;
-            for (int slot = 0; slot < chain.active.size(); ++slot)
-                if (!chain.done[slot] && chain.any)
-                    still.append(chain.active[slot]);
-            chain.active = still;
-            if (!chain.active.isEmpty() && instances < instanceLimit && !next(k)) {
-                if (m_waits[k].error)
-                    finish(m_waits[k]);
-                abandon();
-                return false;
-            }
-        }
-    }
 }
 
 CredentialFault credentialFault(int snmpErr)

@@ -88,8 +88,13 @@ public:
 
     // Walks table columns side by side with GetBulk: values[i] receives the
     // instances of columns[i] in order. maxRepetitions is shared among the
-    // columns still being walked.
-    bool bulkWalk(const QList<Oid> &columns, int maxRepetitions, QList<QList<SnmpValue>> &values);
+    // columns still being walked. expectedRows, when known (> 0), is how many
+    // instances a column is likely to have: requests near the end then ask
+    // for what is left and one more, to see the column end, instead of a
+    // full share the agent would mostly fetch for nothing. A column that
+    // turns out longer is walked on in full shares.
+    bool bulkWalk(
+        const QList<Oid> &columns, int maxRepetitions, QList<QList<SnmpValue>> &values, int expectedRows = 0);
 
     QString error() const { return m_error; }
     int errorCode() const { return m_errorCode; }
@@ -114,11 +119,13 @@ public:
         int error = 0;
         long errorStatus = 0;
         const std::function<void(const snmp_pdu *)> *take = nullptr;
+        bool report = false; // a report is the answer (an engine discovery)
     };
 
 private:
     using Take = std::function<void(const snmp_pdu *)>;
     bool request(snmp_pdu *pdu, const Take &take);
+    bool discover();
     // Sends pdu without waiting, its outcome to go to wait.
     bool send(snmp_pdu *pdu, const Take &take, Wait &wait);
     // Lets net-snmp work (answers, time-outs, retries) until done() holds or

@@ -3,12 +3,16 @@
 #include "snmp/counter_rates.h"
 #include "snmp/snmp_poller.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
+#include <QDeadlineTimer>
 #include <QMutex>
 #include <QSet>
+#include <QWaitCondition>
 
 #include <atomic>
 #include <cmath>
+#include <mutex>
 
 namespace {
 
@@ -37,6 +41,13 @@ QString csvField(QString text)
 }
 
 std::atomic_int runningWorkers { 0 };
+QMutex workersLock;
+QWaitCondition workersEnded;
+
+void finishWorkersAtExit()
+{
+    SnmpMonitor::finishWorkers(3000);
+}
 
 } // namespace
 
@@ -54,6 +65,16 @@ int SnmpMonitor::workersRunning()
     return runningWorkers.load();
 }
 
+bool SnmpMonitor::finishWorkers(int ms)
+{
+    QDeadlineTimer deadline(ms);
+    QMutexLocker lock(&workersLock);
+    while (runningWorkers.load() > 0)
+        if (!workersEnded.wait(&workersLock, deadline))
+            return runningWorkers.load() == 0;
+    return true;
+}
+
 SnmpMonitor::SnmpMonitor(std::function<QString()> deviceAddress, QObject *parent)
     : QObject(parent)
     , m_deviceAddress(std::move(deviceAddress))
@@ -61,6 +82,8 @@ SnmpMonitor::SnmpMonitor(std::function<QString()> deviceAddress, QObject *parent
     qRegisterMetaType<SnmpTarget>();
     qRegisterMetaType<PollResult>();
     AgentSession::initLibrary();
+    static std::once_flag atExit;
+    std::call_once(atExit, [] { qAddPostRoutine(finishWorkersAtExit); });
     m_table.setHorizontalHeaderLabels(
         { tr("Index"), tr("Name"), tr("Alias"), tr("Admin"), tr("Oper"), tr("Speed"), tr("In bit/s"),
             tr("Out bit/s"), tr("In %"), tr("Out %"), tr("Errors/s"), tr("Discards/s") });
@@ -85,7 +108,11 @@ void SnmpMonitor::startWorker()
         [handoff = m_handoff, thread = m_thread, worker = m_worker] {
             QMutexLocker lock(&handoff->lock);
             handoff->finished = true;
-            --runningWorkers;
+            {
+                QMutexLocker ended(&workersLock);
+                --runningWorkers;
+                workersEnded.wakeAll();
+            }
             if (handoff->orphaned) {
                 delete worker; // it lives on this thread, whose event loop has ended
                 thread->deleteLater();

@@ -90,6 +90,11 @@ public:
     // Worker threads of this process still running, those of monitors
     // already gone included.
     static int workersRunning();
+    // Waits until every worker thread has ended, at most ms milliseconds;
+    // true if they all have. Those of monitors already gone end promptly (their
+    // waits are cancelled), bar a host name lookup that hangs. Run at program
+    // exit, so no thread is still inside net-snmp as the process ends.
+    static bool finishWorkers(int ms);
 
 Q_SIGNALS:
     void stateChanged(const QString &text);

@@ -287,6 +287,14 @@ void SnmpPage::forgetDevice(const QString &host)
             SnmpCredentials::forget(SnmpCredentials::key(host, user, QLatin1String(which)));
 }
 
+void SnmpPage::rememberDevice(const QString &host, const SnmpProfile &profile)
+{
+    SnmpProfiles::save(host, profile);
+    if (!ConnectionHistory::holds(host))
+        for (const QString &gone : SnmpProfiles::rememberName(host, ConnectionHistory::entryCount))
+            forgetDevice(gone);
+}
+
 void SnmpPage::loadProfile(const QString &host)
 {
     if (const std::optional<SnmpProfile> p = SnmpProfiles::load(host))
@@ -305,7 +313,7 @@ void SnmpPage::start()
             // Only the choice is remembered: the rest of the device's v2c/v3 settings stay for later.
             SnmpProfile kept = SnmpProfiles::load(host).value_or(SnmpProfile());
             kept.version = 1;
-            SnmpProfiles::save(host, kept);
+            rememberDevice(host, kept);
         }
         m_poller->start();
         return;
@@ -316,7 +324,7 @@ void SnmpPage::start()
         m_monitor->start(); // says "No connection"
         return;
     }
-    SnmpProfiles::save(host, p);
+    rememberDevice(host, p);
     startMonitor(p.target);
 }
 
@@ -373,8 +381,12 @@ void SnmpPage::exportCsv(bool history)
     const QString path = QFileDialog::getSaveFileName(this, tr("Export"),
         history ? QStringLiteral("interface-%1.csv").arg(m_selected) : QStringLiteral("interfaces.csv"),
         tr("CSV files (*.csv)"));
-    if (path.isEmpty())
-        return;
+    if (!path.isEmpty())
+        exportCsv(history, path);
+}
+
+void SnmpPage::exportCsv(bool history, const QString &path)
+{
     QFile file(path);
     const QByteArray csv = (history ? m_monitor->historyCsv(m_selected) : m_monitor->tableCsv()).toUtf8();
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(csv) != csv.size())

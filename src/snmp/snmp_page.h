@@ -54,6 +54,13 @@ public:
     // passwords of every user saved for it. Called when the device's last
     // connection history entry drops off.
     static void forgetDevice(const QString &host);
+    // Saves the choices for a device; a device connected by name pushes the
+    // oldest such device out once there are more of them than history entries.
+    static void rememberDevice(const QString &host, const SnmpProfile &profile);
+
+    // What "Export..." writes once its file dialog is answered: the interface
+    // table, or the selected interface's history, as CSV to path.
+    void exportCsv(bool history, const QString &path);
 
     // The interface whose history the graph shows, 0 for none.
     int selectedInterface() const { return m_selected; }

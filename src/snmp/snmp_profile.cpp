@@ -67,6 +67,20 @@ void SnmpProfiles::save(const QString &host, const SnmpProfile &p)
     }
 }
 
+QStringList SnmpProfiles::rememberName(const QString &host, int keep)
+{
+    const QString name = host.trimmed();
+    if (name.isEmpty())
+        return {};
+    QSettings settings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
+    QStringList names = settings.value(QStringLiteral("SnmpNamedDevices")).toStringList();
+    names.removeAll(name);
+    names.prepend(name);
+    const QStringList gone = names.mid(keep);
+    settings.setValue(QStringLiteral("SnmpNamedDevices"), names.mid(0, keep));
+    return gone;
+}
+
 QStringList SnmpProfiles::remove(const QString &host)
 {
     if (host.trimmed().isEmpty())

@@ -25,4 +25,9 @@ std::optional<SnmpProfile> load(const QString &host);
 void save(const QString &host, const SnmpProfile &profile);
 // Drops the device's settings; returns the v3 user names that were saved for it.
 QStringList remove(const QString &host);
+// Devices connected by name never enter the connection history, whose
+// pruning takes the others' settings away: they have a list of their own,
+// newest first, of at most keep names. Puts host at its head and returns the
+// names that fell off its end.
+QStringList rememberName(const QString &host, int keep);
 } // namespace SnmpProfiles

@@ -164,8 +164,16 @@ void SnmpWorker::poll(const SnmpTarget &target)
     PollResult result;
     QList<SnmpValue> scalars;
     QList<QList<SnmpValue>> columns;
+    // The agent's interface count, else the last poll's, tells the walk where
+    // the columns are likely to end.
+    const auto expectedRows = [&scalars, this] {
+        const SnmpValue count = scalars.value(1);
+        return count.kind == SnmpValue::Number && count.number > 0 && count.number < 1000000
+            ? int(count.number)
+            : m_rows;
+    };
     if (!m_session->get({ sysUpTime, ifNumber, cpuLoad, freeMemory }, scalars)
-        || !m_session->bulkWalk(SnmpTables::interfaceColumns(), bulkRepetitions, columns)) {
+        || !m_session->bulkWalk(SnmpTables::interfaceColumns(), bulkRepetitions, columns, expectedRows())) {
         result.error = m_session->error();
         result.errorCode = m_session->errorCode();
         diagnosePrivacy(target, result);
@@ -185,5 +193,6 @@ void SnmpWorker::poll(const SnmpTarget &target)
     if (scalars.value(3).kind == SnmpValue::Number)
         result.freeMemory = QString::number(scalars[3].number);
     result.interfaces = SnmpTables::interfaceReadings(columns);
+    m_rows = int(result.interfaces.size());
     Q_EMIT polled(result);
 }

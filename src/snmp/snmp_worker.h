@@ -82,6 +82,7 @@ private:
     SnmpCancel m_cancel;
     std::unique_ptr<AgentSession> m_session;
     SnmpTarget m_target;
+    int m_rows = 0; // interfaces in the last poll
 };
 
 Q_DECLARE_METATYPE(PollResult)

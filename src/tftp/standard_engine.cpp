@@ -46,6 +46,7 @@ struct StandardEngine::Transfer
     std::unique_ptr<StandardTransfer> protocol;
     qint64 lastAdvance = 0;
     qint64 lastShown = -1;
+    bool progressDue = false; // newer progress than the row shows; the next flush due shows it
 };
 
 namespace {
@@ -356,7 +357,11 @@ void StandardEngine::outcome(Transfer &t, int result, bool advanced)
     case StandardTransfer::Outcome::Running:
         if (advanced)
             t.lastAdvance = now();
-        showProgress(t, false);
+        // A block costs no more than this flag: the row's text is made by a flush.
+        if (!t.progressDue) {
+            t.progressDue = true;
+            m_progressDue.insert(t.socket);
+        }
         return;
     case StandardTransfer::Outcome::Finished:
         // Every ending is written into the request's own row. A finished
@@ -391,13 +396,8 @@ void StandardEngine::end(Transfer &t, const QString &status)
 
 void StandardEngine::showProgress(Transfer &t, bool final)
 {
-    const qint64 at = now();
-    if (!final && t.lastShown >= 0 && at - t.lastShown < progressMs) {
-        // Shown by a later flush, so a transfer that stops mid-way still shows how far it got.
-        m_progressDue.insert(t.socket);
-        return;
-    }
-    t.lastShown = at;
+    t.lastShown = now();
+    t.progressDue = false;
     const qint64 done = t.protocol->bytesDone(), total = t.protocol->totalBytes();
     QString text;
     if (!final && total >= 0) {
@@ -443,11 +443,12 @@ void StandardEngine::expire(qint64 at)
 
 void StandardEngine::flush()
 {
+    const qint64 at = now();
     for (auto it = m_progressDue.begin(); it != m_progressDue.end();) {
         const auto found = m_transfers.find(*it);
         if (found == m_transfers.end()) {
             it = m_progressDue.erase(it);
-        } else if (now() - found->second->lastShown >= progressMs) {
+        } else if (found->second->lastShown < 0 || at - found->second->lastShown >= progressMs) {
             it = m_progressDue.erase(it);
             showProgress(*found->second, false);
         } else {

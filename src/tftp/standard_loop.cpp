@@ -126,14 +126,14 @@ int EpollNet::sendBufferBytes(int socket) const
 
 int EpollNet::readBatch(int socket, Datagram *out, int count)
 {
-    // One system call for everything waiting (up to count): a lock-step
-    // transfer then costs one call per ACK, not a second one to learn that
-    // nothing more is there.
+    // One system call for everything waiting (up to count): a burst of
+    // requests on the listener costs one call, not one each plus one to
+    // learn that nothing more is there.
     mmsghdr messages[maxBatch];
     iovec io[maxBatch];
     sockaddr_in from[maxBatch];
     alignas(cmsghdr) char control[maxBatch][CMSG_SPACE(sizeof(in_pktinfo))];
-    count = qMin(count, int(maxBatch));
+    count = qBound(1, count, int(maxBatch));
     for (int i = 0; i < count; ++i) {
         if (out[i].bytes.size() != 65536 + 4) // kept between reads: no allocation per datagram
             out[i].bytes.resize(65536 + 4);
@@ -146,7 +146,16 @@ int EpollNet::readBatch(int socket, Datagram *out, int count)
         messages[i].msg_hdr.msg_control = control[i];
         messages[i].msg_hdr.msg_controllen = sizeof control[i];
     }
-    const int n = ::recvmmsg(socket, messages, unsigned(count), MSG_DONTWAIT, nullptr);
+    // A single read is a plain recvmsg: recvmmsg would look for a second
+    // datagram that a lock-step peer has not sent yet.
+    int n;
+    if (count == 1) {
+        const ssize_t got = ::recvmsg(socket, &messages[0].msg_hdr, MSG_DONTWAIT);
+        messages[0].msg_len = got > 0 ? unsigned(got) : 0;
+        n = got >= 0 ? 1 : -1;
+    } else {
+        n = ::recvmmsg(socket, messages, unsigned(count), MSG_DONTWAIT, nullptr);
+    }
     for (int i = 0; i < n; ++i) {
         Datagram &d = out[i];
         d.size = qint64(messages[i].msg_len);
@@ -246,6 +255,19 @@ void StandardLoop::afterWork(qint64 now)
         m_flushAt = now + flushMs;
 }
 
+bool StandardLoop::deliver(int socket, int count)
+{
+    const int n = m_net.readBatch(socket, m_received, count);
+    for (int k = 0; k < n; ++k) {
+        const EpollNet::Datagram &d = m_received[k];
+        // The engine may close this socket while handling a datagram: the rest were for it.
+        if (!m_engine->receive(socket, QByteArray::fromRawData(d.bytes.constData(), d.size), d.sender,
+                d.senderPort, d.destination))
+            return false;
+    }
+    return n > 0;
+}
+
 void StandardLoop::run()
 {
     const int epoll = m_net.epollFd();
@@ -261,14 +283,9 @@ void StandardLoop::run()
                     return;
                 continue;
             }
-            const int n = m_net.readBatch(socket, m_received, datagramsPerWakeUp);
-            for (int k = 0; k < n; ++k) {
-                const EpollNet::Datagram &d = m_received[k];
-                // The engine may close this socket while handling a datagram: the rest were for it.
-                if (!m_engine->receive(socket, QByteArray::fromRawData(d.bytes.constData(), d.size), d.sender,
-                        d.senderPort, d.destination))
-                    break;
-            }
+            // Transfers read one datagram per round: a lock-step peer has
+            // sent no more, and a stranger's flood cannot crowd out the rest.
+            deliver(socket, socket == m_engine->listenerSocket() ? datagramsPerWakeUp : 1);
         }
         afterWork(m_engine->now());
     }

@@ -51,7 +51,7 @@ private:
 // The engine's thread and its loop. It is a plain epoll loop, not Qt's
 // event loop: in a lock-step transfer the time between an ACK's arrival and
 // the next DATA leaving is the transfer's speed, and here that is one
-// epoll_wait, one recvmmsg and one sendto (Qt's dispatcher adds a poll and
+// epoll_wait, one recvmsg and one sendto (Qt's dispatcher adds a poll and
 // its own bookkeeping per wake-up). It reads what epoll reports (a bounded
 // number of datagrams per socket and round, so one busy transfer cannot
 // starve the others), fires retransmission timers when they are due, and
@@ -61,7 +61,7 @@ class StandardLoop : public QThread
 {
 public:
     static constexpr int flushMs = 100;
-    static constexpr int datagramsPerWakeUp = EpollNet::maxBatch; // per socket and round
+    static constexpr int datagramsPerWakeUp = EpollNet::maxBatch; // on the listener, per round
 
     StandardLoop();
     ~StandardLoop() override; // stops the thread and closes every socket
@@ -79,6 +79,8 @@ private:
     int timeoutMs(qint64 now) const;
     void runQueued();
     void afterWork(qint64 now);
+    // Reads up to count datagrams of socket into the engine; false when none came or it closed the socket.
+    bool deliver(int socket, int count);
 
     EpollNet m_net;
     std::unique_ptr<StandardEngine> m_engine;

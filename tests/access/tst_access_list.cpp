@@ -1,22 +1,31 @@
-// The access list: its ACLIST.ini file read and written back, and the
-// decisions made from it with the transfer rows they leave.
+// The access list: its ACLIST.ini file read and written back, the decisions
+// made from it with the transfer rows they leave, and its editor (the Network
+// window and the Add Network dialog).
 
 #include "access/access_list.h"
 #include "access/check_access.h"
 #include "access/mask_display.h"
+#include "access/network_window.h"
+#include "access/networkadd_dialog.h"
+#include "test_support.h"
 
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
 #include <QFile>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
 #include <QRandomGenerator>
+#include <QScopeGuard>
+#include <QSlider>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
+#include <QTreeView>
 
 namespace {
-void writeFile(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-}
-
 AccessList *loaded(AccessList &list, const QString &path)
 {
     list.setFilePath(path);
@@ -62,9 +71,9 @@ private Q_SLOTS:
     void loadAppendsEveryLine()
     {
         const QString path = m_dir.filePath("load.ini");
-        writeFile(path,
+        QVERIFY(tw::test::writeFile(path,
             "10.0.0.0; 255. 0 . 0 . 0 ;yes;yes;/a;8;\r\n\r\n192.168.1.0;m;no;yes;/b;24\n"
-            "172.16.0.0;m;yes;no;/c;12;x;y;\r1.1.1.1;m");
+            "172.16.0.0;m;yes;no;/c;12;x;y;\r1.1.1.1;m"));
         AccessList list;
         list.appendEntry({ "existing", "m", "yes", "yes", "/z", 1 });
         QCOMPARE(loaded(list, path)->count(), 6);
@@ -80,7 +89,7 @@ private Q_SLOTS:
         // Random bytes load as some rows more and are written back without a crash.
         QByteArray junk(200000, '\0');
         QRandomGenerator(1234).fillRange(reinterpret_cast<quint32 *>(junk.data()), junk.size() / 4);
-        writeFile(path, junk);
+        QVERIFY(tw::test::writeFile(path, junk));
         QVERIFY(loaded(list, path)->count() > 6);
         list.save_ACL();
         QVERIFY(QFile::exists(path));
@@ -91,13 +100,12 @@ private Q_SLOTS:
         const QString path = m_dir.filePath("save.ini");
         AccessList list;
         QCOMPARE(loaded(list, path)->count(), 0); // no file yet: nothing
-        writeFile(path, "10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16\r\n\r\n;m;yes;yes;/x;3;\r\n");
+        QVERIFY(tw::test::writeFile(
+            path, "10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16\r\n\r\n;m;yes;yes;/x;3;\r\n"));
         QCOMPARE(loaded(list, path)->count(), 3);
         list.appendEntry({ "192.168.7.0", maskDisplayForm(24), "no", "yes", "/srv/dev/", 24 });
         list.save_ACL();
-        QFile saved(path);
-        QVERIFY(saved.open(QIODevice::ReadOnly));
-        QCOMPARE(saved.readAll(),
+        QCOMPARE(tw::test::readFile(path),
             QByteArray("10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16;\r\n"
                        "192.168.7.0; 255. 255. 255. 0 ;no;yes;/srv/dev/;24;\r\n"));
         list.removeRow(0); // reaches the file only with the next save
@@ -174,7 +182,107 @@ private Q_SLOTS:
         for (const auto &[text, value] : cases)
             QCOMPARE(octetValue(text), std::optional<int>(value)); // halves round to even
     }
+
+    // The editor: the Add Network dialog's octet boxes, and the window's list and file.
+    void octetKeys();
+    void windowAddsSavesAndRemoves();
 };
 
-QTEST_GUILESS_MAIN(TestAccessList)
+// Keys typed as a keyboard does, each to whichever box has the focus at that
+// moment, its release included ("\b" is backspace); then the four boxes, "*"
+// marking the one with the focus.
+void TestAccessList::octetKeys()
+{
+    const char *const rows[][2] = {
+        { "300", "255.0*.0.0" }, // capped, and the third digit moves on
+        { "07", "7*.0.0.0" }, // a leading zero is dropped
+        { "10.1.22.3", "10.1.22.3*" },
+        { "1.2.3.4.", "1.2.3.4*" }, // nowhere to go from the last box
+        { "1a-/ 2", "12*.0.0.0" }, // only digits go in
+        { "5.\b\b", "5*.0.0.0" }, // backspace in an empty box goes back
+        { "\b\b", "0*.0.0.0" },
+    };
+    for (const auto &[keys, expected] : rows) {
+        AccessList list;
+        NetworkAddDialog dialog(&list, {}, QString());
+        dialog.show();
+        QVERIFY(QTest::qWaitForWindowActive(&dialog));
+        for (const char *c = keys; *c; ++c) {
+            QTest::keyPress(QApplication::focusWidget(), *c);
+            QTest::keyRelease(QApplication::focusWidget(), *c);
+        }
+        QStringList boxes;
+        for (int i = 0; i < 4; ++i)
+            boxes << dialog.octetBox(i)->text() + (dialog.octetBox(i)->hasFocus() ? "*" : "");
+        QCOMPARE(boxes.join('.'), QLatin1String(expected));
+    }
+}
+
+void TestAccessList::windowAddsSavesAndRemoves()
+{
+    QTemporaryDir tmp;
+    const QString file = tmp.path() + "/ACLIST.ini";
+    AccessList list;
+    list.setFilePath(file);
+    NetworkWindow window(&list);
+    window.setFolderSource([] {
+        return NetworkWindow::FolderChoice { { "/srv/tftp", "/srv/tftp/cfg/" }, "/srv/tftp/cfg/" };
+    });
+    window.show();
+
+    // Through the modal dialog, which stays open for more: at once, then with
+    // rights, a /16 mask and the empty last folder entry. The file is written
+    // once the dialog closes.
+    bool dialogSeen = false, savedEarly = true;
+    QTimer::singleShot(0, &window, [&] {
+        QWidget *modal = QApplication::activeModalWidget();
+        const auto closeIt
+            = qScopeGuard([modal] { QMetaObject::invokeMethod(modal, "close"); }); // fail, never hang
+        auto *dialog = qobject_cast<NetworkAddDialog *>(modal);
+        QVERIFY(dialog);
+        dialogSeen = true;
+        auto *combo = dialog->findChild<QComboBox *>("Combo1");
+        QCOMPARE(combo->count(), 3);
+        QCOMPARE(combo->itemText(2), QString());
+        auto *add = dialog->findChild<QPushButton *>("Command1");
+        QTest::mouseClick(add, Qt::LeftButton);
+        savedEarly = QFile::exists(file);
+        auto *slider = dialog->findChild<QSlider *>("Slider1");
+        for (const auto &[prefix, label] :
+            { std::pair(0, " 0 . 0 . 0 . 0 "), std::pair(32, " 255. 255. 255. 255") }) {
+            slider->setValue(prefix);
+            QCOMPARE(dialog->findChild<QLabel *>("Label1")->text(), QLatin1String(label));
+        }
+        dialog->octetBox(0)->setText("10");
+        dialog->octetBox(1)->setText("1");
+        slider->setValue(16);
+        dialog->findChild<QCheckBox *>("Check1")->setChecked(true);
+        dialog->findChild<QCheckBox *>("Check2")->setChecked(true);
+        combo->setCurrentIndex(2);
+        QTest::mouseClick(add, Qt::LeftButton);
+        QVERIFY(dialog->isVisible());
+        QTest::mouseClick(dialog->findChild<QPushButton *>("Command2"), Qt::LeftButton);
+    });
+    window.findChild<QAction *>("MnuAddNetwork")->trigger();
+    QVERIFY(dialogSeen && !savedEarly);
+    const QByteArray expected = "0.0.0.0; 255. 255. 255. 0 ;no;no;/srv/tftp/cfg/;24;\r\n"
+                                "10.1.0.0; 255. 255. 0 . 0 ;yes;yes;;16;\r\n";
+    QCOMPARE(tw::test::readFile(file), expected);
+
+    // Nothing selected: nothing goes. Both rows selected: only the upper goes,
+    // and the file is left as it was.
+    list.appendEntry({ "192.168.0.0", " 255. 255. 255. 0 ", "yes", "no", "/x", 24 });
+    QAction *remove = window.findChild<QAction *>("MnuRemoveNetwork");
+    remove->trigger();
+    QCOMPARE(list.count(), 3);
+    for (int row : { 1, 2 })
+        window.list()->selectionModel()->select(
+            list.index(row, 0), QItemSelectionModel::Select | QItemSelectionModel::Rows);
+    remove->trigger();
+    QCOMPARE(list.count(), 2);
+    QCOMPARE(list.entry(1).network + ' ' + list.entry(2).network, QStringLiteral("0.0.0.0 192.168.0.0"));
+    QCOMPARE(tw::test::readFile(file), expected);
+}
+
+QTEST_MAIN(TestAccessList)
 #include "tst_access_list.moc"

@@ -1,4 +1,4 @@
-#include "app/application.h"
+#include "app/app_under_test.h"
 #include "app/main_window.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
@@ -39,14 +39,7 @@ private:
         if (!folderSetting.isNull())
             settings.setValue(QStringLiteral("Settings/FolderPath"), folderSetting);
         settings.sync();
-        CommandLineOptions options;
-        options.tftpPort = tw::test::freeUdpPort();
-        options.logPort = tw::test::freeUdpPort();
-        options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
-        if (adjust)
-            adjust(options);
-        m_app = std::make_unique<Application>(options);
-        m_app->start();
+        m_app = startApplication(m_temp.path(), adjust);
         return m_app->mainWindow();
     }
 
@@ -111,25 +104,15 @@ private Q_SLOTS:
     }
 
     // Without a stored folder the folder browser stays in front; with one it is
-    // minimised and the first console comes forward.
-    void storedFolderDecidesWhatComesForward()
+    // minimised and the first console comes forward. Closing stores the
+    // placement (in twips) only when the window is not minimised, the folder always.
+    void storedFolderAndPlacement()
     {
         MainWindow *main = startApp();
         QVERIFY(main->sharedFolder().isEmpty());
         QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Normal);
         QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::filesIndex));
-        m_app.reset();
-
-        main = startApp(m_temp.path());
-        QCOMPARE(main->sharedFolder(), m_temp.path());
-        QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Minimised);
-        QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::firstConsoleIndex));
-    }
-
-    void unloadWritesPlacementOnlyWhenNotMinimised()
-    {
-        MainWindow *main = startApp();
-        main->setSharedFolder(QStringLiteral("/srv/tftp"));
+        main->setSharedFolder(m_temp.path());
         main->setGeometry(40, 50, 900, 600);
         const QRect placement = main->geometry();
         main->close();
@@ -139,13 +122,16 @@ private Q_SLOTS:
             QCOMPARE(settings.value("Settings/MainTop").toInt(), placement.top() * 15);
             QCOMPARE(settings.value("Settings/MainWidth").toInt(), placement.width() * 15);
             QCOMPARE(settings.value("Settings/MainHeight").toInt(), placement.height() * 15);
-            QCOMPARE(settings.value("Settings/FolderPath").toString(), QStringLiteral("/srv/tftp"));
+            QCOMPARE(settings.value("Settings/FolderPath").toString(), m_temp.path());
         }
         m_app.reset();
 
         // A second run that ends minimised keeps the last placement but still
         // stores the folder; the window opened at its designed size regardless.
-        main = startApp(QStringLiteral("/srv/tftp"));
+        main = startApp(m_temp.path());
+        QCOMPARE(main->sharedFolder(), m_temp.path());
+        QCOMPARE(main->childState(WindowTable::filesIndex), MainWindow::Minimised);
+        QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::firstConsoleIndex));
         QVERIFY(main->geometry() != placement);
         {
             QSettings settings = tw::test::settingsStore();
@@ -194,26 +180,27 @@ private Q_SLOTS:
         QVERIFY(settings.contains("Settings/MainLeft"));
     }
 
-    // The real consoles as the program wires them: a console's TCP host is the
-    // address its log view answers to; routing looks at slots 3 up to the
-    // window count, so a console left above the count after a removal gets no
-    // lines; "Clear Log" empties the view and leaves the log file alone.
+    // The real consoles as the program wires them: --connect HOST:PORT reaches
+    // that port; a console's TCP host is the address its log view answers to; routing looks at slots 3 up to
+    // the window count, so a console left above the count after a removal gets no lines; "Clear Log" empties
+    // the view and leaves the log file alone.
     void logLinesReachTheRealConsoles()
     {
-        QTcpServer r1, r2; // the devices the consoles connect to, on one port
+        QTcpServer r1, r2; // the devices: r1 named with its port by --connect, r2 on the Telnet port
         QVERIFY(r1.listen(QHostAddress::LocalHost, 0));
-        QVERIFY(r2.listen(QHostAddress(QStringLiteral("127.0.0.2")), r1.serverPort()));
+        QVERIFY(r2.listen(QHostAddress(QStringLiteral("127.0.0.2")), 0));
         const quint16 logPort = tw::test::freeUdpPort();
         const QString logDir = m_temp.filePath(QStringLiteral("logs"));
         MainWindow *main = startApp(QString(), [&](CommandLineOptions &options) {
-            options.telnetPort = r1.serverPort();
+            options.telnetPort = r2.serverPort();
             options.logPort = logPort;
-            options.connectHost = QStringLiteral("127.0.0.1");
+            options.connectHost = QStringLiteral("127.0.0.1:%1").arg(r1.serverPort());
             options.logDir = logDir;
         });
         auto *first = qobject_cast<ConsoleWindow *>(main->child(WindowTable::firstConsoleIndex));
         QVERIFY(first);
         QCOMPARE(first->session()->deviceAddress(), QStringLiteral("127.0.0.1"));
+        QTRY_VERIFY(r1.hasPendingConnections());
         // Datagrams to one socket from loopback arrive in the order sent: once the last one is
         // shown, every earlier one has been routed or dropped.
         const auto sendFrom = [logPort](const char *address, const QByteArray &text) {
@@ -233,9 +220,8 @@ private Q_SLOTS:
         QCOMPARE(first->logBox()->toPlainText(), QString());
         const QStringList files = QDir(logDir).entryList(QDir::Files);
         QCOMPARE(files.size(), 1);
-        QFile file(QDir(logDir).filePath(files.at(0)));
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QCOMPARE(file.readAll(), QByteArray("%SYS-5-CONFIG_I: r1 configured\r\r\n"));
+        QCOMPARE(tw::test::readFile(QDir(logDir).filePath(files.at(0))),
+            QByteArray("%SYS-5-CONFIG_I: r1 configured\r\r\n"));
 
         // Consoles at 5 and 6; the one at 6 talks to r2.
         auto *fifth = qobject_cast<ConsoleWindow *>(main->newConsole());
@@ -320,7 +306,7 @@ private Q_SLOTS:
     {
         MainWindow *main = startApp();
         for (int index : { WindowTable::filesIndex, WindowTable::networkIndex, WindowTable::transferIndex,
-                           WindowTable::configIndex }) {
+                 WindowTable::configIndex }) {
             QPointer<ChildWindow> window = main->child(index);
             main->frameOf(index)->close();
             QVERIFY(window);

@@ -1,24 +1,20 @@
-#include "app/application.h"
-#include "app/command_line.h"
+#include "app/app_under_test.h"
 #include "app/main_window.h"
 #include "test_support.h"
 #include "tftp/standard_server.h"
 #include "tftp/tftp_server.h"
 
 #include <QAction>
-#include <QElapsedTimer>
 #include <QNetworkDatagram>
-#include <QProcess>
 #include <QSettings>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QUdpSocket>
 
 // The TFTP profile switch as the user meets it: --tftp-standard, the
-// "Standard TFTP" menu entry and its stored setting, the status-bar panel,
-// the failed access decision in the status bar, and the headless program
-// answering curl with progress lines.
+// "Standard TFTP" menu entry and its stored setting, the status-bar panel and
+// the failed access decision in the status bar. (The headless program serving
+// curl with --tftp-standard: app_command_line.)
 class TftpProfileTest : public QObject
 {
     Q_OBJECT
@@ -33,14 +29,7 @@ private:
         if (stored.isValid())
             settings.setValue(QStringLiteral("Settings/TftpStandard"), stored);
         settings.sync();
-        CommandLineOptions options;
-        options.tftpPort = tw::test::freeUdpPort();
-        options.logPort = tw::test::freeUdpPort();
-        options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
-        options.tftpStandard = option;
-        auto app = std::make_unique<Application>(options);
-        app->start();
-        return app;
+        return startApplication(m_temp.path(), [option](CommandLineOptions &o) { o.tftpStandard = option; });
     }
 
     static bool storedStandard()
@@ -82,10 +71,8 @@ private Q_SLOTS:
     // A blank line in a hand-edited ACLIST.ini makes the decision fail: the status bar names the row.
     void failedDecisionInStatusBar()
     {
-        QFile acl(m_temp.filePath(QStringLiteral("ACLIST.ini")));
-        QVERIFY(acl.open(QIODevice::WriteOnly));
-        acl.write("0.0.0.0; 0 . 0 . 0 . 0 ;yes;yes;/tmp;0;\r\n\r\n");
-        acl.close();
+        QVERIFY(tw::test::writeFile(m_temp.filePath(QStringLiteral("ACLIST.ini")),
+            "0.0.0.0; 0 . 0 . 0 . 0 ;yes;yes;/tmp;0;\r\n\r\n"));
         auto app = startApp(true, {});
         const quint16 port = app->standardServer()->port();
         QUdpSocket client;
@@ -94,43 +81,6 @@ private Q_SLOTS:
         QTRY_VERIFY(client.hasPendingDatagrams());
         QCOMPARE(client.receiveDatagram().data().left(4), QByteArray("\0\5\0\2", 4));
         QTRY_VERIFY(app->mainWindow()->problemText().contains(QStringLiteral("access-list row 2")));
-    }
-
-    // The installed program as a jump host runs it: headless, standard profile, curl fetching a file.
-    void headlessWithCurl()
-    {
-        const QString folder = m_temp.filePath(QStringLiteral("share"));
-        QVERIFY(QDir().mkpath(folder));
-        QFile image(folder + QStringLiteral("/image.bin"));
-        QVERIFY(image.open(QIODevice::WriteOnly));
-        image.write(QByteArray(3000000, 'x'));
-        image.close();
-        QFile acl(m_temp.filePath(QStringLiteral("jump.ini")));
-        QVERIFY(acl.open(QIODevice::WriteOnly));
-        acl.write(QStringLiteral("0.0.0.0; 0 . 0 . 0 . 0 ;yes;no;%1;0;\r\n").arg(folder).toLocal8Bit());
-        acl.close();
-        const quint16 port = tw::test::freeUdpPort();
-        QProcess server;
-        tw::test::startHeadless(server, m_temp.path(),
-            { "--tftp-standard", "--tftp-port", QString::number(port), "--acl", acl.fileName() });
-        QVERIFY(server.waitForStarted());
-        QByteArray out;
-        QVERIFY2(tw::test::waitForOutput(server, "Listen", out),
-            (out + server.readAllStandardError()).constData());
-        QProcess curl;
-        curl.start(QStandardPaths::findExecutable(QStringLiteral("curl")),
-            { "-sS", "-o", m_temp.filePath(QStringLiteral("got.bin")),
-                QStringLiteral("tftp://127.0.0.1:%1/image.bin").arg(port) });
-        QVERIFY2(curl.waitForStarted(), "curl not found: install the curl package");
-        QVERIFY(curl.waitForFinished(60000));
-        QCOMPARE(curl.exitCode(), 0);
-        QCOMPARE(QFileInfo(m_temp.filePath(QStringLiteral("got.bin"))).size(), 3000000);
-        tw::test::waitForOutput(server, "FINISHED OK", out);
-        server.terminate();
-        QVERIFY(server.waitForFinished(30000));
-        out += server.readAllStandardOutput();
-        // Rows reach the output in batches: the final count comes with the end state.
-        QVERIFY2(out.contains("\t127.0.0.1\tFINISHED OK\t3000000 bytes"), out.constData());
     }
 };
 

@@ -4,6 +4,7 @@
 #include "capture/rich_text_document.h"
 #include "capture/rtf_reader.h"
 #include "capture/rtf_writer.h"
+#include "test_support.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
 #include "util/message_box.h"
@@ -17,8 +18,7 @@ constexpr quint32 blue = 0x0000FF;
 
 static QByteArray fixture(const char *name)
 {
-    QFile file(QStringLiteral(TW_SOURCE_DIR "/tests/capture/data/") + QLatin1String(name));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("missing fixture");
+    return tw::test::readFile(QStringLiteral(TW_SOURCE_DIR "/tests/capture/data/") + QLatin1String(name));
 }
 
 const auto rich = [](std::initializer_list<RichRun> runs) { return RichText { runs }; };
@@ -36,15 +36,15 @@ class TestCapture : public QObject
     // tftp-hpa's or atftp's put of `bytes`, run while the event loop keeps serving.
     void put(const QString &program, const QByteArray &bytes, const QString &remote)
     {
-        QFile local(m_dir.filePath(remote + QStringLiteral(".local")));
-        QVERIFY(local.open(QIODevice::WriteOnly) && local.write(bytes) == bytes.size() && local.flush());
+        const QString local = m_dir.filePath(remote + QStringLiteral(".local"));
+        QVERIFY(tw::test::writeFile(local, bytes));
         QProcess client;
         QSignalSpy finished(&client, &QProcess::finished);
         client.setProcessChannelMode(QProcess::MergedChannels);
         client.start(program,
             program == QLatin1String("atftp")
-                ? QStringList { "-p", "-r", remote, "-l", local.fileName(), "127.0.0.1", m_port }
-                : QStringList { "-m", "binary", "127.0.0.1", m_port, "-c", "put", local.fileName(), remote });
+                ? QStringList { "-p", "-r", remote, "-l", local, "127.0.0.1", m_port }
+                : QStringList { "-m", "binary", "127.0.0.1", m_port, "-c", "put", local, remote });
         QVERIFY2(finished.wait(30000), qPrintable(program + " did not finish (Debian: tftp-hpa, atftp)"));
         QVERIFY2(client.exitCode() == 0, client.readAll().constData());
     }
@@ -172,9 +172,7 @@ private Q_SLOTS:
         for (const QByteArray &notRtf : { QByteArray("hostname r1\n"), QByteArray(" {\\rtf1 late header}"),
                  QByteArray("{\\rt"), QByteArray() }) {
             chosen = m_dir.filePath(QStringLiteral("running-config.txt"));
-            QFile file(chosen);
-            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(notRtf) == notRtf.size());
-            file.close();
+            QVERIFY(tw::test::writeFile(chosen, notRtf));
             target.findChild<QAction *>(QStringLiteral("MnuLoadConfig"))->trigger();
             QCOMPARE(contents(target), contents(source));
         }
@@ -234,9 +232,8 @@ private Q_SLOTS:
             transferPort = quint16(ack.senderPort());
         }
         QVERIFY(capture->isEnabled() && !stop->isEnabled() && !window.capturing() && changed.size() == 2);
-        QFile file(folder + QStringLiteral("/mid-confg"));
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QCOMPARE(file.readAll(), QByteArray(1024, '\0') + data.mid(1024));
+        QCOMPARE(tw::test::readFile(folder + QStringLiteral("/mid-confg")),
+            QByteArray(1024, '\0') + data.mid(1024));
 
         window.configBox()->moveCursor(QTextCursor::Start); // captures still go to the end
         window.captureConfig();

@@ -10,6 +10,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -48,16 +49,6 @@ public:
     {
         return run(QStringLiteral("ssh-keygen"), { "-q", "-t", type, "-N", passphrase, "-f", file });
     }
-    static bool writeFile(const QString &name, const QByteArray &text)
-    {
-        QFile file(name);
-        return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(text) == text.size();
-    }
-    static QByteArray readFile(const QString &name)
-    {
-        QFile file(name);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
 
     // Keys (host_key, home's id_ed25519, authorised), the device and HOME.
     // A second sshd beside the first (a jump host) keeps the first's HOME
@@ -79,7 +70,7 @@ public:
             QDir().mkpath(QStringLiteral("/run/sshd"));
         return keygen(path("host_key")) && keygen(sshFile("id_ed25519"))
             && QFile::copy(sshFile("id_ed25519.pub"), path("authorized_keys"))
-            && writeFile(path("device.sh"),
+            && tw::test::writeFile(path("device.sh"),
                 "#!/bin/sh\n"
                 "printf '\\r\\nFake R1 on an SSH line.\\r\\n\\r\\nR1#'\n"
                 "prompt='R1#'\n"
@@ -110,12 +101,8 @@ public:
                                               "ForceCommand %4\nSetEnv HOME=%5\n")
                                    .arg(port)
                                    .arg(path(hostKey), path("authorized_keys"), path("device.sh"), home());
-        QVERIFY(writeFile(path("sshd_config"), serverLines + '\n' + config.toUtf8()));
-        QVERIFY(writeClientConfig(clientLines));
-        const QByteArray key
-            = readFile(path(hostKey + QStringLiteral(".pub"))).split(' ').mid(0, 2).join(' ');
-        QVERIFY(
-            writeFile(sshFile("known_hosts"), "[127.0.0.1]:" + QByteArray::number(port) + ' ' + key + '\n'));
+        QVERIFY(tw::test::writeFile(path("sshd_config"), serverLines + '\n' + config.toUtf8()));
+        QVERIFY(writeClientConfig(clientLines) && trust(port, hostKey));
         process.setProcessChannelMode(QProcess::MergedChannels);
         process.start(QStringLiteral("/usr/sbin/sshd"),
             { QStringLiteral("-D"), QStringLiteral("-e"), QStringLiteral("-f"), path("sshd_config") });
@@ -128,10 +115,19 @@ public:
         QTRY_VERIFY2_WITH_TIMEOUT(listening(), process.readAll().constData(), waitMs);
     }
 
+    // home()/.ssh/known_hosts holding only hostKey (ours by default) for 127.0.0.1 at port.
+    bool trust(quint16 at, const QString &hostKey = QStringLiteral("host_key")) const
+    {
+        const QByteArray key
+            = tw::test::readFile(path(hostKey + QStringLiteral(".pub"))).split(' ').mid(0, 2).join(' ');
+        return tw::test::writeFile(
+            sshFile("known_hosts"), "[127.0.0.1]:" + QByteArray::number(at) + ' ' + key + '\n');
+    }
+
     // home()/.ssh/config: fake-r1 for this server, then the given lines.
     bool writeClientConfig(const QByteArray &lines)
     {
-        return writeFile(sshFile("config"),
+        return tw::test::writeFile(sshFile("config"),
             "Host fake-r1\n    HostName 127.0.0.1\n    Port " + QByteArray::number(port) + "\n    User "
                 + user.toUtf8() + "\n" + lines);
     }
@@ -151,13 +147,25 @@ public:
         return m_log;
     }
 
+    // Sends sig to every per-connection sshd process (and its shell): the device
+    // dies (SIGKILL) or stops answering (SIGSTOP). False if there was none.
+    bool signalSessions(int sig) const
+    {
+        const QList<qint64> sessions = descendants(process.processId());
+        for (qint64 pid : sessions)
+            ::kill(pid_t(pid), sig);
+        return !sessions.isEmpty();
+    }
+
+private:
     // The per-connection sshd processes (and their shells).
     static QList<qint64> descendants(qint64 pid)
     {
         QList<qint64> found;
         const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
         for (const QString &task : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            const QByteArray children = readFile(tasks.filePath(task + QStringLiteral("/children")));
+            const QByteArray children
+                = tw::test::readFile(tasks.filePath(task + QStringLiteral("/children")));
             for (const QByteArray &child : children.split(' ')) {
                 if (child.trimmed().toLongLong() > 0)
                     found << child.trimmed().toLongLong() << descendants(child.trimmed().toLongLong());
@@ -166,6 +174,5 @@ public:
         return found;
     }
 
-private:
     QByteArray m_log;
 };

@@ -4,6 +4,7 @@
 #include "console/modem_options.h"
 #include "console/ssh_connection.h"
 #include "console/terminal_view.h"
+#include "console/terminal_widget.h"
 #include "logrecv/log_options.h"
 #include "logrecv/log_receiver.h"
 #include "logrecv/log_routes.h"
@@ -27,9 +28,6 @@
 #include <QTest>
 #include <QUdpSocket>
 
-#include <csignal>
-#include <unistd.h>
-
 // SSH consoles through the console window against a private sshd
 // (private_sshd.h): nobody's own ~/.ssh is read or written.
 class TestConsoleSsh : public QObject
@@ -45,22 +43,16 @@ class TestConsoleSsh : public QObject
 
     void startServer() { m_server.start({}, "Host 127.0.0.1\n    HashKnownHosts yes\n"); }
 
-    // The device dies mid-session: every sshd process of ours goes at once.
-    void killServer()
+    // The connection dialog opened from the menu, set to SSH.
+    ModemOptions *sshDialog()
     {
-        const QList<qint64> sessions = PrivateSshd::descendants(m_server.process.processId());
-        QVERIFY(!sessions.isEmpty());
-        for (qint64 pid : sessions)
-            ::kill(pid_t(pid), SIGKILL);
-        m_server.stop();
-    }
-
-    // known_hosts holding the server's real key.
-    void trustServer()
-    {
-        const QByteArray key = PrivateSshd::readFile(path("host_key.pub")).split(' ').value(1);
-        PrivateSshd::writeFile(sshFile("known_hosts"),
-            "[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + key + "\n");
+        m_window->newConnectionAction()->trigger();
+        auto *dialog = m_window->findChild<ModemOptions *>();
+        if (dialog) {
+            dialog->connectWith()->setCurrentIndex(dialog->connectWith()->findText(QStringLiteral("SSH")));
+            Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
+        }
+        return dialog;
     }
 
     void clickHostKeyAnswer(const QString &answer)
@@ -101,7 +93,7 @@ private Q_SLOTS:
     void unknownKeyAskedThenSavedAndSessionWorks()
     {
         // A file kept by hand: its line and its mode stay, the new entry is hashed.
-        PrivateSshd::writeFile(sshFile("known_hosts"), "# kept by hand");
+        tw::test::writeFile(sshFile("known_hosts"), "# kept by hand");
         QFile::setPermissions(
             sshFile("known_hosts"), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup);
         LogOptions logOptions;
@@ -112,11 +104,8 @@ private Q_SLOTS:
         routes.setConsole(3, m_window->logBox(), [this] { return session().deviceAddress(); });
 
         // Through the connection dialog, as a user does.
-        m_window->newConnectionAction()->trigger();
-        ModemOptions *dialog = m_window->findChild<ModemOptions *>();
+        ModemOptions *dialog = sshDialog();
         QVERIFY(dialog);
-        dialog->connectWith()->setCurrentIndex(dialog->connectWith()->findText(QStringLiteral("SSH")));
-        Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
         for (int i = 0; i < 4; ++i)
             dialog->octetBox(i)->setText(QString::number(i == 0 ? 127 : i == 3));
         dialog->portBox()->setText(QString::number(m_server.port));
@@ -129,7 +118,7 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(session().sshOpen());
         QCOMPARE(m_window->windowTitle(), QStringLiteral("R1#"));
-        QVERIFY(PrivateSshd::readFile(sshFile("known_hosts")).startsWith("# kept by hand\n|1|"));
+        QVERIFY(tw::test::readFile(sshFile("known_hosts")).startsWith("# kept by hand\n|1|"));
         QVERIFY(PrivateSshd::run(QStringLiteral("ssh-keygen"),
             { "-F", QStringLiteral("[127.0.0.1]:%1").arg(m_server.port), "-f", sshFile("known_hosts") }));
         QCOMPARE(QFile::permissions(sshFile("known_hosts")) & ~(QFile::ReadUser | QFile::WriteUser),
@@ -166,11 +155,8 @@ private Q_SLOTS:
         for (const QString typed : { "", "typed" }) {
             tw::test::settingsStore().setValue(
                 QStringLiteral("Settings/SshUser"), QStringLiteral("remembered"));
-            m_window->newConnectionAction()->trigger();
-            ModemOptions *dialog = m_window->findChild<ModemOptions *>();
+            ModemOptions *dialog = sshDialog();
             QVERIFY(dialog);
-            dialog->connectWith()->setCurrentIndex(dialog->connectWith()->findText(QStringLiteral("SSH")));
-            Q_EMIT dialog->connectWith()->textActivated(QStringLiteral("SSH"));
             dialog->hostNameBox()->setText(QStringLiteral("fake-r1"));
             QCOMPARE(dialog->userBox()->text(), QStringLiteral("remembered"));
             if (!typed.isEmpty()) {
@@ -193,14 +179,16 @@ private Q_SLOTS:
     void knownKeySilentThenServerKilled()
     {
         // Saved by the previous case: no question this time.
-        QVERIFY(PrivateSshd::readFile(sshFile("known_hosts")).contains("ssh-ed25519"));
+        QVERIFY(tw::test::readFile(sshFile("known_hosts")).contains("ssh-ed25519"));
         session().setTimerIntervals(0, 50);
         connectRemembered(m_window->session(), *parseConnectTarget(QStringLiteral("ssh://fake-r1")));
         QTRY_VERIFY_WITH_TIMEOUT(consoleText().endsWith(QLatin1String("R1#")), PrivateSshd::waitMs);
         QVERIFY(!m_window->findChild<QMessageBox *>("SshHostKeyQuestion"));
         QCOMPARE(session().deviceAddress(), QStringLiteral("fake-r1"));
 
-        killServer();
+        // The device dies mid-session: every sshd process of ours goes at once.
+        QVERIFY(m_server.signalSessions(SIGKILL));
+        m_server.stop();
         QTRY_COMPARE_WITH_TIMEOUT(session().connectionKind(), QString(), PrivateSshd::waitMs);
         // Straight after the prompt (on a line of its own in terminal mode, SSH's default).
         QVERIFY2(
@@ -211,8 +199,8 @@ private Q_SLOTS:
 
     void changedKeyRefusedNamingItsLine()
     {
-        const QByteArray otherKey = PrivateSshd::readFile(path("other_host_key.pub")).split(' ').value(1);
-        PrivateSshd::writeFile(sshFile("known_hosts"),
+        const QByteArray otherKey = tw::test::readFile(path("other_host_key.pub")).split(' ').value(1);
+        tw::test::writeFile(sshFile("known_hosts"),
             "# kept by hand\n[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + otherKey
                 + "\n");
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
@@ -226,8 +214,8 @@ private Q_SLOTS:
 
         // A revoked key is refused even beside an entry that names it; a
         // certificate authority line is not taken for an entry.
-        const QByteArray key = PrivateSshd::readFile(path("host_key.pub")).split(' ').value(1);
-        PrivateSshd::writeFile(sshFile("known_hosts"),
+        const QByteArray key = tw::test::readFile(path("host_key.pub")).split(' ').value(1);
+        tw::test::writeFile(sshFile("known_hosts"),
             "@cert-authority * ssh-ed25519 " + otherKey + "\n@revoked * ssh-ed25519 " + key
                 + "\n[127.0.0.1]:" + QByteArray::number(m_server.port) + " ssh-ed25519 " + key + "\n");
         m_window->consoleBox()->clear();
@@ -242,8 +230,8 @@ private Q_SLOTS:
     void passphraseAskedForAnEncryptedKey()
     {
         QVERIFY(PrivateSshd::keygen(sshFile("id_ecdsa"), "ecdsa", "open sesame"));
-        PrivateSshd::writeFile(path("authorized_keys"), PrivateSshd::readFile(sshFile("id_ecdsa.pub")));
-        trustServer();
+        tw::test::writeFile(path("authorized_keys"), tw::test::readFile(sshFile("id_ecdsa.pub")));
+        QVERIFY(m_server.trust(m_server.port));
         session().ConnectSSH(QStringLiteral("127.0.0.1"), m_server.port, m_server.user);
         QDialog *prompt = nullptr;
         QTRY_VERIFY_WITH_TIMEOUT(
@@ -257,13 +245,58 @@ private Q_SLOTS:
         session().disconnectSession();
         QFile::remove(sshFile("id_ecdsa"));
         QFile::remove(sshFile("id_ecdsa.pub"));
-        PrivateSshd::writeFile(path("authorized_keys"), PrivateSshd::readFile(sshFile("id_ed25519.pub")));
+        tw::test::writeFile(path("authorized_keys"), tw::test::readFile(sshFile("id_ed25519.pub")));
+    }
+
+    // Terminal mode, SSH's default, against a plain shell with no prompt of its
+    // own: a coloured prompt printed by the far end captions the console, and the
+    // far end's pty follows the window's size.
+    void terminalPromptAndWindowSize()
+    {
+        m_server.start("ForceCommand env PS1= /bin/sh\n"); // sshd takes the first value of a setting
+        m_window->resize(900, 560);
+        connectRemembered(m_window->session(), { "SSH", "127.0.0.1", m_server.port, m_server.user });
+        QVERIFY(session().terminalEmulation() && m_window->terminalBox()->isVisible());
+        QTRY_VERIFY_WITH_TIMEOUT(session().sshOpen(), PrivateSshd::waitMs);
+        const auto type = [this](const QByteArray &line) {
+            for (const char c : line)
+                QTest::keyClick(m_window->terminalBox(), c);
+            QTest::keyClick(m_window->terminalBox(), Qt::Key_Return);
+        };
+        type("printf '\\033[1;32mleaf1#\\033[0m '");
+        QTRY_VERIFY2_WITH_TIMEOUT(m_window->windowTitle() == QLatin1String("leaf1#"),
+            qPrintable(consoleText()), PrivateSshd::waitMs);
+        QVERIFY(consoleText().endsWith(QLatin1String("\nleaf1#")));
+
+        // The last "ROWS COLUMNS" that stty printed, as COLUMNSxROWS.
+        const auto farEndSize = [this] {
+            QString last;
+            for (auto it = QRegularExpression(QStringLiteral("\n(\\d+) (\\d+)\n")).globalMatch(consoleText());
+                 it.hasNext();) {
+                const QRegularExpressionMatch m = it.next();
+                last = m.captured(2) + QLatin1Char('x') + m.captured(1);
+            }
+            return last;
+        };
+        const auto viewSize = [this] {
+            return QStringLiteral("%1x%2")
+                .arg(m_window->terminalBox()->gridColumns())
+                .arg(m_window->terminalBox()->gridRows());
+        };
+        type("stty size");
+        QTRY_COMPARE_WITH_TIMEOUT(farEndSize(), viewSize(), PrivateSshd::waitMs);
+        const QString before = viewSize();
+        m_window->resize(640, 420);
+        QTRY_VERIFY(viewSize() != before);
+        type("stty size");
+        QTRY_COMPARE_WITH_TIMEOUT(farEndSize(), viewSize(), PrivateSshd::waitMs);
+        m_server.stop(); // the next case gets the device back
     }
 
     void connectOptionOpensSsh()
     {
         // The real program, headless: the saved key and the key file suffice.
-        trustServer();
+        QVERIFY(m_server.trust(m_server.port));
         QTemporaryDir settings;
         QProcess program;
         m_server.process.readAll();

@@ -63,12 +63,6 @@ class TestConsoleTerminal : public QObject
         }
     }
 
-    static QByteArray fixture(const char *name)
-    {
-        QFile file(QStringLiteral(TW_SOURCE_DIR "/tests/console/data/") + QLatin1String(name));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-
 private Q_SLOTS:
     void initTestCase()
     {
@@ -104,7 +98,8 @@ private Q_SLOTS:
         region += "\x1b[10;10Hmid\x1b[1K\x1b[11;5H\x1b[0K\x1b[3;3H\x1b[4@ins\x1b[2P";
         QTest::newRow("scroll region") << region;
 
-        QTest::newRow("alternate screen (vi)") << fixture("vi_session.bin");
+        QTest::newRow("alternate screen (vi)")
+            << tw::test::readFile(QStringLiteral(TW_SOURCE_DIR "/tests/console/data/vi_session.bin"));
 
         QByteArray utf8
             = "\xe2\x94\x8c\xe2\x94\x80\xe2\x94\x80\xe2\x94\x90\r\n"

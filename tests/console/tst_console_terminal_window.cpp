@@ -37,10 +37,7 @@ class TestConsoleTerminalWindow : public QObject
     // Connects the window to our device as the connection dialog would.
     void connectDevice()
     {
-        ConnectTarget target;
-        target.host = QStringLiteral("127.0.0.1");
-        target.port = m_server.serverPort();
-        connectRemembered(m_window->session(), target);
+        connectRemembered(m_window->session(), { "TCP/IP", "127.0.0.1", m_server.serverPort(), {} });
         QTRY_VERIFY_WITH_TIMEOUT(m_server.hasPendingConnections(), 10000);
         m_device = m_server.nextPendingConnection();
         connect(m_device, &QTcpSocket::readyRead, this, [this] { m_received += m_device->readAll(); });
@@ -52,12 +49,6 @@ class TestConsoleTerminalWindow : public QObject
         m_device->write(bytes);
         QTRY_VERIFY2_WITH_TIMEOUT(
             m_window->shownText().endsWith(shownAtEnd), qPrintable(m_window->shownText()), 10000);
-    }
-
-    static QByteArray readFile(const QString &name)
-    {
-        QFile file(name);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
 private Q_SLOTS:
@@ -111,7 +102,7 @@ private Q_SLOTS:
             std::optional<bool>(true));
     }
 
-    void keysSelectionCopyAndPaste()
+    void keysPasteSelectionScrollbackAndMouseReports()
     {
         connectDevice();
         m_window->terminalEmulationAction()->trigger();
@@ -133,68 +124,42 @@ private Q_SLOTS:
         QTest::keyClick(view, Qt::Key_V, Qt::ControlModifier | Qt::ShiftModifier);
         QTRY_COMPARE(m_received, QByteArray("\x1b[200~show ip int brief\rshow clock\r\x1b[201~"));
 
-        // A drag selects and Ctrl+Shift+C copies; a double click takes one word.
+        // A double click takes one word; a drag selects and Ctrl+Shift+C copies.
         const TerminalScreen &screen = session().terminal()->screen();
-        const int row = screen.cursorRow();
-        const int cellWidth = view->cellSize().width();
-        const int cellHeight = view->cellSize().height();
-        const int y = (row - view->firstVisibleRow()) * cellHeight + cellHeight / 2;
-        QTest::mousePress(view->viewport(), Qt::LeftButton, {}, QPoint(3 * cellWidth, y));
-        QTest::mouseMove(view->viewport(), QPoint(14 * cellWidth, y));
-        QTest::mouseRelease(view->viewport(), Qt::LeftButton, {}, QPoint(14 * cellWidth, y));
-        QCOMPARE(view->selectedText(), QStringLiteral("uplink Gi0/"));
-        QTest::keyClick(view, Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
-        QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("uplink Gi0/"));
-        QTest::mouseDClick(view->viewport(), Qt::LeftButton, {}, QPoint(20 * cellWidth + cellWidth / 2, y));
-        QCOMPARE(view->selectedText(), QStringLiteral("spine-2"));
-
-        // Shift+PgUp goes back through the scrollback; typing comes back down.
-        QByteArray lines;
-        for (int i = 0; i < 200; ++i)
-            lines += "\r\ninterface Gi0/" + QByteArray::number(i);
-        deviceSays(lines, QStringLiteral("Gi0/199"));
-        QCOMPARE(view->firstVisibleRow(), 0);
-        QTest::keyClick(view, Qt::Key_PageUp, Qt::ShiftModifier);
-        QVERIFY(view->firstVisibleRow() < 0);
-        QVERIFY(screen.scrollbackCount() > 150);
-        QTest::keyClick(view, Qt::Key_A);
-        QCOMPARE(view->firstVisibleRow(), 0);
-    }
-
-    void selectionAndScrolledViewHoldTheirLinesAndMouseReports()
-    {
-        connectDevice();
-        m_window->terminalEmulationAction()->trigger();
-        TerminalWidget *view = m_window->terminalBox();
-        const TerminalScreen &screen = session().terminal()->screen();
-        deviceSays("R1 uplink Gi0/1 to spine-2#", QStringLiteral("spine-2#"));
         const int h = view->cellSize().height();
         const int w = view->cellSize().width();
         const int y = screen.cursorRow() * h + h / 2;
+        QTest::mouseDClick(view->viewport(), Qt::LeftButton, {}, QPoint(20 * w + w / 2, y));
+        QCOMPARE(view->selectedText(), QStringLiteral("spine-2"));
         QTest::mousePress(view->viewport(), Qt::LeftButton, {}, QPoint(3 * w, y));
         QTest::mouseMove(view->viewport(), QPoint(14 * w, y));
         QTest::mouseRelease(view->viewport(), Qt::LeftButton, {}, QPoint(14 * w, y));
         QCOMPARE(view->selectedText(), QStringLiteral("uplink Gi0/"));
+        QTest::keyClick(view, Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
+        QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("uplink Gi0/"));
 
         // Output pushes the selected line into the scrollback: the selection goes with it.
         QByteArray lines;
-        for (int i = 0; i < 100; ++i)
-            lines += "\r\nshow interface Gi0/" + QByteArray::number(i);
-        deviceSays(lines, QStringLiteral("Gi0/99"));
+        for (int i = 0; i < 200; ++i)
+            lines += "\r\ninterface Gi0/" + QByteArray::number(i);
+        deviceSays(lines, QStringLiteral("Gi0/199"));
         QCOMPARE(view->selectedText(), QStringLiteral("uplink Gi0/"));
-        // A view scrolled back stays on its lines while more output arrives.
+        QCOMPARE(view->firstVisibleRow(), 0);
+        // Shift+PgUp goes back through the scrollback, and stays on its lines while more output
+        // arrives; typing comes back down.
         QTest::keyClick(view, Qt::Key_PageUp, Qt::ShiftModifier);
-        const QString top = screen.rowText(view->firstVisibleRow());
         QVERIFY(view->firstVisibleRow() < 0);
+        QVERIFY(screen.scrollbackCount() > 150);
+        const QString top = screen.rowText(view->firstVisibleRow());
         deviceSays("\r\nmore\r\nlines", QStringLiteral("lines"));
         QTRY_COMPARE(screen.rowText(view->firstVisibleRow()), top);
+        QTest::keyClick(view, Qt::Key_A);
+        QCOMPARE(view->firstVisibleRow(), 0);
 
         // A device that asks for mouse reports (SGR encoding) gets clicks; Shift still selects.
-        QTest::keyClick(view, Qt::Key_Return);
         deviceSays("\x1b[?1000h\x1b[?1006h\r\nmenu> ", QStringLiteral("menu>"));
         m_received.clear();
         const int row = screen.cursorRow();
-        QTRY_COMPARE(view->firstVisibleRow(), 0);
         QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, QPoint(4 * w + 1, row * h + 1));
         const QByteArray at = QByteArray::number(row + 1);
         QTRY_COMPARE(m_received, "\x1b[<0;5;" + at + "M\x1b[<0;5;" + at + "m");
@@ -223,11 +188,7 @@ private Q_SLOTS:
             qPrintable(offered));
         QCOMPARE(QFileInfo(offered).absolutePath(), QFileInfo(logs.path()).absoluteFilePath());
         const QString textLog = logs.filePath(QStringLiteral("r1.log"));
-        QFile::remove(textLog);
-        QFile old(textLog);
-        QVERIFY(old.open(QIODevice::WriteOnly));
-        old.write("earlier\n");
-        old.close();
+        QVERIFY(tw::test::writeFile(textLog, "earlier\n"));
         dialog->pathEdit()->setText(textLog);
         dialog->accept();
         QVERIFY(m_window->windowTitle().contains(QStringLiteral("Logging")));
@@ -235,14 +196,14 @@ private Q_SLOTS:
         m_window->logSessionAction()->trigger(); // stops
         QVERIFY(!session().sessionLog()->isActive()
             && !m_window->windowTitle().contains(QStringLiteral("Logging")));
-        QCOMPARE(readFile(textLog), QByteArray("earlier\nshow clock\n[1m22:10:00[0m UTC\nR1#"));
+        QCOMPARE(tw::test::readFile(textLog), QByteArray("earlier\nshow clock\n[1m22:10:00[0m UTC\nR1#"));
 
         // Raw bytes, terminal console.
         m_window->terminalEmulationAction()->trigger();
         const QString rawLog = logs.filePath(QStringLiteral("raw.log"));
         QVERIFY(session().sessionLog()->start(rawLog, SessionLog::Mode::Raw));
         deviceSays("\x1b[31mred\x1b[0m\r\n\xe2\x94\x80#", QStringLiteral("\u2500#"));
-        QCOMPARE(readFile(rawLog), QByteArray("\x1b[31mred\x1b[0m\r\n\xe2\x94\x80#"));
+        QCOMPARE(tw::test::readFile(rawLog), QByteArray("\x1b[31mred\x1b[0m\r\n\xe2\x94\x80#"));
 
         // A full disk: logging stops and says so; the console goes on.
         QVERIFY(session().sessionLog()->start(QStringLiteral("/dev/full"), SessionLog::Mode::Text));

@@ -439,7 +439,7 @@ private Q_SLOTS:
         QCOMPARE(dialog.octetBox(0)->text(), QString());
     }
 
-    void dialogOkConnectsSerialThenTcp()
+    void dialogOkConnectsSerial()
     {
         PtyDevice line;
         ConsoleSession session;
@@ -450,24 +450,8 @@ private Q_SLOTS:
         QTest::mouseClick(serial.okButton(), Qt::LeftButton);
         QCOMPARE(session.serialSettings(), QStringLiteral("9600,N,8,1"));
         QTRY_COMPARE(line.received(), QByteArray("\r"));
-        // A serial connection leaves the address history alone; a TCP one enters it.
+        // A serial connection leaves the address history alone (a TCP one enters it: console_ports).
         QCOMPARE(ConnectionHistory::entry(0), QStringList({ "", "", "", "" }));
-
-        ConsoleSession::setTelnetPort(m_server->serverPort());
-        ModemOptions tcp;
-        tcp.setWhoasked(&session);
-        tcp.show();
-        QApplication::setActiveWindow(&tcp);
-        QVERIFY(QTest::qWaitForWindowActive(&tcp));
-        choose(tcp.connectWith(), QStringLiteral("TCP/IP"));
-        tcp.octetBox(0)->setFocus();
-        // A dot moves on to the next box, leading zeros go, Backspace in an empty box goes back.
-        for (const char *keys : { "127.", "000.", "\b", ".", "0.", "1" })
-            QTest::keyClicks(QApplication::focusWidget(), keys);
-        QTest::mouseClick(tcp.okButton(), Qt::LeftButton);
-        QVERIFY(m_server->waitForNewConnection(30000));
-        QCOMPARE(session.deviceAddress(), QStringLiteral("127.0.0.1"));
-        QCOMPARE(ConnectionHistory::entry(0), QStringList({ "127", "0", "0", "1" }));
     }
 
     void historyIsMostRecentFirst_data()

@@ -59,20 +59,10 @@ private:
         }
         return false;
     }
-    QByteArray fileBytes(const QString &name) const
-    {
-        QFile file(m_folder + QLatin1Char('/') + name);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-    }
+    QByteArray fileBytes(const QString &name) const { return tw::test::readFile(m_folder + '/' + name); }
     QStringList leftovers() const
     {
         return QDir(m_folder).entryList({ QStringLiteral(".*.??????") }, QDir::Files | QDir::Hidden);
-    }
-    static void write(const QString &path, const QByteArray &bytes)
-    {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        QCOMPARE(file.write(bytes), bytes.size());
     }
 
 private Q_SLOTS:
@@ -83,9 +73,9 @@ private Q_SLOTS:
         QRandomGenerator rng(22);
         m_image.resize(3 * 1000 * 1000 + 17);
         rng.fillRange(reinterpret_cast<quint32 *>(m_image.data()), m_image.size() / 4);
-        write(m_folder + QStringLiteral("/ios.bin"), m_image);
-        write(m_temp.filePath(QStringLiteral("secret.txt")), "outside\n");
-        write(m_temp.filePath(QStringLiteral("small.txt")), "small\n");
+        QVERIFY(tw::test::writeFile(m_folder + QStringLiteral("/ios.bin"), m_image));
+        QVERIFY(tw::test::writeFile(m_temp.filePath(QStringLiteral("secret.txt")), "outside\n"));
+        QVERIFY(tw::test::writeFile(m_temp.filePath(QStringLiteral("small.txt")), "small\n"));
         QVERIFY(QFile::link(
             m_temp.filePath(QStringLiteral("secret.txt")), m_folder + QStringLiteral("/out.txt")));
         QVERIFY(QFile::link(m_folder + QStringLiteral("/ios.bin"), m_folder + QStringLiteral("/in.bin")));
@@ -102,7 +92,7 @@ private Q_SLOTS:
         QTemporaryDir nginxDir;
         const quint16 nginxPort = tw::test::freeTcpPort();
         const QString conf = nginxDir.filePath(QStringLiteral("nginx.conf"));
-        write(conf,
+        QVERIFY(tw::test::writeFile(conf,
             QStringLiteral(
                 "daemon off; master_process off; pid %1/nginx.pid; error_log %1/error.log;\n"
                 "events {}\nhttp { access_log off; types {} default_type application/octet-stream;\n"
@@ -112,7 +102,7 @@ private Q_SLOTS:
                 .arg(nginxDir.path())
                 .arg(nginxPort)
                 .arg(m_folder)
-                .toUtf8());
+                .toUtf8()));
         QProcess nginx;
         nginx.start(QStringLiteral("nginx"), { "-p", nginxDir.path(), "-c", conf, "-e", "stderr" });
         QVERIFY2(
@@ -207,13 +197,10 @@ private Q_SLOTS:
         QCOMPARE(runTool("curl", { "-s", "-r", "0-1499999", "-o", half, url("/ios.bin") }), 0);
         QCOMPARE(QFileInfo(half).size(), 1500000);
         QCOMPARE(runTool("curl", { "-s", "-C", "-", "-o", half, url("/ios.bin") }), 0);
-        write(wgetHalf, m_image.left(1234567));
+        QVERIFY(tw::test::writeFile(wgetHalf, m_image.left(1234567)));
         QCOMPARE(runTool("wget", { "-q", "-c", "-O", wgetHalf, url("/ios.bin") }), 0);
-        for (const QString &path : { half, wgetHalf }) {
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::ReadOnly));
-            QCOMPARE(QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256), digest);
-        }
+        for (const QString &path : { half, wgetHalf })
+            QCOMPARE(QCryptographicHash::hash(tw::test::readFile(path), QCryptographicHash::Sha256), digest);
     }
 
     // Uploads land whole or not at all: new and replaced files, one cut off
@@ -221,10 +208,10 @@ private Q_SLOTS:
     void uploads()
     {
         const QString source = m_temp.filePath("upload.bin");
-        write(source, m_image.left(2000000));
+        QVERIFY(tw::test::writeFile(source, m_image.left(2000000)));
         QCOMPARE(curl({ url("/f.bin"), "-T", source }).status, 201);
         QCOMPARE(fileBytes("f.bin"), m_image.left(2000000));
-        write(source, m_image.right(1000000));
+        QVERIFY(tw::test::writeFile(source, m_image.right(1000000)));
         QCOMPARE(curl({ url("/f.bin"), "-T", source }).status, 204);
         QCOMPARE(fileBytes("f.bin"), m_image.right(1000000));
         QTRY_VERIFY_WITH_TIMEOUT(rowReaches("http: f.bin", "FINISHED OK"), 10000);
@@ -249,7 +236,7 @@ private Q_SLOTS:
         ::getrlimit(RLIMIT_FSIZE, &old);
         small = old;
         small.rlim_cur = 64 * 1024;
-        write(source, m_image.left(500000));
+        QVERIFY(tw::test::writeFile(source, m_image.left(500000)));
         ::setrlimit(RLIMIT_FSIZE, &small);
         const HttpAnswer full = curl({ url("/f.bin"), "-T", source });
         ::setrlimit(RLIMIT_FSIZE, &old);
@@ -282,7 +269,7 @@ private Q_SLOTS:
     {
         const QStringList names = { "a<b>.bin", "x & y.txt", "with space.cfg" };
         for (const QString &name : names)
-            write(m_folder + "/sub/" + name, name.toUtf8());
+            QVERIFY(tw::test::writeFile(m_folder + "/sub/" + name, name.toUtf8()));
         QByteArray dom;
         const int status = runTool("chromium",
             { "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",

@@ -1,9 +1,6 @@
-#include "curl_client.h"
 #include "test_support.h"
 
-#include "access/access_list.h"
-#include "app/application.h"
-#include "app/command_line.h"
+#include "app/app_under_test.h"
 #include "app/main_window.h"
 #include "http/http_server.h"
 #include "http/http_server_dialog.h"
@@ -19,8 +16,8 @@
 #include <QTest>
 
 // Switching HTTP serving on and off as the user meets it: --http-port, the
-// "HTTP Server..." entry and its "HttpPort" setting, the status-bar panel, a
-// port that cannot be bound, and the headless program's monitor lines.
+// "HTTP Server..." entry and its "HttpPort" setting, the status-bar panel and
+// a port that cannot be bound. (The headless program's HTTP rows: app_command_line.)
 class HttpWindowTest : public QObject
 {
     Q_OBJECT
@@ -30,14 +27,7 @@ private:
 
     std::unique_ptr<Application> startApp(quint16 httpPort)
     {
-        CommandLineOptions options;
-        options.tftpPort = tw::test::freeUdpPort();
-        options.logPort = tw::test::freeUdpPort();
-        options.aclFile = m_temp.filePath(QStringLiteral("ACLIST.ini"));
-        options.httpPort = httpPort;
-        auto app = std::make_unique<Application>(options);
-        app->start();
-        return app;
+        return startApplication(m_temp.path(), [httpPort](CommandLineOptions &o) { o.httpPort = httpPort; });
     }
 
 private Q_SLOTS:
@@ -97,34 +87,6 @@ private Q_SLOTS:
         dialog->accept();
         QCOMPARE(tw::test::settingsStore().value(QStringLiteral("Settings/HttpPort")).toInt(), 0);
         QCOMPARE(app->mainWindow()->httpPortText(), QStringLiteral("HTTP: off"));
-    }
-
-    // The headless program prints each change of an HTTP request's row, as for TFTP.
-    void headlessLines()
-    {
-        QTemporaryDir home;
-        QVERIFY(QDir().mkpath(home.filePath("images")));
-        QFile image(home.filePath("images/ios.bin"));
-        QVERIFY(image.open(QIODevice::WriteOnly));
-        image.write(QByteArray(100000, 'i'));
-        image.close();
-        AccessList acl;
-        acl.setFilePath(home.filePath("ACLIST.ini"));
-        acl.appendEntry({ "127.0.0.0", "255.0.0.0", "yes", "yes", home.filePath("images"), 8 });
-        acl.save_ACL();
-        const quint16 port = tw::test::freeTcpPort();
-        QProcess program;
-        tw::test::startHeadless(program, home.path(), { "--http-port", QString::number(port) });
-        QByteArray seen;
-        const QString url = QStringLiteral("http://127.0.0.1:%1/ios.bin").arg(port);
-        QTRY_VERIFY_WITH_TIMEOUT(curl({ url }).status == 200, 60000);
-        QVERIFY2(
-            tw::test::waitForOutput(program, "\thttp: ios.bin\t127.0.0.1\t127.0.0.1\tAllowed\t", seen), seen);
-        QVERIFY2(tw::test::waitForOutput(
-                     program, "\thttp: ios.bin\t127.0.0.1\t127.0.0.1\tFINISHED OK\t100000 bytes\n", seen),
-            seen);
-        program.terminate();
-        QVERIFY(program.waitForFinished(30000));
     }
 };
 

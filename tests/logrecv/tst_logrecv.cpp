@@ -2,6 +2,7 @@
 #include "logrecv/log_page.h"
 #include "logrecv/log_receiver.h"
 #include "logrecv/log_routes.h"
+#include "test_support.h"
 #include "util/mc_popup_menu.h"
 #include "util/message_box.h"
 
@@ -63,8 +64,7 @@ class TestLogrecv : public QObject
     QByteArray fileFor(const QString &sender) const
     {
         const QStringList names = QDir(m_dir->path()).entryList({ sender + " *.log" }, QDir::Files);
-        QFile file(m_dir->filePath(names.value(0)));
-        return names.size() == 1 && file.open(QIODevice::ReadOnly) ? file.readAll() : "<no single file>";
+        return names.size() == 1 ? tw::test::readFile(m_dir->filePath(names[0])) : "<no single file>";
     }
 
 private Q_SLOTS:

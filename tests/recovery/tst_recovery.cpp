@@ -5,6 +5,7 @@
 #include "access/access_list.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
+#include "console/pty_device.h"
 #include "console/terminal_view.h"
 #include "recovery/console_recovery.h"
 #include "recovery/flash_backup_panel.h"
@@ -24,7 +25,6 @@
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSignalSpy>
-#include <QSocketNotifier>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -32,9 +32,6 @@
 #include <QTimer>
 #include <QTreeView>
 #include <QUdpSocket>
-
-#include <pty.h>
-#include <unistd.h>
 
 // A router's Telnet line: " dir flash: " gets a listing (aligned columns,
 // header, a "--More--" prompt), a space its second page (the prompt wiped by
@@ -89,19 +86,18 @@ class TestRecovery : public QObject
     std::optional<ConsoleWindow> m_console;
     FlashBackup *m_backup = nullptr;
     QStringList m_messages;
-    // The serial device and what reaches it.
-    int m_master = -1, m_slave = -1;
-    QString m_serialPath;
-    std::optional<QSocketNotifier> m_notifier;
-    QByteArray m_received;
+    std::optional<PtyDevice> m_line; // the device's serial line
+    // What has reached the device since the line was last quiet.
+    QByteArray received() { return m_line->received(); }
+    void quiet() { m_line->received(), m_line->got.clear(); }
 
     bool connectSerial()
     {
-        m_received.clear();
-        m_console->session()->ConnectModem(m_serialPath, "9600", "None", "8", "1", "Xon/Xoff");
+        quiet();
+        m_console->session()->ConnectModem(m_line->path, "9600", "None", "8", "1", "Xon/Xoff");
         // Connecting writes one CR; start with a quiet line.
-        const bool connected = QTest::qWaitFor([this] { return m_received == "\r"; }, 30000);
-        m_received.clear();
+        const bool connected = QTest::qWaitFor([this] { return received() == "\r"; }, 30000);
+        quiet();
         return connected && m_console->session()->connectionKind() == QLatin1String("Serial");
     }
     QLineEdit *box(int n) { return m_console->findChild<QLineEdit *>(QStringLiteral("Text%1").arg(n)); }
@@ -128,14 +124,7 @@ class TestRecovery : public QObject
 private Q_SLOTS:
     void init()
     {
-        char name[256] = {};
-        QVERIFY(openpty(&m_master, &m_slave, name, nullptr, nullptr) == 0);
-        m_serialPath = QString::fromLocal8Bit(name);
-        connect(
-            &m_notifier.emplace(m_master, QSocketNotifier::Read), &QSocketNotifier::activated, this, [this] {
-                char buffer[4096];
-                m_received.append(buffer, std::max(ssize_t(0), ::read(m_master, buffer, sizeof buffer)));
-            });
+        QVERIFY(!m_line.emplace().path.isEmpty());
         m_messages.clear();
         tw::setMessageBoxHook([this](const QString &text, QMessageBox::Icon) { m_messages.append(text); });
         ConsoleSession::setTelnetPort(m_flash.emplace().server.serverPort());
@@ -151,9 +140,7 @@ private Q_SLOTS:
     {
         m_console.reset();
         m_flash.reset();
-        m_notifier.reset();
-        ::close(m_master);
-        ::close(m_slave); // held open until now, so the line does not hang up when the console reopens it
+        m_line.reset(); // held open until now, so the line does not hang up when the console reopens it
     }
 
     void splitterAndReader()
@@ -242,7 +229,7 @@ private Q_SLOTS:
         }
         QCOMPARE(lines.count(), 6);
         QVERIFY(!sequence()->isRunning());
-        QTRY_COMPARE(m_received, expected);
+        QTRY_COMPARE(received(), expected);
     }
 
     void rommonLateTextAndClosedPort()
@@ -260,20 +247,20 @@ private Q_SLOTS:
         atSecondLine = [this] { box(6)->setText(QStringLiteral("late.bin")); };
         click("Command6"); // the frame is hidden, but the button still works
         while (nextStep()) { }
-        QTRY_VERIFY(m_received.endsWith("\rTFTP_FILE=late.bin\rtftpdnld\r"));
+        QTRY_VERIFY(received().endsWith("\rTFTP_FILE=late.bin\rtftpdnld\r"));
 
         // The port closing mid-run stops it; reopening the port does not resume it.
-        m_received.clear();
+        quiet();
         atSecondLine = [this] { m_console->session()->disconnectSession(); };
         click("Command6");
         QVERIFY(nextStep());
         QVERIFY(!sequence->isRunning());
-        QTRY_VERIFY(m_received.startsWith("IP_ADDRESS="));
-        QVERIFY(!m_received.contains("DEFAULT_GATEWAY="));
+        QTRY_VERIFY(received().startsWith("IP_ADDRESS="));
+        QVERIFY(!received().contains("DEFAULT_GATEWAY="));
         atSecondLine = nullptr;
         QVERIFY(connectSerial());
         QVERIFY(!sequence->isRunning()); // so nothing more can go out
-        QCOMPARE(m_received, QByteArray());
+        QCOMPARE(received(), QByteArray());
     }
 
     void flashBackup()
@@ -326,8 +313,7 @@ private Q_SLOTS:
             QByteArray &bytes = flash[files.at(row)] = QByteArray(row ? 1024 : 70001, Qt::Uninitialized);
             for (char &c : bytes)
                 c = char(QRandomGenerator::global()->bounded(256));
-            QFile file(root.filePath("flash/" + files.at(row)));
-            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+            QVERIFY(tw::test::writeFile(root.filePath("flash/" + files.at(row)), bytes));
         }
         // No server address: a message and nothing sent.
         const QByteArray asked = m_flash->received;
@@ -341,12 +327,8 @@ private Q_SLOTS:
             QByteArray("copy flash:c2600-i-mz.122-8.T.bin tftp\r127.0.0.1\r\rcopy flash:vlan.dat "
                        "tftp\r127.0.0.1\r\r"));
         QCOMPARE(m_messages.size(), 1);
-        for (auto [name, bytes] : flash.asKeyValueRange()) {
-            QFile file(root.filePath("backups/" + name)); // the last block may land after the put ends
-            QTRY_COMPARE(file.size(), bytes.size());
-            QVERIFY(file.open(QIODevice::ReadOnly));
-            QCOMPARE(file.readAll(), bytes);
-        }
+        for (auto [name, bytes] : flash.asKeyValueRange()) // the last block may land after the put ends
+            QTRY_COMPARE(tw::test::readFile(root.filePath("backups/" + name)), bytes);
 
         // The device's answers show in the terminal, not as rows; asking again starts a fresh
         // list; closing hands the device's text back to the terminal.

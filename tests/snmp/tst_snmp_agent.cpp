@@ -4,6 +4,7 @@
 #include "snmp/snmp_page.h"
 #include "snmp/snmp_poller.h"
 #include "test_support.h"
+#include "util/message_box.h"
 
 #include <QtNetwork>
 #include <QtTest>
@@ -23,6 +24,7 @@ private Q_SLOTS:
     void countersWrapAndRestart();
     void closeWhileWaiting();
     void pageWithoutKeyring();
+    void namedDevicesPruned();
 
 private:
     bool startAgent() { return startAgent(m_agent, m_dir.filePath("snmpd.conf"), m_port); }
@@ -157,6 +159,29 @@ void TestSnmpAgent::v2cWalkAndRates()
         monitor.inRate(lo).value_or(0) > 10e6 && monitor.outRate(lo).value_or(0) > 10e6, 60000);
     QVERIFY(!monitor.history(lo).isEmpty());
     push.stop();
+
+    // However wrong the expected row count, a walk that needs several requests per column finds the
+    // same instances as one without it.
+    SnmpTarget direct = target();
+    direct.host = QStringLiteral("127.0.0.1");
+    direct.port = m_port;
+    AgentSession session(direct);
+    const QList<Oid> columns { { 1, 3, 6, 1, 2, 1, 2, 2, 1, 1 }, { 1, 3, 6, 1, 2, 1, 2, 2, 1, 2 },
+        { 1, 3, 6, 1, 2, 1, 2, 2, 1, 8 }, { 1, 3, 6, 1, 2, 1, 31, 1, 1, 1, 1 } };
+    const auto walk = [&](int expectedRows) {
+        QList<QList<SnmpValue>> values;
+        QStringList names;
+        if (!session.bulkWalk(columns, int(columns.size()), values, expectedRows))
+            return QStringList { session.error() };
+        for (const auto &column : values)
+            for (const SnmpValue &v : column)
+                names.append(oidText(v.oid));
+        return names;
+    };
+    const QStringList all = walk(0);
+    QCOMPARE(all.size(), kernel.size() * columns.size());
+    for (const int rows : { int(kernel.size()), 1, int(kernel.size()) - 1, int(kernel.size()) + 1, 1000 })
+        QCOMPARE(walk(rows), all);
 }
 
 // Each security level polls; a wrong password, either one, and an unknown user are told in words.
@@ -289,8 +314,8 @@ void TestSnmpAgent::countersWrapAndRestart()
     QCOMPARE(monitor.history(2).size(), 2);
 }
 
-// A console closing while its poll waits on a silent device does not wait: a v2c request gives up at once,
-// a v3 engine discovery (which net-snmp cannot cut short) is left to end by itself.
+// A console closing while its poll waits on a silent device does not wait, and its thread ends: a v2c request
+// and a v3 engine discovery give up at once.
 void TestSnmpAgent::closeWhileWaiting()
 {
     QUdpSocket silent;
@@ -303,17 +328,15 @@ void TestSnmpAgent::closeWhileWaiting()
         SnmpTarget t = target(user);
         t.authPassword = QStringLiteral("auth-secret-1");
         t.privPassword = QStringLiteral("priv-secret-1");
-        // Three hours of v2c tries: a close that waited for them would never return within the test's limit.
-        // The v3 discovery, which cannot be cut short, is shown still running after the close.
-        t.timeoutMs = user.isEmpty() ? 3600000 : 20000;
-        t.tries = user.isEmpty() ? 3 : 1;
+        // Three hours of tries: a close or a thread that waited for them would not end within the test's
+        // limit.
+        t.timeoutMs = 3600000;
+        t.tries = 3;
         monitor->setTarget(t);
         monitor->start();
         QTRY_VERIFY_WITH_TIMEOUT(silent.hasPendingDatagrams(), 30000);
         monitor.reset();
-        if (!user.isEmpty())
-            QCOMPARE(SnmpMonitor::workersRunning(), 1); // still in the discovery
-        QTRY_COMPARE_WITH_TIMEOUT(SnmpMonitor::workersRunning(), 0, 60000);
+        QVERIFY(SnmpMonitor::finishWorkers(60000));
         while (silent.hasPendingDatagrams())
             silent.receiveDatagram();
     }
@@ -363,6 +386,31 @@ void TestSnmpAgent::pageWithoutKeyring()
     view->setCurrentIndex(view->model()->index(0, 0));
     QCOMPARE(page.selectedInterface(), page.monitor()->interfaceAt(0));
 
+    // "Export..." writes the table as shown, and the selected interface's history, each to its file; a file
+    // that cannot be written is said so.
+    QTemporaryDir out;
+    const qsizetype points = page.monitor()->history(page.selectedInterface()).size();
+    page.exportCsv(false, out.filePath(QStringLiteral("table.csv")));
+    page.exportCsv(true, out.filePath(QStringLiteral("history.csv")));
+    const auto lines = [&out](const char *name) {
+        QFile f(out.filePath(QLatin1String(name)));
+        return f.open(QIODevice::ReadOnly)
+            ? QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)
+            : QStringList();
+    };
+    const QStringList table = lines("table.csv"), history = lines("history.csv");
+    QCOMPARE(table.size(), view->model()->rowCount() + 1);
+    QVERIFY(table.value(1).contains(view->model()->index(0, SnmpMonitor::NameColumn).data().toString()));
+    QVERIFY(points > 0);
+    QCOMPARE(history.size(), points + 1);
+    QVERIFY(history.value(0) != table.value(0));
+    QStringList said;
+    tw::setMessageBoxHook([&said](const QString &text, QMessageBox::Icon) { said << text; });
+    page.exportCsv(false, out.filePath(QStringLiteral("missing/table.csv")));
+    tw::setMessageBoxHook({});
+    QCOMPARE(said.size(), 1);
+    QVERIFY(said[0].startsWith(QLatin1String("Cannot write")));
+
     QSettings settings = tw::test::settingsStore();
     settings.sync();
     QFile stored(settings.fileName());
@@ -399,6 +447,45 @@ void TestSnmpAgent::pageWithoutKeyring()
     QTRY_COMPARE_WITH_TIMEOUT(prompts.size(), 5, 30000);
     QTRY_VERIFY_WITH_TIMEOUT(
         page.monitor()->isRunning() && state->text().startsWith(QLatin1String("OK ")), 30000);
+}
+
+// Devices connected by name never enter the connection history: the newest six keep their choices and
+// passwords, and each new one pushes the oldest out. Devices the history holds are not counted.
+void TestSnmpAgent::namedDevicesPruned()
+{
+    int prompts = 0;
+    SnmpCredentials::setPromptHook([&prompts](const QString &) -> std::optional<QString> {
+        ++prompts;
+        return QStringLiteral("named-secret");
+    });
+    const auto unhook = qScopeGuard([] { SnmpCredentials::setPromptHook({}); });
+    // Whether the device's password had to be asked for.
+    const auto asked = [&](const QString &host) {
+        const int before = prompts;
+        bool done = false;
+        SnmpCredentials::obtain(this,
+            SnmpCredentials::key(host, QStringLiteral("tw-named"), QStringLiteral("auth")),
+            QStringLiteral("Authentication"), [&done](const std::optional<QString> &) { done = true; });
+        return QTest::qWaitFor([&done] { return done; }, 30000) && prompts > before;
+    };
+    const auto name = [](int i) { return QStringLiteral("switch-%1.lab").arg(i); };
+    SnmpProfile profile;
+    profile.version = 3;
+    profile.target.user = QStringLiteral("tw-named");
+    for (int i = 0; i < 6; ++i) {
+        SnmpPage::rememberDevice(name(i), profile);
+        SnmpPage::rememberDevice(QStringLiteral("127.9.9.%1").arg(i), profile);
+        QVERIFY(asked(name(i)));
+    }
+    QVERIFY(!asked(name(1)));
+    SnmpPage::rememberDevice(name(0), profile); // the newest again
+    SnmpPage::rememberDevice(name(6), profile);
+    QVERIFY(!SnmpProfiles::load(name(1)));
+    for (const int kept : { 0, 2, 3, 4, 5, 6 })
+        QVERIFY2(SnmpProfiles::load(name(kept)), qPrintable(name(kept)));
+    QVERIFY(SnmpProfiles::load(QStringLiteral("127.9.9.0")));
+    QVERIFY(asked(name(1)));
+    QVERIFY(!asked(name(2)));
 }
 
 QTEST_MAIN(TestSnmpAgent)

@@ -1,6 +1,7 @@
 #include "test_support.h"
 
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QHostAddress>
 #include <QTcpServer>
 #include <QUdpSocket>
@@ -22,6 +23,18 @@ quint16 freeTcpPort()
 QSettings settingsStore()
 {
     return QSettings(QStringLiteral("Tarnwick"), QStringLiteral("Tarnwick"));
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
 }
 
 QByteArray junk(QRandomGenerator &rng, int maxSize)

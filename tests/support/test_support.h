@@ -1,7 +1,7 @@
 #pragma once
 
 // What many tests need and nobody should write twice: free loopback ports, the
-// program's settings store (inside the test's temporary home), random junk for
+// program's settings store (inside the test's temporary home), whole files, random junk for
 // the byte-reading engines, and the real program started headless.
 //
 // Every test executable links this library (tw_add_test), and with it the
@@ -27,6 +27,11 @@ quint16 freeTcpPort();
 
 // The store the program keeps its settings in, inside the isolated home.
 QSettings settingsStore();
+
+// A file's bytes (empty when it cannot be read), and a file replaced by bytes
+// (false when that fails).
+QByteArray readFile(const QString &path);
+bool writeFile(const QString &path, const QByteArray &bytes);
 
 // Up to maxSize - 1 random bytes.
 QByteArray junk(QRandomGenerator &rng, int maxSize);
