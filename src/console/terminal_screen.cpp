@@ -232,17 +232,82 @@ void TerminalScreen::feed(const QByteArray &bytes)
     QByteArray guarded;
     if (m_strings.cap(send.data(), send.size(), &guarded))
         send = guarded;
-    // A full reset (ESC c) forgets the last character again.
-    const QByteArrayView reset("\x1b"
-                               "c");
+    // Each REP (CSI Ps b) and each full reset (ESC c) ends a write of its
+    // own. A reset makes libvterm forget the last character again; a REP is
+    // checked against the glyph it would repeat: libvterm 0.1.4 prints that
+    // glyph until the cursor has moved Ps columns, and a glyph of no width (a
+    // combining character with nothing to join, a C1 control sent as UTF-8,
+    // which it takes for width -1) never moves it, so the loop runs for ever
+    // or 2^31 times. Such a REP ends with CAN instead, which closes the
+    // sequence with nothing done: there is nothing visible to repeat.
     qsizetype from = 0;
-    for (qsizetype at = send.indexOf(reset); at >= 0; at = send.indexOf(reset, at + 2)) {
-        vterm_input_write(m_vt, send.data() + from, size_t(at + 2 - from));
-        primeRepeat();
-        from = at + 2;
+    while (from < send.size()) {
+        bool repeat = false;
+        const qsizetype stop = nextStop(send, from, &repeat);
+        if (stop < 0) {
+            vterm_input_write(m_vt, send.data() + from, size_t(send.size() - from));
+            break;
+        }
+        if (!repeat) {
+            vterm_input_write(m_vt, send.data() + from, size_t(stop + 1 - from));
+            primeRepeat();
+        } else {
+            vterm_input_write(m_vt, send.data() + from, size_t(stop - from));
+            vterm_input_write(m_vt, m_lastGlyphWidth > 0 ? "b" : "\x18", 1);
+        }
+        from = stop + 1;
     }
-    vterm_input_write(m_vt, send.data() + from, size_t(send.size() - from));
     ++m_generation;
+}
+
+// The index in data of the next REP's final byte (*repeat true) or of the
+// "c" of the next ESC c, from `from` on; -1 when there is none. The scan
+// follows libvterm's parser as CsiParameterCap does, across blocks.
+qsizetype TerminalScreen::nextStop(QByteArrayView data, qsizetype from, bool *repeat)
+{
+    for (qsizetype i = from; i < data.size(); ++i) {
+        const auto c = uchar(data[i]);
+        if (m_sequence == Sequence::None) {
+            const void *esc = std::memchr(data.data() + i, 0x1b, size_t(data.size() - i));
+            if (!esc)
+                return -1;
+            i = static_cast<const char *>(esc) - data.data();
+            m_sequence = Sequence::Escape;
+            continue;
+        }
+        if (c == 0x1b) {
+            m_sequence = Sequence::Escape;
+            continue;
+        }
+        if (c == 0x18 || c == 0x1a) {
+            m_sequence = Sequence::None;
+            continue;
+        }
+        if (c < 0x20 || c >= 0x7f) {
+            if (m_sequence == Sequence::Escape)
+                m_sequence = Sequence::Intermediate; // only ESC right before c is a reset
+            continue;
+        }
+        if (m_sequence == Sequence::Escape || m_sequence == Sequence::Intermediate) {
+            if (c < 0x30) {
+                m_sequence = Sequence::Intermediate; // ESC # c and the like are no reset
+                continue;
+            }
+            const bool reset = c == 'c' && m_sequence == Sequence::Escape;
+            m_sequence = c == '[' ? Sequence::Csi : Sequence::None;
+            if (reset)
+                return i;
+            continue;
+        }
+        if (c >= 0x40) {
+            m_sequence = Sequence::None;
+            if (c == 'b') {
+                *repeat = true;
+                return i;
+            }
+        }
+    }
+    return -1;
 }
 
 void TerminalScreen::resize(int rows, int columns)
@@ -327,6 +392,7 @@ void TerminalScreen::pushLine(Line &line)
 
 void TerminalScreen::putGlyph(const uint32_t *chars, int width, bool protectedCell, int row, int column)
 {
+    m_lastGlyphWidth = width;
     Lines &lines = active();
     if (row < 0 || row >= int(lines.size()) || column < 0 || column >= m_columns)
         return;

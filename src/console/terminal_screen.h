@@ -157,6 +157,7 @@ private:
 
     void create(int rows, int columns);
     void primeRepeat();
+    qsizetype nextStop(QByteArrayView data, qsizetype from, bool *repeat);
     TerminalCell fromStored(const Stored &stored) const;
     const Line *lineAt(int row) const;
     Lines &active() { return m_altScreen ? m_alt : m_primary; }
@@ -196,6 +197,11 @@ private:
     QByteArray m_partial; // an unfinished UTF-8 sequence at the end of the last block
     CsiParameterCap m_guard;
     ControlStringGuard m_strings;
+    // Where the scan for REP and ESC c stands between blocks, and the width
+    // of the glyph libvterm would repeat.
+    enum class Sequence : quint8 { None, Escape, Intermediate, Csi };
+    Sequence m_sequence = Sequence::None;
+    int m_lastGlyphWidth = 1;
     QString m_title;
     bool m_cursorVisible = true;
     bool m_altScreen = false;

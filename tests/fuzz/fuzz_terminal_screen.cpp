@@ -5,7 +5,8 @@
 // The corpus holds the libvterm 0.1.4 faults this target found (REP with
 // nothing printed, a cursor left above a shrunken screen, DECRC to a saved
 // position outside it, a wide character on a one-column screen, a string's
-// ESC \ with controls between, read past the end of the input).
+// ESC \ with controls between, read past the end of the input, REP of a
+// glyph of no width or after a reset split between blocks).
 #include "fuzz_input.h"
 
 #include "console/terminal_screen.h"
