@@ -203,6 +203,29 @@ qsizetype unfinishedUtf8(const char *data, qsizetype size)
     }
     return 0;
 }
+// libvterm 0.1.4 takes a C1 control sent as UTF-8 (U+0080 to U+009F) for a
+// glyph of width -1: it moves the cursor back and leaves a cell as wide as
+// nothing else. There is nothing to show, so those two bytes are dropped.
+bool dropUtf8C1(QByteArrayView data, QByteArray *out)
+{
+    const char *begin = data.data();
+    const char *end = begin + data.size();
+    const char *copied = begin;
+    for (const char *at = begin; at + 1 < end; ++at) {
+        at = static_cast<const char *>(std::memchr(at, 0xc2, size_t(end - at - 1)));
+        if (!at)
+            break;
+        if (uchar(at[1]) < 0x80 || uchar(at[1]) > 0x9f)
+            continue;
+        out->append(copied, at - copied);
+        copied = at + 2;
+        ++at;
+    }
+    if (copied == begin)
+        return false;
+    out->append(copied, end - copied);
+    return true;
+}
 } // namespace
 
 void TerminalScreen::feed(const QByteArray &bytes)
@@ -232,6 +255,9 @@ void TerminalScreen::feed(const QByteArray &bytes)
     QByteArray guarded;
     if (m_strings.cap(send.data(), send.size(), &guarded))
         send = guarded;
+    QByteArray printable;
+    if (dropUtf8C1(send, &printable))
+        send = printable;
     // Each REP (CSI Ps b) and each full reset (ESC c) ends a write of its
     // own. A reset makes libvterm forget the last character again; a REP is
     // checked against the glyph it would repeat: libvterm 0.1.4 prints that
@@ -344,6 +370,7 @@ void TerminalScreen::reset()
     m_partial.clear();
     m_guard = CsiParameterCap();
     m_strings = ControlStringGuard();
+    m_sequence = Sequence::None;
     m_scrollback.clear();
     m_pushed = 0;
     m_starLogged = -1;
