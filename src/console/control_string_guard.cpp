@@ -1,4 +1,5 @@
 #include "control_string_guard.h"
+#include "csi_parameter_cap.h"
 
 #include <cstring>
 
@@ -18,10 +19,9 @@ bool ControlStringGuard::cap(const char *data, qsizetype size, QByteArray *cappe
     for (qsizetype i = 0; i < size; ++i) {
         const auto c = uchar(data[i]);
         if (m_scan == Scan::Ground) {
-            const void *esc = std::memchr(data + i, 0x1b, size_t(size - i));
-            if (!esc)
+            i = nextEscape(data, i, size);
+            if (i < 0)
                 break;
-            i = static_cast<const char *>(esc) - data;
             m_scan = Scan::Escape;
             continue;
         }

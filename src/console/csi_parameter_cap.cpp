@@ -10,10 +10,9 @@ bool CsiParameterCap::cap(const char *data, qsizetype size, QByteArray *capped)
     for (qsizetype i = 0; i < size; ++i) {
         const auto c = uchar(data[i]);
         if (m_scan == Scan::Ground) {
-            const void *esc = std::memchr(data + i, 0x1b, size_t(size - i));
-            if (!esc)
+            i = nextEscape(data, i, size);
+            if (i < 0)
                 break;
-            i = static_cast<const char *>(esc) - data;
             m_scan = Scan::Escape;
             continue;
         }

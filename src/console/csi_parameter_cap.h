@@ -2,6 +2,16 @@
 
 #include <QByteArray>
 
+#include <cstring>
+
+// The index of the next ESC in data from `from` on, or -1: the step with
+// which every scan of device bytes for libvterm skips plain text.
+inline qsizetype nextEscape(const char *data, qsizetype from, qsizetype size)
+{
+    const void *esc = std::memchr(data + from, 0x1b, size_t(size - from));
+    return esc ? static_cast<const char *>(esc) - data : -1;
+}
+
 // libvterm 0.1.4 writes past its array of CSI parameters when a sequence has
 // more than 16 of them, which any device can send (ESC [ followed by twenty
 // ";" crashes it). Everything that hands device bytes to libvterm passes them

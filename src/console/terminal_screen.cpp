@@ -294,10 +294,9 @@ qsizetype TerminalScreen::nextStop(QByteArrayView data, qsizetype from, bool *re
     for (qsizetype i = from; i < data.size(); ++i) {
         const auto c = uchar(data[i]);
         if (m_sequence == Sequence::None) {
-            const void *esc = std::memchr(data.data() + i, 0x1b, size_t(data.size() - i));
-            if (!esc)
+            i = nextEscape(data.data(), i, data.size());
+            if (i < 0)
                 return -1;
-            i = static_cast<const char *>(esc) - data.data();
             m_sequence = Sequence::Escape;
             continue;
         }
