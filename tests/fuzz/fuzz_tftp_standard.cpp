@@ -1,6 +1,8 @@
 // libFuzzer target: the standard TFTP engine fed a stream of datagrams from a
 // few senders, over in-memory sockets and with a clock the input moves on, so
-// retransmissions and give-ups happen without waiting.
+// retransmissions and give-ups happen without waiting. Two engines stand for
+// the server's two loops: the first hands every other transfer to the second
+// at once, which tells it when one ends.
 //
 // Input: the records of fuzz_tftp_stream.cpp: [control][length][bytes].
 //   control bits 0-1: the sender (three addresses, two ports each);
@@ -11,8 +13,8 @@
 
 #include "access/access_list.h"
 #include "access/mask_display.h"
-#include "tftp_fuzz_folder.h"
 #include "tftp/standard_engine.h"
+#include "tftp_fuzz_folder.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -57,8 +59,12 @@ void runStandard(const uint8_t *data, size_t size)
     resetTftpFuzzFiles();
     MemoryNet network;
     StandardEngine engine(&network);
+    StandardEngine second(&network);
+    engine.setLoops(2, [&second](int, std::shared_ptr<StandardEngine::Transfer> t) { second.adopt(t); });
+    second.setEnded([&engine](quint64 serial) { engine.transferEnded(serial); });
     qint64 clock = 0;
     engine.setClock([&clock] { return clock; });
+    second.setClock([&clock] { return clock; });
     const QString share = tftpFuzzFolder().filePath(QStringLiteral("share"));
     engine.setAccessEntries({ { QStringLiteral("0.0.0.0"), maskDisplayForm(0), QStringLiteral("yes"),
                                   QStringLiteral("yes"), share, 0 },
@@ -79,7 +85,9 @@ void runStandard(const uint8_t *data, size_t size)
         if (target == 7) { // time moves on by up to 25.5 s and the due timers fire
             clock += qint64(length) * 100;
             engine.expire(clock);
+            second.expire(clock);
             engine.flush();
+            second.flush();
             continue;
         }
         const QByteArray datagram(
@@ -94,11 +102,15 @@ void runStandard(const uint8_t *data, size_t size)
                 if (it.key() != engine.listenerSocket() && ++n == target)
                     socket = it.key();
         }
-        if (socket >= 0)
-            engine.receive(socket, datagram, senders[(control & 3) % 3],
-                quint16(1000 + (control & 3) + (control >> 5)), 0x7f000001);
+        const quint32 sender = senders[(control & 3) % 3];
+        const quint16 port = quint16(1000 + (control & 3) + (control >> 5));
+        if (socket >= 0 && !engine.receive(socket, datagram, sender, port, 0x7f000001))
+            second.receive(socket, datagram, sender, port, 0x7f000001);
+        if (engine.hasHandOffs())
+            engine.handOffAccepted();
     }
     engine.flush();
+    second.flush();
 }
 
 } // namespace

@@ -36,7 +36,7 @@ struct Fleet
     QTemporaryDir dir;
     TransferMonitor monitor;
     AccessList acl;
-    StandardServer server { &monitor, &acl };
+    StandardServer server { &monitor, &acl, nullptr, 2 }; // two engine loops, whatever the machine
     quint16 port = 0;
     QString folder = dir.filePath("share");
 
@@ -143,10 +143,11 @@ private Q_SLOTS:
         QCOMPARE(f.monitor.socketText(1, TM::LocalPort), QString::number(f.port));
     }
 
-    // A thousand transfers at once, each held after its first block; the socket table shows the
-    // listener and the 29 oldest. One more request gets no answer and the limit is reported once;
-    // when one transfer ends, the waiting client's retry gets in. A repeated request is not a second
-    // transfer. Then all finish.
+    // A thousand transfers at once, each held after its first block, half on each engine loop; the
+    // socket table shows the listener and the 29 oldest. One more request gets no answer and the
+    // limit is reported once; when a transfer on the second loop ends, the waiting client's retry gets
+    // in, and a request repeated by a client whose transfer runs there is not a second transfer.
+    // Then the rest finish, and the table shows the one left.
     void thousandAtOnce()
     {
         const int limit = 1000;
@@ -160,8 +161,11 @@ private Q_SLOTS:
                 clients.back()->send(request(1, "f.bin"), f.port);
                 QTRY_COMPARE_WITH_TIMEOUT(f.monitor.transferCount(), 1, 30000);
             }
+            if (i < 4) // one at a time: the first loop runs clients 0 and 2, the second 1 and 3
+                QCOMPARE(clients.back()->next(), packet(3, 1, pattern(512)));
         }
-        for (auto &c : clients) { // a burst may overflow the port's buffer: retry as real clients do
+        for (size_t i = 4; i < clients.size(); ++i) { // a burst may overflow the port's buffer: retry
+            RawClient *c = clients[i].get();
             QByteArray reply = c->next(2000);
             for (int retry = 0; retry < 5 && reply.isEmpty(); ++retry) {
                 c->send(request(1, "f.bin"), f.port);
@@ -177,22 +181,34 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(f.monitor.transferCount(), limit, 30000);
         QCOMPARE(f.monitor.socketText(30, TM::SocketStatus), QString("SENDING"));
         QCOMPARE(f.transfer(1, TM::Status), QString("Allowed"));
-        // The first client finishes; the late one's retry is taken.
-        clients[0]->send(packet(4, 1), clients[0]->peer);
-        QCOMPARE(clients[0]->next(), packet(3, 2, pattern(700).mid(512)));
-        clients[0]->send(packet(4, 2), clients[0]->peer);
-        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(1, TM::Status), QString("FINISHED OK"), 30000);
+        QCOMPARE(f.server.transfersPerLoop(), std::vector<int>({ limit / 2, limit / 2 }));
+        // The second client's transfer ends on the second loop, and the first counts the place free:
+        // a request repeated by the fourth (also there) is not taken for a new one; the late one is.
+        clients[1]->send(packet(4, 1), clients[1]->peer);
+        QCOMPARE(clients[1]->next(), packet(3, 2, pattern(700).mid(512)));
+        clients[1]->send(packet(4, 2), clients[1]->peer);
+        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(2, TM::Status), QString("FINISHED OK"), 30000);
+        clients[3]->send(request(1, "f.bin"), f.port);
         late.send(request(1, "f.bin"), f.port);
         QCOMPARE(late.next(), packet(3, 1, pattern(512)));
         QCOMPARE(limitSpy.count(), 1);
-        QCOMPARE(clients[0]->next(0), QByteArray()); // the repeated request made no second transfer
-        for (size_t i = 1; i < clients.size(); ++i) {
+        QTRY_COMPARE_WITH_TIMEOUT(
+            f.monitor.socketText(3, TM::LocalPort), QString::number(clients[2]->peer), 30000);
+        QCOMPARE(f.monitor.socketText(2, TM::LocalPort), QString::number(clients[0]->peer));
+        QCOMPARE(clients[0]->next(0), QByteArray()); // the repeated requests made no second transfer
+        QCOMPARE(clients[3]->next(0), QByteArray());
+        for (size_t i = 0; i < clients.size(); ++i) {
+            if (i == 1)
+                continue;
             clients[i]->send(packet(4, 1), clients[i]->peer);
             QCOMPARE(clients[i]->next().left(4), packet(3, 2));
             clients[i]->send(packet(4, 2), clients[i]->peer);
         }
         QTRY_COMPARE_WITH_TIMEOUT(f.transfer(limit, TM::Status), QString("FINISHED OK"), 30000);
+        QTRY_COMPARE_WITH_TIMEOUT(f.monitor.socketText(3, TM::SocketStatus), QString("ready"), 30000);
+        QCOMPARE(f.monitor.socketText(2, TM::LocalPort), QString::number(late.peer));
         QCOMPARE(f.monitor.transferCount(), limit + 1);
+        QCOMPARE(f.transfer(1, TM::Status), QString("FINISHED OK"));
     }
 
     // The port goes from the classic server to the engine and back; a transfer running under either
