@@ -12,6 +12,7 @@
 #include <QHostAddress>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -20,14 +21,15 @@
 using namespace TftpOptions;
 
 // Capture mode seen from the engine's thread: the flag is a copy the owner
-// keeps up to date, and what is captured leaves as signals.
+// keeps up to date, and what is captured leaves as signals (queued, so an
+// upload running on another loop may send them from there; hence the atomic).
 class StandardEngine::Capture : public CaptureSink
 {
 public:
     explicit Capture(StandardEngine *engine)
         : m_engine(engine)
     { }
-    bool on = false;
+    std::atomic<bool> on = false;
     bool capturing() const override { return on; }
     void CaptureFileName(const QString &path) override { Q_EMIT m_engine->captureFileName(path); }
     void CaptureData(const QByteArray &data) override { Q_EMIT m_engine->captureData(data); }
