@@ -8,6 +8,7 @@
 #include "tftp_test_peer.h"
 
 #include <QHeaderView>
+#include <QPixmapCache>
 #include <QScrollBar>
 #include <QTreeView>
 
@@ -263,6 +264,40 @@ private Q_SLOTS:
             QVERIFY(list->header()->sectionSize(TM::DataSentReceived) >= width / 4);
         }
         QCOMPARE(window.transferList()->columnWidth(TM::Filename), 180);
+    }
+
+    // The list keeps its cells' laid-out texts and its progress bars between paints: once its texts
+    // changed, a transfer advanced and the window narrowed, it must look like a list drawn afresh.
+    void listRedrawnAfterChangesLooksFresh()
+    {
+        TransferMonitor monitor;
+        monitor.addTransfer("a-long-image-name.bin", "127.0.0.1", "127.0.0.1", "Allowed");
+        monitor.addTransfer("b.bin", "127.0.0.1", "127.0.0.1", "Allowed");
+        monitor.setTransferText(1, TM::DataSentReceived, "1048576 of 10000000 bytes (10%)");
+        const auto shown = [](TransferWindow &window, int width) {
+            window.resize(width, 600);
+            window.show();
+            return QTest::qWaitForWindowExposed(&window);
+        };
+        const auto picture = [](TransferWindow &window) {
+            window.transferList()->selectionModel()->clearCurrentIndex(); // the focus frame of the active one
+            return window.transferList()->viewport()->grab().toImage();
+        };
+        TransferWindow drawn(&monitor);
+        QVERIFY(shown(drawn, 1000));
+        const QImage before = picture(drawn);
+        monitor.setTransferText(1, TM::Status, "FINISHED OK");
+        monitor.setTransferText(1, TM::DataSentReceived, "6000000 of 10000000 bytes (60%)");
+        monitor.setTransferText(2, TM::DataSentReceived, "6000000 of 10000000 bytes (60%)");
+        QVERIFY(picture(drawn) != before);
+        for (const int width : { 1000, 400 }) {
+            QVERIFY(shown(drawn, width));
+            const QImage redrawn = picture(drawn);
+            QPixmapCache::clear(); // the bars too are drawn afresh
+            TransferWindow fresh(&monitor);
+            QVERIFY(shown(fresh, width));
+            QCOMPARE(redrawn, picture(fresh));
+        }
     }
 };
 
