@@ -85,11 +85,9 @@ private Q_SLOTS:
         // A C1 control sent as UTF-8 is no glyph at all (libvterm made it one of width -1).
         screen.feed("\r\nx\xc2\x89\x1b[3b1");
         QCOMPARE(screen.rowText(1).trimmed(), QStringLiteral("xxxx1"));
-        screen.feed("\r\n\x1b[5C\xcc\x81\x1b[9b2"); // an accent with nothing to join
-        screen.feed("\r\n\x1b[5C\xcc\x81\x1b[");
-        screen.feed("9b3"); // the same REP split between two blocks
-        QVERIFY(screen.rowText(2).contains(QLatin1Char('2')));
-        QVERIFY(screen.rowText(3).contains(QLatin1Char('3')));
+        screen.feed("\r\n\x1b[5C\xcc\x81\x1b["); // an accent with nothing to join
+        screen.feed("9b3"); // and a REP split between two blocks
+        QVERIFY(screen.rowText(2).contains(QLatin1Char('3')));
         screen.feed("\x1b\x05c"); // no reset: only ESC right before c is one
         QCOMPARE(screen.rowText(0).trimmed(), QStringLiteral("abbbb|"));
         screen.feed("\x1b");
@@ -226,10 +224,6 @@ private Q_SLOTS:
         // The device asks where the cursor is; the answer goes back to it.
         screen.feed("\x1b[3;7H\x1b[6n");
         QCOMPARE(screen.takeOutput(), QByteArray("\x1b[3;7R"));
-        // libvterm 0.1.4 overruns its parameter array past 16; the excess is dropped.
-        screen.feed("\x1b[" + QByteArray("1;").repeated(40) + "7");
-        screen.feed(QByteArray(";").repeated(30) + "Hfine");
-        QVERIFY(screen.rowText(screen.cursorRow()).endsWith(QLatin1String("fine")));
     }
 
     void controlStringEndsInsideWhatWasSent()

@@ -437,17 +437,14 @@ private Q_SLOTS:
         QVERIFY(dialog.netFrame()->isEnabled() && !dialog.serialFrame()->isEnabled());
         choose(dialog.connectWith(), QStringLiteral("History5")); // never written: empty boxes
         QCOMPARE(dialog.octetBox(0)->text(), QString());
-    }
 
-    void dialogOkConnectsSerial()
-    {
+        // OK on the serial defaults opens the line with them.
         PtyDevice line;
         ConsoleSession session;
-        ModemOptions serial;
-        serial.setWhoasked(&session);
-        serial.show();
-        serial.serialField(7)->setCurrentText(line.path);
-        QTest::mouseClick(serial.okButton(), Qt::LeftButton);
+        dialog.setWhoasked(&session);
+        choose(dialog.connectWith(), QStringLiteral("Serial"));
+        dialog.serialField(7)->setCurrentText(line.path);
+        QTest::mouseClick(dialog.okButton(), Qt::LeftButton);
         QCOMPARE(session.serialSettings(), QStringLiteral("9600,N,8,1"));
         QTRY_COMPARE(line.received(), QByteArray("\r"));
         // A serial connection leaves the address history alone (a TCP one enters it: console_ports).
