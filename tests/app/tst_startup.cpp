@@ -265,7 +265,7 @@ private Q_SLOTS:
         QCOMPARE(offered, (QStringList { shared.path(), s + "current/", s + "ios-15/", QString() }));
     }
 
-    void toolbarClicksMaximiseRestoreAndTile()
+    void toolbarClicksAndCloseBoxes()
     {
         MainWindow *main = startApp();
         QCOMPARE(tiledFrames(main).size(), 5);
@@ -300,11 +300,8 @@ private Q_SLOTS:
         QCOMPARE(main->childState(WindowTable::configIndex), MainWindow::Normal);
         QCOMPARE(main->mdiArea()->activeSubWindow(), main->frameOf(WindowTable::configIndex));
         verifySideBySide(main);
-    }
 
-    void closeBoxHidesFixedWindowsAndRetiles()
-    {
-        MainWindow *main = startApp();
+        // The close box hides a fixed window (the toolbar brings it back) and re-tiles the rest.
         for (int index : { WindowTable::filesIndex, WindowTable::networkIndex, WindowTable::transferIndex,
                  WindowTable::configIndex }) {
             QPointer<ChildWindow> window = main->child(index);
