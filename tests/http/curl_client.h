@@ -1,6 +1,6 @@
 #pragma once
 
-// curl as the HTTP tests' client: the answer's status, headers
+// curl (and wget) as the HTTP tests' clients: the answer's status, headers
 // and body, from the command line a device or an engineer would use.
 
 #include <QByteArray>

@@ -5,6 +5,7 @@
 #include "http/http_server.h"
 #include "tftp/transfer_monitor.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QRandomGenerator>
@@ -20,7 +21,7 @@
 
 using TM = TransferMonitor;
 
-// The HTTP server with real clients on loopback: curl as devices and
+// The HTTP server with real clients on loopback: curl and wget as devices and
 // engineers use them, nginx serving the same folder as the oracle for what an
 // answer should be, headless Chromium reading the folder index, and raw
 // sockets for the clients that misbehave. Addresses: 127.0.0.1 may read and
@@ -116,7 +117,6 @@ private Q_SLOTS:
             { "/ios.bin", "-I" },
             { "/ios.bin", "-r", "100-199" },
             { "/ios.bin", "-r", "2999990-" },
-            { "/ios.bin", "-r", "1234567-" }, // what curl -C - and wget -c ask to resume a cut-off download
             { "/ios.bin", "-r", "-5" },
             { "/ios.bin", "-r", "5000000-" },
             { "/ios.bin", "-H", "If-None-Match: " + tag },
@@ -187,6 +187,20 @@ private Q_SLOTS:
         const int last = m_monitor.transferCount();
         QCOMPARE(m_monitor.transferText(last - 1, TM::From), QString("127.0.0.1"));
         QCOMPARE(m_monitor.transferText(last - 1, TM::To), QString("127.0.0.3"));
+    }
+
+    // A download cut off half-way resumes where it stopped, with curl and wget.
+    void resumeAfterCutOff()
+    {
+        const QString half = m_temp.filePath("curl.bin"), wgetHalf = m_temp.filePath("wget.bin");
+        const QByteArray digest = QCryptographicHash::hash(m_image, QCryptographicHash::Sha256);
+        QCOMPARE(runTool("curl", { "-s", "-r", "0-1499999", "-o", half, url("/ios.bin") }), 0);
+        QCOMPARE(QFileInfo(half).size(), 1500000);
+        QCOMPARE(runTool("curl", { "-s", "-C", "-", "-o", half, url("/ios.bin") }), 0);
+        QVERIFY(tw::test::writeFile(wgetHalf, m_image.left(1234567)));
+        QCOMPARE(runTool("wget", { "-q", "-c", "-O", wgetHalf, url("/ios.bin") }), 0);
+        for (const QString &path : { half, wgetHalf })
+            QCOMPARE(QCryptographicHash::hash(tw::test::readFile(path), QCryptographicHash::Sha256), digest);
     }
 
     // Uploads land whole or not at all: new and replaced files, one cut off
