@@ -11,11 +11,13 @@
 //
 // It also measures each server's turnaround the same way for every server:
 // from the moment the relay hands a datagram to the server (just before its
-// sendto) to the kernel's arrival stamp (SO_TIMESTAMPNS) of the server's next
-// datagram in that session. That is the server's wake-up, its work and its
-// send, plus loopback both ways, and none of the relay's own wake-up. On
-// SIGUSR1 it prints "turnaround N median_us p90_us mean_us" for what it saw
-// since the last report to stderr, and starts again.
+// sendto) to the kernel's arrival stamp (SO_TIMESTAMPNS) of the last datagram
+// the server sent before the next one was handed to it: one DATA in
+// lock-step, the whole window with windowsize, whose last block is what the
+// client waits for. That is the server's wake-up, its work and its sends,
+// plus loopback both ways, and none of the relay's own wake-up. On SIGUSR1 it
+// prints "turnaround N median_us p90_us mean_us" to stderr for what it saw
+// since the last report, and starts again.
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -92,7 +94,8 @@ struct Session
 {
     sockaddr_in client;
     int upstream; // talks to the server
-    long long handedAt = 0; // realtime ns of the last datagram handed to the server, 0 once answered
+    long long handedAt = 0; // realtime ns of the last datagram handed to the server
+    long long answeredAt = 0; // arrival of the server's latest datagram since then, 0 if none
     std::map<unsigned short, int> facing; // server port -> socket facing the client
 };
 
@@ -124,6 +127,11 @@ int main(int argc, char **argv)
     for (;;) {
         if (reportWanted) {
             reportWanted = 0;
+            for (Session &s : sessions) { // the answer to the last datagram handed over
+                if (s.answeredAt != 0)
+                    turnarounds.push_back(s.answeredAt - s.handedAt);
+                s.handedAt = s.answeredAt = 0;
+            }
             report(turnarounds);
         }
         std::vector<pollfd> fds { { listener, POLLIN, 0 } };
@@ -178,7 +186,7 @@ int main(int argc, char **argv)
                         const int upstream = udpSocket(0);
                         const int on = 1;
                         ::setsockopt(upstream, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
-                        sessions.push_back({ from, upstream, 0, {} });
+                        sessions.push_back({ from, upstream, 0, 0, {} });
                         session = &sessions.back();
                     }
                     out.fromFd = session->upstream;
@@ -189,9 +197,8 @@ int main(int argc, char **argv)
                         if (p.fd
                             == s.upstream) { // from the server: back to the client from that port's socket
                             const unsigned short port = ntohs(from.sin_port);
-                            if (s.handedAt != 0 && arrived != 0)
-                                turnarounds.push_back(arrived - s.handedAt);
-                            s.handedAt = 0; // a window's later blocks are not turnarounds
+                            if (s.handedAt != 0)
+                                s.answeredAt = arrived;
                             if (!s.facing.count(port))
                                 s.facing[port] = udpSocket(0);
                             out.fromFd = s.facing[port];
@@ -214,9 +221,14 @@ int main(int argc, char **argv)
         while (!queue.empty() && queue.front().due <= now) {
             const Pending &p = queue.front();
             if (p.to.sin_port != htons(serverPort)) { // to a transfer's port (a request's answer opens files)
-                for (Session &s : sessions)
-                    if (s.upstream == p.fromFd)
+                for (Session &s : sessions) {
+                    if (s.upstream == p.fromFd) {
+                        if (s.answeredAt != 0)
+                            turnarounds.push_back(s.answeredAt - s.handedAt);
                         s.handedAt = realtimeNs();
+                        s.answeredAt = 0;
+                    }
+                }
             }
             ::sendto(p.fromFd, p.data.data(), p.data.size(), 0, reinterpret_cast<const sockaddr *>(&p.to),
                 sizeof p.to);
