@@ -25,8 +25,3 @@ inline QList<QByteArray> splitInput(const uint8_t *data, size_t size, int maxPar
     parts.append(all.mid(start));
     return parts;
 }
-
-inline QByteArray wholeInput(const uint8_t *data, size_t size)
-{
-    return QByteArray(reinterpret_cast<const char *>(data), qsizetype(size));
-}

@@ -2,54 +2,34 @@
 // few senders, over in-memory sockets and with a clock the input moves on, so
 // retransmissions and give-ups happen without waiting.
 //
-// Input: the records of fuzz_tftp_stream.cpp: [control][length][bytes].
-//   control bits 0-1: the sender (three addresses, two ports each);
-//   control bits 2-4: where it goes: 0 the listening port, 1-6 the n-th open
-//                     transfer socket, 7 the clock moves on by length x 100 ms
-//                     (no bytes follow) and due timers fire.
-// The first byte: bit 0 capture on, bit 1 --confine.
+// Input: the records of tftp_fuzz.h; time moves on by length x 100 ms and the
+// due timers fire.
 
-#include "access/access_list.h"
-#include "access/mask_display.h"
-#include "tftp_fuzz_folder.h"
 #include "tftp/standard_engine.h"
+#include "tftp_fuzz.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
 #include <QMap>
-#include <QTemporaryDir>
-
-#include <algorithm>
-#include <cstdint>
 
 namespace {
 
 // The standard engine's sockets: handles with ports, datagrams sent into the void.
-class MemoryNet : public EngineNet
+struct MemoryNet : EngineNet
 {
-public:
     QMap<int, quint16> ports; // handle -> port, in the order opened
+    int next = 3;
+    quint16 nextPort = 40000;
     int open(quint32, quint16 port) override
     {
         if (port != 0 && std::find(ports.cbegin(), ports.cend(), port) != ports.cend())
             return -1;
-        ports.insert(m_next, port ? port : m_nextPort++);
-        return m_next++;
+        ports.insert(next, port ? port : nextPort++);
+        return next++;
     }
     void close(int socket) override { ports.remove(socket); }
     quint16 localPort(int socket) const override { return ports.value(socket); }
-    void send(int, const QByteArray &datagram, quint32, quint16) override
-    {
-        m_sent += quint64(datagram.size());
-    }
+    void send(int, const QByteArray &, quint32, quint16) override { }
     int sendBufferBytes(int) const override { return 212992; }
     QString errorString() const override { return QStringLiteral("in use"); }
-
-private:
-    int m_next = 3;
-    quint16 m_nextPort = 40000;
-    quint64 m_sent = 0;
 };
 
 void runStandard(const uint8_t *data, size_t size)
@@ -59,45 +39,27 @@ void runStandard(const uint8_t *data, size_t size)
     StandardEngine engine(&network);
     qint64 clock = 0;
     engine.setClock([&clock] { return clock; });
-    const QString share = tftpFuzzFolder().filePath(QStringLiteral("share"));
-    engine.setAccessEntries({ { QStringLiteral("0.0.0.0"), maskDisplayForm(0), QStringLiteral("yes"),
-                                  QStringLiteral("yes"), share, 0 },
-        { QStringLiteral("10.0.0.3"), maskDisplayForm(32), QStringLiteral("no"), QStringLiteral("no"), share,
-            32 } });
+    engine.setAccessEntries(tftpFuzzAccess());
     engine.setAddress(0, 69);
     engine.setMaxTransfers(4);
     engine.setCapturing(size > 0 && (data[0] & 1));
     engine.setConfine(size > 0 && (data[0] & 2));
     engine.listen();
     const quint32 senders[3] = { 0x0a000001, 0x0a000002, 0x0a000003 };
-    size_t at = 1;
-    while (at + 2 <= size) {
-        const uint8_t control = data[at];
-        const uint8_t length = data[at + 1];
-        at += 2;
-        const int target = (control >> 2) & 7;
-        if (target == 7) { // time moves on by up to 25.5 s and the due timers fire
-            clock += qint64(length) * 100;
-            engine.expire(clock);
-            engine.flush();
-            continue;
-        }
-        const QByteArray datagram(
-            reinterpret_cast<const char *>(data + at), int(qMin<size_t>(length, size - at)));
-        at += size_t(datagram.size());
-        int socket = -1;
-        if (target == 0) {
-            socket = engine.listenerSocket();
-        } else {
-            int n = 0;
+    const auto tick = [&](uint8_t length) { // by up to 25.5 s
+        clock += qint64(length) * 100;
+        engine.expire(clock);
+        engine.flush();
+    };
+    forEachTftpRecord(
+        data, size, tick, [&](int target, const QByteArray &datagram, int sender, quint16 port) {
+            int socket = target == 0 ? engine.listenerSocket() : -1, n = 0;
             for (auto it = network.ports.cbegin(); it != network.ports.cend() && socket < 0; ++it)
                 if (it.key() != engine.listenerSocket() && ++n == target)
                     socket = it.key();
-        }
-        if (socket >= 0)
-            engine.receive(socket, datagram, senders[(control & 3) % 3],
-                quint16(1000 + (control & 3) + (control >> 5)), 0x7f000001);
-    }
+            if (socket >= 0)
+                engine.receive(socket, datagram, senders[sender], port, 0x7f000001);
+        });
     engine.flush();
 }
 
@@ -105,10 +67,7 @@ void runStandard(const uint8_t *data, size_t size)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static int argc = 1;
-    static char name[] = "fuzz_tftp_standard";
-    static char *argv[] = { name, nullptr };
-    static QCoreApplication app(argc, argv);
+    tftpFuzzApplication("fuzz_tftp_standard");
     runStandard(data, size);
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     return 0;

@@ -3,29 +3,19 @@
 // fired on demand, so nothing waits. (The standard engine has its own target,
 // fuzz_tftp_standard.cpp, reading the same records.)
 //
-// Input: records of [control][length][length bytes].
-//   control bits 0-1: the sender (three addresses, two ports each);
-//   control bits 2-4: where it goes: 0 the listening port, 1-6 the n-th
-//                     transfer socket that is bound, 7 a timer tick (the
-//                     length byte picks which active timer fires; no bytes follow).
-// The first byte chooses whether capture is on.
+// Input: the records of tftp_fuzz.h; for time, the length byte picks which
+// active timer fires.
 
-#include "access/access_list.h"
-#include "access/mask_display.h"
-#include "tftp_fuzz_folder.h"
 #include "tftp/capture_sink.h"
 #include "tftp/datagram_socket.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
+#include "tftp_fuzz.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
 #include <QMap>
-#include <QTemporaryDir>
+#include <QNetworkDatagram>
 #include <QTimer>
 
-#include <cstdint>
 #include <deque>
 
 namespace {
@@ -34,7 +24,6 @@ struct MemoryNetwork
 {
     QMap<quint16, class MemorySocket *> bound;
     quint16 nextPort = 40000;
-    quint64 sentBytes = 0;
 };
 
 class MemorySocket : public DatagramSocket
@@ -72,40 +61,36 @@ public:
     {
         if (m_queue.empty())
             return -1;
-        const Pending next = m_queue.front();
+        const QNetworkDatagram next = m_queue.front();
         m_queue.pop_front();
-        const qint64 size = qMin<qint64>(next.data.size(), maxSize);
-        memcpy(data, next.data.constData(), size_t(size));
-        *sender = next.sender;
-        *senderPort = next.senderPort;
+        const qint64 size = qMin<qint64>(next.data().size(), maxSize);
+        memcpy(data, next.data().constData(), size_t(size));
+        *sender = next.senderAddress();
+        *senderPort = quint16(next.senderPort());
         if (destination)
             *destination = QHostAddress(QHostAddress::LocalHost);
         return size;
     }
+    // The senders never read their replies.
     qint64 writeDatagram(const QByteArray &datagram, const QHostAddress &, quint16) override
     {
-        m_network.sentBytes += quint64(datagram.size()); // the senders never read their replies
         return datagram.size();
     }
     QString errorString() const override { return {}; }
 
     void deliver(const QByteArray &data, const QHostAddress &sender, quint16 senderPort)
     {
-        m_queue.push_back({ data, sender, senderPort });
+        QNetworkDatagram datagram(data);
+        datagram.setSender(sender, senderPort);
+        m_queue.push_back(datagram);
         emit readyRead();
     }
 
 private:
-    struct Pending
-    {
-        QByteArray data;
-        QHostAddress sender;
-        quint16 senderPort;
-    };
     MemoryNetwork &m_network;
     quint16 m_port = 0;
     bool m_bound = false;
-    std::deque<Pending> m_queue;
+    std::deque<QNetworkDatagram> m_queue;
 };
 
 class Capture : public CaptureSink
@@ -123,10 +108,8 @@ void runClassic(const uint8_t *data, size_t size)
     MemoryNetwork network;
     TransferMonitor monitor;
     AccessList acl;
-    acl.appendEntry({ QStringLiteral("0.0.0.0"), maskDisplayForm(0), QStringLiteral("yes"),
-        QStringLiteral("yes"), tftpFuzzFolder().filePath(QStringLiteral("share")), 0 });
-    acl.appendEntry({ QStringLiteral("10.0.0.3"), maskDisplayForm(32), QStringLiteral("no"),
-        QStringLiteral("no"), tftpFuzzFolder().filePath(QStringLiteral("share")), 32 });
+    for (const AccessEntry &entry : tftpFuzzAccess())
+        acl.appendEntry(entry);
     Capture capture;
     TftpServer server(&monitor, &acl);
     server.setSocketFactory([&network](QObject *parent) { return new MemorySocket(network, parent); });
@@ -139,51 +122,36 @@ void runClassic(const uint8_t *data, size_t size)
 
     const QHostAddress senders[3] = { QHostAddress(QStringLiteral("10.0.0.1")),
         QHostAddress(QStringLiteral("10.0.0.2")), QHostAddress(QStringLiteral("10.0.0.3")) };
-    size_t at = 1;
-    while (at + 2 <= size) {
-        const uint8_t control = data[at];
-        const uint8_t length = data[at + 1];
-        at += 2;
-        const int target = (control >> 2) & 7;
-        if (target == 7) {
-            QList<QTimer *> active;
-            for (QTimer *timer : server.findChildren<QTimer *>())
-                if (timer->isActive())
-                    active.append(timer);
-            if (!active.isEmpty()) {
-                QTimer *timer = active[length % active.size()];
-                timer->stop();
-                QMetaObject::invokeMethod(timer, "timeout", Qt::DirectConnection);
-            }
-        } else {
-            const QByteArray datagram(
-                reinterpret_cast<const char *>(data + at), int(qMin<size_t>(length, size - at)));
-            at += size_t(datagram.size());
-            MemorySocket *socket = nullptr;
-            if (target == 0) {
-                socket = network.bound.value(69);
-            } else {
-                int n = 0;
-                for (auto it = network.bound.cbegin(); it != network.bound.cend() && !socket; ++it)
-                    if (it.key() != 69 && ++n == target)
-                        socket = it.value();
-            }
-            if (socket)
-                socket->deliver(
-                    datagram, senders[(control & 3) % 3], quint16(1000 + (control & 3) + (control >> 5)));
+    const auto tick = [&](uint8_t length) {
+        QList<QTimer *> active;
+        for (QTimer *timer : server.findChildren<QTimer *>())
+            if (timer->isActive())
+                active.append(timer);
+        if (!active.isEmpty()) {
+            QTimer *timer = active[length % active.size()];
+            timer->stop();
+            QMetaObject::invokeMethod(timer, "timeout", Qt::DirectConnection);
         }
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    }
+    };
+    forEachTftpRecord(
+        data, size, tick, [&](int target, const QByteArray &datagram, int sender, quint16 port) {
+            MemorySocket *socket = target == 0 ? network.bound.value(69) : nullptr;
+            int n = 0;
+            for (auto it = network.bound.cbegin(); it != network.bound.cend() && !socket; ++it)
+                if (it.key() != 69 && ++n == target)
+                    socket = it.value();
+            if (socket)
+                socket->deliver(datagram, senders[sender], port);
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        });
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static int argc = 1;
-    static char name[] = "fuzz_tftp_stream";
-    static char *argv[] = { name, nullptr };
-    static QCoreApplication app(argc, argv);
+    tftpFuzzApplication("fuzz_tftp_stream");
     runClassic(data, size);
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     return 0;

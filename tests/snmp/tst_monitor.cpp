@@ -40,7 +40,6 @@ class TestMonitor : public QObject
 private Q_SLOTS:
     void encoderAndDecoder();
     void pollCycleAndFigures();
-    void realAgent();
 };
 
 void TestMonitor::encoderAndDecoder()
@@ -222,88 +221,6 @@ void TestMonitor::pollCycleAndFigures()
         QStringLiteral("1.3.6.1.2.1.2.2.1.22.1"));
     answer({ 6, 1, 2, 1, 2, 1, 0 }, 0x02, "\x01");
     QCOMPARE(m->rowCount(), 8);
-}
-
-// Polls a real net-snmp agent on loopback; what the tab would show against the agent's tool and the kernel.
-void TestMonitor::realAgent()
-{
-    const QString snmpd = QStandardPaths::findExecutable(QStringLiteral("snmpd"), { "/usr/sbin" });
-    const QString snmpget = QStandardPaths::findExecutable(QStringLiteral("snmpget"));
-    QVERIFY2(!snmpd.isEmpty() && !snmpget.isEmpty(), "install the Debian packages snmpd and snmp");
-    QTemporaryDir dir;
-    const quint16 port = tw::test::freeUdpPort(); // for the agent
-    const QString address = QStringLiteral("127.0.0.1:%1").arg(port);
-
-    // No MIB files: numeric identifiers only and no screens of MIB warnings.
-    for (const char *name : { "MIBDIRS", "SNMP_PERSISTENT_DIR", "SNMPCONFPATH" })
-        qputenv(name, QFile::encodeName(dir.path()));
-    qputenv("MIBS", "");
-    const auto get = [&](const QString &oid) {
-        QProcess p;
-        p.start(snmpget, { "-v1", "-c", "tarnwick", "-Oqv", "-t", "1", "-r", "1", address, oid });
-        p.waitForFinished(30000);
-        return p.exitCode() == 0 ? QString::fromLatin1(p.readAllStandardOutput()).trimmed() : QString();
-    };
-    QProcess agent; // ended when the test leaves, before its folder goes
-    agent.setProcessChannelMode(QProcess::MergedChannels);
-    agent.start(
-        snmpd, { "-f", "-Lo", "-C", "-u", "root", "--rocommunity=tarnwick 127.0.0.1", "udp:" + address });
-    QTRY_VERIFY2_WITH_TIMEOUT(!get(QStringLiteral("1.3.6.1.2.1.2.1.0")).isEmpty(), agent.readAll(), 30000);
-
-    const auto sysNet = [](const QString &name, const char *file) {
-        QFile f(QStringLiteral("/sys/class/net/%1/%2").arg(name, QLatin1String(file)));
-        return f.open(QIODevice::ReadOnly) ? QString::fromLatin1(f.readAll()).trimmed() : QString();
-    };
-    // What the tab must show, from the agent's tool and the kernel, asked before polling starts:
-    // rows of interface index, name, MTU, speed and physical address (none for loopback).
-    const int count = get(QStringLiteral("1.3.6.1.2.1.2.1.0")).toInt();
-    QList<QStringList> expected;
-    for (const QString &name :
-        QDir(QStringLiteral("/sys/class/net")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-        const int index = sysNet(name, "ifindex").toInt();
-        if (index < 1 || index > count + 5)
-            continue; // interfaces numbered beyond the list are not shown
-        const QString mac = sysNet(name, "address").toUpper().replace(QLatin1Char(':'), QLatin1Char('#'));
-        expected.append({ QString::number(index), name, sysNet(name, "mtu"),
-            get(QStringLiteral("1.3.6.1.2.1.2.2.1.5.%1").arg(index)),
-            mac == QLatin1String("00#00#00#00#00#00") ? QString() : mac });
-    }
-    QVERIFY(!expected.isEmpty());
-
-    SnmpPoller::setAgentPort(port);
-    SnmpPoller poller([] { return QStringLiteral("127.0.0.1"); });
-    poller.setCommunity(QStringLiteral("tarnwick"));
-    poller.setStepInterval(5);
-
-    QTimer junkTimer; // random datagrams arriving between the agent's answers are dropped
-    connect(&junkTimer, &QTimer::timeout, this, [&] {
-        QUdpSocket().writeDatagram(
-            tw::test::junk(*QRandomGenerator::global(), 200), QHostAddress::LocalHost, poller.localPort());
-    });
-    junkTimer.start(2);
-
-    // The walk has no end signal (the state simply stays "Waiting"): wait until the tab shows it all,
-    // however long the agent takes. The first difference is what a failure reports.
-    QStandardItemModel *m = poller.statistics();
-    const auto firstDifference = [&]() -> QString {
-        if (poller.interfacesText() != QString::number(count) || m->rowCount() != count + 5)
-            return "interfaces " + poller.interfacesText() + ", rows " + QString::number(m->rowCount());
-        for (const QStringList &row : expected) {
-            const int r = row.at(0).toInt() - 1;
-            const QStringList shown { row.at(0), m->item(r, 0)->text(), m->item(r, 2)->text(),
-                m->item(r, 3)->text(), m->item(r, 4)->text() };
-            if (shown != row)
-                return shown.join(" | ") + " instead of " + row.join(" | ");
-        }
-        return QString();
-    };
-    poller.start();
-    QTRY_COMPARE_WITH_TIMEOUT(firstDifference(), QString(), 20000);
-
-    // All came back for our 256-byte datagrams; the agent's noSuchName for CPU load is shown as a value.
-    QTRY_COMPARE(poller.cpuText(), QStringLiteral("0 %"));
-    QVERIFY2(poller.uptimeText().endsWith(QLatin1String(" minutes")), qPrintable(poller.uptimeText()));
-    QTRY_COMPARE(poller.state(), QStringLiteral("Waiting"));
 }
 
 QTEST_MAIN(TestMonitor)

@@ -59,25 +59,6 @@ void TestSnmpRates::counterArithmetic()
         QStringList({ "0 b/s", "950 b/s", "12.5 kb/s", "1.23 Mb/s", "10.0 Gb/s", "1.00 Gb/s" }));
 }
 
-static SnmpValue value(const Oid &column, quint32 index, quint64 number, int bits = 32)
-{
-    SnmpValue v;
-    v.oid = column + Oid { index };
-    v.kind = SnmpValue::Number;
-    v.number = number;
-    v.bits = bits;
-    return v;
-}
-
-static SnmpValue text(const Oid &column, quint32 index, const QByteArray &bytes)
-{
-    SnmpValue v;
-    v.oid = column + Oid { index };
-    v.kind = SnmpValue::Bytes;
-    v.bytes = bytes;
-    return v;
-}
-
 void TestSnmpRates::readingsFromColumns()
 {
     QCOMPARE(oidText(parseOid(QStringLiteral(" 1.3.6.1.2.1.31.1.1.1.6 "))),
@@ -94,24 +75,37 @@ void TestSnmpRates::readingsFromColumns()
     // Interface 2 has both 64-bit counters; interface 5 only one of them, so it keeps its 32-bit pair;
     // an instance with a two-piece index is not an interface.
     QList<QList<SnmpValue>> values(columns.size());
-    const auto column
-        = [&](const char *dotted) { return int(columns.indexOf(parseOid(QLatin1String(dotted)))); };
-    values[column("1.3.6.1.2.1.2.2.1.2")]
-        = { text(descr, 2, "eth0"), text(descr, 5, "eth1"), text(descr, 9, QByteArray("x\0y", 3)) };
-    values[column("1.3.6.1.2.1.31.1.1.1.1")]
-        = { text(columns[column("1.3.6.1.2.1.31.1.1.1.1")], 2, "Gi0/2") };
-    const Oid inOctets = parseOid(QStringLiteral("1.3.6.1.2.1.2.2.1.10"));
-    values[column("1.3.6.1.2.1.2.2.1.10")] = { value(inOctets, 2, 11), value(inOctets, 5, 12) };
-    const Oid outOctets = parseOid(QStringLiteral("1.3.6.1.2.1.2.2.1.16"));
-    values[column("1.3.6.1.2.1.2.2.1.16")] = { value(outOctets, 2, 21), value(outOctets, 5, 22) };
-    const Oid hcIn = parseOid(QStringLiteral("1.3.6.1.2.1.31.1.1.1.6"));
-    const Oid hcOut = parseOid(QStringLiteral("1.3.6.1.2.1.31.1.1.1.10"));
-    values[column("1.3.6.1.2.1.31.1.1.1.6")] = { value(hcIn, 2, 1ull << 40, 64), value(hcIn, 5, 99, 64) };
-    values[column("1.3.6.1.2.1.31.1.1.1.10")] = { value(hcOut, 2, (1ull << 40) + 1, 64) };
-    const Oid speed = parseOid(QStringLiteral("1.3.6.1.2.1.2.2.1.5"));
-    const Oid highSpeed = parseOid(QStringLiteral("1.3.6.1.2.1.31.1.1.1.15"));
-    values[column("1.3.6.1.2.1.2.2.1.5")] = { value(speed, 2, 4294967295u), value(speed, 5, 100000000) };
-    values[column("1.3.6.1.2.1.31.1.1.1.15")] = { value(highSpeed, 2, 25000), value(highSpeed, 5, 0) };
+    // An instance of a column: bytes, or a number of `bits` bits.
+    const auto put = [&](const char *dotted, Oid index, const QVariant &content, int bits = 32) {
+        const Oid column = parseOid(QLatin1String(dotted));
+        SnmpValue v;
+        v.oid = column + index;
+        if (content.typeId() == QMetaType::QByteArray) {
+            v.kind = SnmpValue::Bytes;
+            v.bytes = content.toByteArray();
+        } else {
+            v.kind = SnmpValue::Number;
+            v.number = content.toULongLong();
+            v.bits = bits;
+        }
+        values[columns.indexOf(column)].append(v);
+    };
+    put("1.3.6.1.2.1.2.2.1.2", { 2 }, QByteArray("eth0"));
+    put("1.3.6.1.2.1.2.2.1.2", { 5 }, QByteArray("eth1"));
+    put("1.3.6.1.2.1.2.2.1.2", { 9 }, QByteArray("x\0y", 3));
+    put("1.3.6.1.2.1.2.2.1.2", { 7, 1 }, QByteArray("not an interface"));
+    put("1.3.6.1.2.1.31.1.1.1.1", { 2 }, QByteArray("Gi0/2"));
+    for (const quint32 index : { 2, 5 }) {
+        put("1.3.6.1.2.1.2.2.1.10", { index }, 10 + index); // octets in and out
+        put("1.3.6.1.2.1.2.2.1.16", { index }, 20 + index);
+    }
+    put("1.3.6.1.2.1.31.1.1.1.6", { 2 }, 1ull << 40, 64);
+    put("1.3.6.1.2.1.31.1.1.1.6", { 5 }, 99, 64);
+    put("1.3.6.1.2.1.31.1.1.1.10", { 2 }, (1ull << 40) + 1, 64);
+    put("1.3.6.1.2.1.2.2.1.5", { 2 }, 4294967295u); // speed, and high speed in Mb/s
+    put("1.3.6.1.2.1.2.2.1.5", { 5 }, 100000000);
+    put("1.3.6.1.2.1.31.1.1.1.15", { 2 }, 25000);
+    put("1.3.6.1.2.1.31.1.1.1.15", { 5 }, 0);
 
     const QList<IfReading> r = SnmpTables::interfaceReadings(values);
     QCOMPARE(r.size(), 3);
@@ -121,7 +115,7 @@ void TestSnmpRates::readingsFromColumns()
         QStringList({ "Gi0/2", "eth0", "64", "1099511627776", "1099511627777", "25000000000" }));
     QCOMPARE(QStringList({ r[1].descr, QString::number(r[1].octetBits), QString::number(r[1].inOctets),
                  QString::number(r[1].speedBps, 'f', 0) }),
-        QStringList({ "eth1", "32", "12", "100000000" }));
+        QStringList({ "eth1", "32", "15", "100000000" }));
     QCOMPARE(r[2].descr + QString::number(r[2].hasOctets), QStringLiteral("xy0"));
 }
 

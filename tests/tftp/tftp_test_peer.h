@@ -1,11 +1,13 @@
 #pragma once
 
-// What both TFTP test executables build datagrams and files with, the hand-made client
-// that checks what real clients cannot show, and a server on a free loopback port.
+// What the TFTP test executables build datagrams and files with, the hand-made client that checks
+// what real clients cannot show, real clients run to their end, and both servers on a free loopback
+// port.
 
 #include "access/access_list.h"
 #include "access/mask_display.h"
 #include "test_support.h"
+#include "tftp/standard_server.h"
 #include "tftp/tftp_server.h"
 #include "tftp/transfer_monitor.h"
 
@@ -14,12 +16,18 @@
 #include <QFile>
 #include <QHostAddress>
 #include <QNetworkDatagram>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <QUdpSocket>
 
 namespace tftptest {
+
+using TM = TransferMonitor;
+using tw::test::writeFile;
 
 template <size_t N> QByteArray bytes(const char (&text)[N])
 {
@@ -34,6 +42,10 @@ inline QByteArray packet(int op, int block, const QByteArray &payload = {})
 {
     return QByteArray(1, '\0') + char(op) + char((block >> 8) & 0xff) + char(block & 0xff) + payload;
 }
+inline QByteArray error(int code, const QByteArray &text)
+{
+    return packet(5, code, text + '\0');
+}
 inline QByteArray pattern(qint64 size)
 {
     QByteArray out(size, Qt::Uninitialized);
@@ -41,22 +53,33 @@ inline QByteArray pattern(qint64 size)
         out[i] = char((i * 31 + 7 + i / 509) & 0xff);
     return out;
 }
-inline bool writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
-}
+// A missing file reads as "<missing>", never as an empty one.
 inline QByteArray readFile(const QString &path)
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+    return QFile::exists(path) ? tw::test::readFile(path) : QByteArray("<missing>");
+}
+
+// Runs a client program to its end, keeping the event loop (and so the server) going.
+inline QByteArray run(const QString &program, const QStringList &arguments, int *exitCode)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QStandardPaths::findExecutable(program), arguments);
+    // A missing client is a failure, never a skip.
+    if (!process.waitForStarted())
+        return "<" + program.toLatin1() + " not found: install the atftp, curl and tftp-hpa packages>";
+    QSignalSpy finished(&process, &QProcess::finished);
+    if (process.state() != QProcess::NotRunning && !finished.wait(150000))
+        return "<" + program.toLatin1() + " did not finish>";
+    *exitCode = process.exitCode();
+    return process.readAll();
 }
 
 struct Client
 {
     QUdpSocket socket;
     quint16 peer = 0; // the port the last datagram came from: a transfer's own port
-    Client() { socket.bind(QHostAddress::LocalHost, 0); }
+    explicit Client(const QHostAddress &address = QHostAddress::LocalHost) { socket.bind(address, 0); }
     void send(const QByteArray &d, quint16 port) { socket.writeDatagram(d, QHostAddress::LocalHost, port); }
     // The next datagram (empty if none comes within timeoutMs), running the event loop and so the server.
     QByteArray next(int timeoutMs = 30000)
@@ -67,44 +90,56 @@ struct Client
         peer = quint16(d.senderPort());
         return d.data().isEmpty() ? "<empty datagram>" : d.data();
     }
+    // Sends to `port`, by default the transfer's own, and returns the answer.
+    QByteArray ask(const QByteArray &d, quint16 port = 0)
+    {
+        send(d, port ? port : peer);
+        return next();
+    }
     // Nothing has come. Silence is only asserted once the server is known to have handled what was sent
     // (its trace, a row, the answer to a later datagram): its answers leave while it handles a datagram.
     bool quiet() { return !socket.hasPendingDatagrams(); }
 };
 
-struct Fixture
+// A share folder anyone may read and write, with `content` in f.bin unless it is null.
+struct Share
 {
     QTemporaryDir dir;
     TransferMonitor monitor;
     AccessList acl;
-    TftpServer server { &monitor, &acl };
-    quint16 port = 0;
-    QString folder = dir.filePath("share"), tracePath = dir.filePath("bugfix.ini");
+    quint16 port = tw::test::freeUdpPort();
+    QString folder = dir.filePath("share");
 
-    // Short timer intervals stand in for the 30 s hold, 10 s refresh and 8 s refusal. The server
-    // starts with `content` in f.bin unless `start` is false.
-    explicit Fixture(const QByteArray &content = {}, bool start = true, int holdMs = 60000,
-        int refreshMs = 60000, int refusalMs = 60000, bool standard = false)
+    explicit Share(const QByteArray &content)
     {
-        port = tw::test::freeUdpPort();
         QDir().mkpath(folder);
         acl.appendEntry({ "0.0.0.0", maskDisplayForm(0), "yes", "yes", folder, 0 });
+        if (!content.isNull())
+            writeFile(path("f.bin"), content);
+    }
+    QString path(const QString &name) const { return folder + '/' + name; }
+    QString socket(int slot, int column = TM::SocketStatus) const { return monitor.socketText(slot, column); }
+    QString transfer(int row, int column) const { return monitor.transferText(row, column); }
+};
+
+// The classic server. Short timer intervals stand in for the 30 s hold, 10 s refresh and 8 s refusal;
+// it starts unless `start` is false.
+struct Fixture : Share
+{
+    TftpServer server { &monitor, &acl };
+    QString tracePath = dir.filePath("bugfix.ini");
+
+    explicit Fixture(const QByteArray &content = {}, bool start = true, int holdMs = 60000,
+        int refreshMs = 60000, int refusalMs = 60000)
+        : Share(content)
+    {
         server.setPort(port);
         server.setBindAddress(QHostAddress::LocalHost);
         server.setTraceFilePath(tracePath);
         server.setIntervals(holdMs, refreshMs, refusalMs);
-        server.setStandardProfile(standard);
-        if (!content.isNull())
-            writeFile(path("f.bin"), content);
         if (start && !server.start())
             qFatal("cannot start: %s", qPrintable(server.errorString()));
     }
-    QString path(const QString &name) const { return folder + '/' + name; }
-    QString socket(int slot, int column = TransferMonitor::SocketStatus) const
-    {
-        return monitor.socketText(slot, column);
-    }
-    QString transfer(int row, int column) const { return monitor.transferText(row, column); }
     // The slot's own timer.
     QTimer *slotTimer(int slot)
     {
@@ -136,6 +171,26 @@ struct Fixture
             if (d.size() < 516)
                 return got;
         }
+    }
+};
+
+// The standard profile's engine, which refuses 127.0.0.2 (a device the list bars). Nothing is re-sent
+// unasked, however slow the machine: a test that wants re-sends shortens the interval, and one with a
+// real client (which may lose a datagram) sets 0, the timeout the client asked for.
+struct StandardFixture : Share
+{
+    StandardServer server { &monitor, &acl };
+
+    explicit StandardFixture(const QByteArray &content = {}, int limit = 1000)
+        : Share(content)
+    {
+        acl.appendEntry({ "127.0.0.2", maskDisplayForm(32), "no", "no", folder, 32 });
+        server.setPort(port);
+        server.setBindAddress(QHostAddress::LocalHost);
+        server.setMaxTransfers(limit);
+        server.setRetransmitInterval(3600000);
+        if (!server.listen())
+            qFatal("cannot listen: %s", qPrintable(server.errorString()));
     }
 };
 

@@ -1,43 +1,25 @@
 // The engine on a free loopback port. Real peers (tftp-hpa's `tftp`, `atftp`) move whole files; a hand-made
 // client checks blocks, re-sends, silence, odd uploads, slot timers and junk. Then parsing and the monitor.
 
-#include "access/access_list.h"
-#include "access/mask_display.h"
 #include "tftp/tftp_packet.h"
-#include "tftp/tftp_server.h"
-#include "tftp/transfer_monitor.h"
 #include "tftp/transfer_window.h"
 #include "tftp_test_peer.h"
 
 #include <QAction>
-#include <QDir>
-#include <QNetworkDatagram>
-#include <QProcess>
 #include <QRandomGenerator>
-#include <QSignalSpy>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QTimer>
-#include <QTreeView>
-#include <QUdpSocket>
 #include <numeric>
 
-using TM = TransferMonitor;
 using namespace tftptest;
 
 namespace {
-
-// Starts a real client; the caller keeps the event loop running until it finishes.
-void startPeer(QProcess &process, const QString &program, bool download, const QString &local, quint16 port)
+// A real client's command line moving f.bin to or from `local`.
+QStringList peerArguments(const QString &program, bool download, const QString &local, quint16 port)
 {
     const QString remote = "f.bin", portText = QString::number(port);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStandardPaths::findExecutable(program),
-        program == "atftp"
-            ? QStringList { download ? "-g" : "-p", "-r", remote, "-l", local, "127.0.0.1", portText }
-            : QStringList { "-m", "binary", "127.0.0.1", portText, "-c", download ? "get" : "put",
-                download ? remote : local, download ? local : remote });
+    return program == "atftp"
+        ? QStringList { download ? "-g" : "-p", "-r", remote, "-l", local, "127.0.0.1", portText }
+        : QStringList { "-m", "binary", "127.0.0.1", portText, "-c", download ? "get" : "put",
+              download ? remote : local, download ? local : remote };
 }
 } // namespace
 
@@ -66,13 +48,9 @@ private Q_SLOTS:
         Fixture f(download ? pattern(size) : QByteArray());
         const QString local = f.dir.filePath("local.bin");
         QVERIFY(download || writeFile(local, pattern(size)));
-        QProcess client;
-        QSignalSpy finished(&client, &QProcess::finished);
-        startPeer(client, program, download, local, f.port);
-        // A missing peer is a failure, never a skip.
-        QVERIFY2(client.waitForStarted(), qPrintable(program + " not found: install tftp-hpa and atftp"));
-        QVERIFY2(finished.wait(60000), "client did not finish");
-        QVERIFY2(client.exitCode() == 0, client.readAll().constData());
+        int code = -1;
+        const QByteArray output = run(program, peerArguments(program, download, local, f.port), &code);
+        QVERIFY2(code == 0, output.constData());
         QCOMPARE(readFile(download ? local : f.path("f.bin")), pattern(size));
         // Slot 1 cleaned (download) or held (upload); the rows themselves are checked by hand below.
         QCOMPARE(f.monitor.transferCount(), 1);
@@ -86,7 +64,9 @@ private Q_SLOTS:
         std::vector<std::unique_ptr<QProcess>> clients;
         const auto local = [&](int i) { return f.dir.filePath(QString("got%1.bin").arg(i)); };
         for (int i = 0; i < 29; ++i)
-            startPeer(*clients.emplace_back(std::make_unique<QProcess>()), "tftp", true, local(i), f.port);
+            clients.emplace_back(std::make_unique<QProcess>())
+                ->start(
+                    QStandardPaths::findExecutable("tftp"), peerArguments("tftp", true, local(i), f.port));
         for (int i = 0; i < 29; ++i) {
             QTRY_VERIFY_WITH_TIMEOUT(clients[i]->state() == QProcess::NotRunning, 60000);
             QCOMPARE(clients[i]->exitCode(), 0);
@@ -123,10 +103,8 @@ private Q_SLOTS:
                         QString("transfer\t1\tf.bin\t127.0.0.1\t127.0.0.1\tAllowed\t"));
                     first = d;
                 } else if (i == 1 && lengths.size() > 2) { // a repeated ACK re-sends, an ACK of 0 block 1
-                    client.send(packet(4, 1), client.peer);
-                    QCOMPARE(client.next(), d);
-                    client.send(packet(4, 0), client.peer);
-                    QCOMPARE(client.next(), first);
+                    QCOMPARE(client.ask(packet(4, 1)), d);
+                    QCOMPARE(client.ask(packet(4, 0)), first);
                 }
                 got += d.mid(4);
                 client.send(packet(4, i + 1), client.peer);
@@ -166,15 +144,13 @@ private Q_SLOTS:
     {
         Fixture f(QByteArray(2000, 'A'));
         Client client;
-        client.send(request(2, "f.bin"), f.port);
-        QCOMPARE(client.next(), packet(4, 0));
+        QCOMPARE(client.ask(request(2, "f.bin"), f.port), packet(4, 0));
         QVERIFY(client.peer != f.port);
         QCOMPARE(f.socket(1), QString("RECEIVING"));
         QCOMPARE(readFile(f.path("f.bin")), QByteArray(2000, 'A')); // not truncated by the request
         for (const auto &[block, fill] :
             QList<QPair<int, QByteArray>> { { 3, "c" }, { 1, "a" }, { 1, "a" }, { 2, "b" }, { 4, "" } }) {
-            client.send(packet(3, block, block == 4 ? "e" : fill.repeated(512)), client.peer);
-            QCOMPARE(client.next(), packet(4, block));
+            QCOMPARE(client.ask(packet(3, block, block == 4 ? "e" : fill.repeated(512))), packet(4, block));
         }
         QCOMPARE(readFile(f.path("f.bin")),
             QByteArray(512, 'a') + QByteArray(512, 'b') + QByteArray(512, 'c') + "e" + QByteArray(463, 'A'));
@@ -206,8 +182,7 @@ private Q_SLOTS:
         QVERIFY(f.traced(5) && client.quiet());
         QCOMPARE(f.transfer(1, TM::From), QString("127.0.0.1"));
         QCOMPARE(f.monitor.transferLine(2), QString("transfer\t2\tx2\tNo Such File\t127.0.0.1\tAllowed\t"));
-        client.send(request(1, "f.bin"), f.port);
-        QCOMPARE(client.next().left(4), packet(3, 1));
+        QCOMPARE(client.ask(request(1, "f.bin"), f.port).left(4), packet(3, 1));
         client.send(packet(5, 3, bytes("disk full\0")), client.peer);
         QVERIFY(f.traced(7) && client.quiet()); // never an ERROR or anything else back
         QCOMPARE(f.transfer(2, TM::From), QString("\3disk full"));
@@ -222,8 +197,7 @@ private Q_SLOTS:
         std::vector<std::unique_ptr<Client>> clients;
         for (int i = 0; i < 30; ++i) {
             clients.push_back(std::make_unique<Client>());
-            clients.back()->send(request(1, "f.bin"), f.port);
-            QCOMPARE(clients.back()->next().left(4), packet(3, 1));
+            QCOMPARE(clients.back()->ask(request(1, "f.bin"), f.port).left(4), packet(3, 1));
             QCOMPARE(f.socket(i + 1), QString("SENDING"));
         }
         QCOMPARE(f.server.listenerSlot(), 0);
@@ -279,8 +253,7 @@ private Q_SLOTS:
     {
         Fixture f(pattern(3000));
         Client fuzzer, client;
-        client.send(request(1, "f.bin"), f.port);
-        QByteArray got = client.next().mid(4);
+        QByteArray got = client.ask(request(1, "f.bin"), f.port).mid(4);
         // Random bytes, every other datagram behind a plausible header, now and then a bad request, at the
         // listener and the transfer; the requester itself sends 0-3 bytes. Small batches, each traced in full
         // before the next, so none is lost to a full socket buffer however slow the machine.
@@ -316,8 +289,7 @@ private Q_SLOTS:
         QCOMPARE(f.server.listenerSlot(), 2);
         QCOMPARE(f.monitor.transferCount(), 1);
         for (int block = 1; block < 6 && got.size() < 3000; ++block) { // blocks out of turn spoil `got`
-            client.send(packet(4, block), client.peer);
-            got += client.next().mid(4);
+            got += client.ask(packet(4, block)).mid(4);
         }
         QCOMPARE(got, pattern(3000));
         Client fresh;

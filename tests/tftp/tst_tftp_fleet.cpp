@@ -2,100 +2,21 @@
 // repeated requests, a thousand transfers at once, the port handed between profiles, and files that
 // are not what they seem (a FIFO, a file that shrinks while it is read).
 
-#include "access/access_list.h"
-#include "access/mask_display.h"
 #include "tftp/standard_engine.h"
-#include "tftp/standard_server.h"
 #include "tftp/standard_transfer.h"
-#include "tftp/tftp_server.h"
-#include "tftp/transfer_monitor.h"
 #include "tftp/transfer_window.h"
 #include "tftp_test_peer.h"
 
 #include <QHeaderView>
 #include <QScrollBar>
-#include <QSignalSpy>
-#include <QTest>
 #include <QTreeView>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
-using TM = TransferMonitor;
 using namespace tftptest;
 
 namespace {
-
-struct Fleet
-{
-    QTemporaryDir dir;
-    TransferMonitor monitor;
-    AccessList acl;
-    StandardServer server { &monitor, &acl };
-    quint16 port = 0;
-    QString folder = dir.filePath("share");
-
-    explicit Fleet(const QByteArray &content, int limit = 1000)
-    {
-        port = tw::test::freeUdpPort();
-        QDir().mkpath(folder);
-        acl.appendEntry({ "127.0.0.0", maskDisplayForm(8), "yes", "yes", folder, 8 });
-        acl.appendEntry({ "127.0.0.2", maskDisplayForm(32), "no", "no", folder, 32 });
-        writeFile(folder + "/f.bin", content);
-        server.setPort(port);
-        server.setBindAddress(QHostAddress::LocalHost);
-        server.setMaxTransfers(limit);
-        // Nothing is re-sent unasked, however long a test takes on a loaded machine: the
-        // retransmission cases drive the engine with a clock of their own.
-        server.setRetransmitInterval(3600000);
-        if (!server.listen())
-            qFatal("cannot listen: %s", qPrintable(server.errorString()));
-    }
-    QString transfer(int row, int column) const { return monitor.transferText(row, column); }
-};
-
-// A bare client socket, for when a thousand of them are needed.
-struct RawClient
-{
-    int fd = -1;
-    quint16 peer = 0;
-    explicit RawClient(const char *address = "127.0.0.1")
-    {
-        fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in local {};
-        local.sin_family = AF_INET;
-        ::inet_pton(AF_INET, address, &local.sin_addr);
-        ::bind(fd, reinterpret_cast<sockaddr *>(&local), sizeof local);
-    }
-    ~RawClient() { ::close(fd); }
-    void send(const QByteArray &d, quint16 port) const
-    {
-        sockaddr_in to {};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(port);
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::sendto(fd, d.constData(), size_t(d.size()), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
-    }
-    // The next datagram within timeoutMs; empty when none came.
-    QByteArray next(int timeoutMs = 10000)
-    {
-        pollfd p { fd, POLLIN, 0 };
-        if (::poll(&p, 1, timeoutMs) != 1)
-            return {};
-        char buffer[1024];
-        sockaddr_in from {};
-        socklen_t length = sizeof from;
-        const ssize_t n
-            = ::recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&from), &length);
-        peer = ntohs(from.sin_port);
-        return n < 0 ? QByteArray() : QByteArray(buffer, int(n));
-    }
-};
 
 // The engine's sockets in memory, for driving it with a clock of the test's own.
 struct MemoryNet : EngineNet
@@ -124,23 +45,34 @@ class TestTftpFleet : public QObject
 private Q_SLOTS:
     // A refused device (127.0.0.2) and allowed ones take turns: every allowed request is answered with
     // its first block, every refusal with ERROR 2 from a port of its own, and the listener never moves.
-    void refusalsCostNothing()
+    // The list keeps TftpKeepRows rows: the oldest finished go, a running one stays and is still found.
+    void refusalsCostNothingAndRowsAreKept()
     {
-        Fleet f(pattern(100));
+        StandardFixture f(pattern(100));
+        f.monitor.setKeepRows(30);
+        QVERIFY(writeFile(f.path("held.bin"), pattern(700)));
+        Client held;
+        QCOMPARE(held.ask(request(1, "held.bin"), f.port), packet(3, 1, pattern(512)));
         for (int round = 0; round < 50; ++round) {
-            RawClient refused("127.0.0.2"), allowed;
-            refused.send(request(1, "f.bin"), f.port);
+            Client refused(QHostAddress("127.0.0.2")), allowed;
+            refused.send(request(1, "r" + QByteArray::number(round)), f.port);
             allowed.send(request(1, "f.bin"), f.port);
             QCOMPARE(refused.next().left(4), packet(5, 2));
             QVERIFY(refused.peer != f.port);
             QCOMPARE(allowed.next(), packet(3, 1, pattern(100)));
             allowed.send(packet(4, 1), allowed.peer);
         }
-        QTRY_COMPARE_WITH_TIMEOUT(f.monitor.transferCount(), 100, 30000);
-        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(100, TM::Status), QString("FINISHED OK"), 30000);
-        QCOMPARE(f.transfer(99, TM::Status), QString("Blocked"));
-        QCOMPARE(f.monitor.socketText(1, TM::SocketStatus), QString("Listen"));
-        QCOMPARE(f.monitor.socketText(1, TM::LocalPort), QString::number(f.port));
+        // The rows follow the engine: wait for the last round's.
+        QTRY_VERIFY_WITH_TIMEOUT(
+            f.transfer(29, TM::Filename) == "r49" && f.transfer(30, TM::Status) == "FINISHED OK", 30000);
+        QCOMPARE(f.monitor.transferCount(), 30);
+        QCOMPARE(f.transfer(29, TM::Status), QString("Blocked"));
+        QCOMPARE(f.transfer(1, TM::Filename), QString("held.bin"));
+        QCOMPARE(f.socket(1), QString("Listen"));
+        QCOMPARE(f.socket(1, TM::LocalPort), QString::number(f.port));
+        QCOMPARE(held.ask(packet(4, 1)), packet(3, 2, pattern(700).mid(512)));
+        held.send(packet(4, 2), held.peer);
+        QTRY_COMPARE(f.transfer(1, TM::Status), QString("FINISHED OK")); // still found after rows moved
     }
 
     // A thousand transfers at once, each held after its first block; the socket table shows the
@@ -150,11 +82,11 @@ private Q_SLOTS:
     void thousandAtOnce()
     {
         const int limit = 1000;
-        Fleet f(pattern(700), limit);
+        StandardFixture f(pattern(700), limit);
         QSignalSpy limitSpy(&f.server, &StandardServer::limitReached);
-        std::vector<std::unique_ptr<RawClient>> clients;
+        std::vector<std::unique_ptr<Client>> clients;
         for (int i = 0; i < limit; ++i) {
-            clients.push_back(std::make_unique<RawClient>());
+            clients.push_back(std::make_unique<Client>());
             clients.back()->send(request(1, "f.bin"), f.port);
             if (i == 0) { // repeated at once; its row is the first
                 clients.back()->send(request(1, "f.bin"), f.port);
@@ -169,7 +101,7 @@ private Q_SLOTS:
             }
             QCOMPARE(reply, packet(3, 1, pattern(512)));
         }
-        RawClient late;
+        Client late;
         late.send(request(1, "f.bin"), f.port);
         QTRY_COMPARE_WITH_TIMEOUT(limitSpy.count(), 1, 30000);
         QCOMPARE(limitSpy[0][0].toString(), QString("TFTP: transfer limit (1000) reached"));
@@ -178,17 +110,14 @@ private Q_SLOTS:
         QCOMPARE(f.monitor.socketText(30, TM::SocketStatus), QString("SENDING"));
         QCOMPARE(f.transfer(1, TM::Status), QString("Allowed"));
         // The first client finishes; the late one's retry is taken.
-        clients[0]->send(packet(4, 1), clients[0]->peer);
-        QCOMPARE(clients[0]->next(), packet(3, 2, pattern(700).mid(512)));
+        QCOMPARE(clients[0]->ask(packet(4, 1)), packet(3, 2, pattern(700).mid(512)));
         clients[0]->send(packet(4, 2), clients[0]->peer);
         QTRY_COMPARE_WITH_TIMEOUT(f.transfer(1, TM::Status), QString("FINISHED OK"), 30000);
-        late.send(request(1, "f.bin"), f.port);
-        QCOMPARE(late.next(), packet(3, 1, pattern(512)));
+        QCOMPARE(late.ask(request(1, "f.bin"), f.port), packet(3, 1, pattern(512)));
         QCOMPARE(limitSpy.count(), 1);
-        QCOMPARE(clients[0]->next(0), QByteArray()); // the repeated request made no second transfer
+        QVERIFY(clients[0]->quiet()); // the repeated request made no second transfer
         for (size_t i = 1; i < clients.size(); ++i) {
-            clients[i]->send(packet(4, 1), clients[i]->peer);
-            QCOMPARE(clients[i]->next().left(4), packet(3, 2));
+            QCOMPARE(clients[i]->ask(packet(4, 1)).left(4), packet(3, 2));
             clients[i]->send(packet(4, 2), clients[i]->peer);
         }
         QTRY_COMPARE_WITH_TIMEOUT(f.transfer(limit, TM::Status), QString("FINISHED OK"), 30000);
@@ -199,7 +128,7 @@ private Q_SLOTS:
     // finishes under the one that started it.
     void switchingHandsOverThePort()
     {
-        Fleet f(pattern(1500));
+        StandardFixture f(pattern(1500));
         f.server.stopListening();
         TftpServer classic(&f.monitor, &f.acl);
         classic.setPort(f.port);
@@ -207,18 +136,15 @@ private Q_SLOTS:
         classic.setTraceFilePath(f.dir.filePath("bugfix.ini"));
         QVERIFY(classic.start());
         Client old;
-        old.send(request(1, "f.bin"), f.port);
-        QCOMPARE(old.next(), packet(3, 1, pattern(512)));
+        QCOMPARE(old.ask(request(1, "f.bin"), f.port), packet(3, 1, pattern(512)));
         classic.setStandardProfile(true);
         QVERIFY(f.server.listen());
         Client fresh;
-        fresh.send(request(1, "f.bin", "octet", bytes("tsize\0000\0")), f.port);
-        QCOMPARE(fresh.next(), bytes("\0\6tsize\0001500\0"));
+        QCOMPARE(fresh.ask(request(1, "f.bin", "octet", bytes("tsize\0000\0")), f.port),
+            bytes("\0\6tsize\0001500\0"));
         Client another;
-        another.send(request(1, "f.bin"), f.port);
-        QCOMPARE(another.next(), packet(3, 1, pattern(512)));
-        old.send(packet(4, 1), old.peer);
-        QCOMPARE(old.next(), packet(3, 2, pattern(1024).mid(512)));
+        QCOMPARE(another.ask(request(1, "f.bin"), f.port), packet(3, 1, pattern(512)));
+        QCOMPARE(old.ask(packet(4, 1)), packet(3, 2, pattern(1024).mid(512)));
         // The engine's two transfers in its socket table: it gives the rows back when the classic
         // profile returns, apart from the slots the classic profile itself uses.
         QTRY_COMPARE_WITH_TIMEOUT(f.monitor.socketText(3, TM::SocketStatus), QString("SENDING"), 30000);
@@ -234,8 +160,7 @@ private Q_SLOTS:
             else
                 QCOMPARE(status, QString("ready"));
         }
-        fresh.send(packet(4, 0), fresh.peer);
-        QCOMPARE(fresh.next(), packet(3, 1, pattern(512)));
+        QCOMPARE(fresh.ask(packet(4, 0)), packet(3, 1, pattern(512)));
         Client third;
         third.send(request(1, "f.bin", "octet", bytes("tsize\0000\0")), f.port);
         third.send(request(1, "f.bin"), f.port);
@@ -250,11 +175,10 @@ private Q_SLOTS:
     {
         const int chunk = StandardTransfer::aheadBytes;
         const int blocks = chunk / 512;
-        Fleet f(pattern(chunk + 7000));
-        QCOMPARE(::mkfifo(qPrintable(f.folder + "/pipe"), 0644), 0);
+        StandardFixture f(pattern(chunk + 7000));
+        QCOMPARE(::mkfifo(qPrintable(f.path("pipe")), 0644), 0);
         Client client;
-        client.send(request(1, "pipe"), f.port);
-        QCOMPARE(client.next(), bytes("\0\5\0\1File not found\0"));
+        QCOMPARE(client.ask(request(1, "pipe"), f.port), error(1, "File not found"));
         client.send(request(1, "f.bin"), f.port);
         for (int block = 1; block <= blocks; ++block) {
             QCOMPARE(client.next(), packet(3, block, pattern(block * 512).mid((block - 1) * 512)));
@@ -264,7 +188,7 @@ private Q_SLOTS:
         // Held here: the row shows the last ACK, however soon it followed the one before.
         const QString held = QString("%1 of %2 bytes").arg((blocks - 1) * 512).arg(chunk + 7000);
         QTRY_VERIFY_WITH_TIMEOUT(f.transfer(2, TM::DataSentReceived).startsWith(held), 30000);
-        QVERIFY(::truncate(qPrintable(f.folder + "/f.bin"), chunk) == 0);
+        QVERIFY(::truncate(qPrintable(f.path("f.bin")), chunk) == 0);
         client.send(packet(4, blocks), client.peer); // the next chunk finds the file short
         QCOMPARE(client.next(), packet(3, blocks + 1, QByteArray()));
         client.send(packet(4, blocks + 1), client.peer);
@@ -302,28 +226,6 @@ private Q_SLOTS:
         engine.expire(clock);
         QCOMPARE(net.sent.size(), 32);
         QCOMPARE(net.sent.last(), net.sent[30]); // block 31 again
-    }
-
-    // The list keeps at most TftpKeepRows rows: the oldest finished go, a running one stays.
-    void keptRows()
-    {
-        Fleet f(pattern(700));
-        f.monitor.setKeepRows(3);
-        Client held;
-        held.send(request(1, "f.bin"), f.port);
-        QCOMPARE(held.next(), packet(3, 1, pattern(512)));
-        for (int i = 0; i < 4; ++i) {
-            RawClient refused("127.0.0.2");
-            refused.send(request(1, QByteArray("r") + char('0' + i)), f.port);
-            QCOMPARE(refused.next().left(4), packet(5, 2));
-        }
-        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(3, TM::Filename), QString("r3"), 30000);
-        QCOMPARE(f.monitor.transferCount(), 3);
-        QCOMPARE(f.transfer(1, TM::Filename), QString("f.bin"));
-        held.send(packet(4, 1), held.peer);
-        QCOMPARE(held.next(), packet(3, 2, pattern(700).mid(512)));
-        held.send(packet(4, 2), held.peer);
-        QTRY_COMPARE(f.transfer(1, TM::Status), QString("FINISHED OK")); // still found after rows moved
     }
 
     // Tiled in the 1024x720 main window the Transfer window is about 250 pixels wide; the progress
