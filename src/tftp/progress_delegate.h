@@ -1,16 +1,16 @@
 #pragma once
 
-#include <QStyledItemDelegate>
+#include "tftp/laid_out_text_delegate.h"
 
 // Draws the "Data sent/Received" column as a progress bar while a transfer
 // with a known size runs ("1048576 of 100000000 bytes (1%)"), with that text
 // on the bar (only the percentage where the column is too narrow for all of
 // it); any other text is drawn as it is. The model keeps the text, so
 // --headless output and copying rows are unchanged.
-class ProgressDelegate : public QStyledItemDelegate
+class ProgressDelegate : public LaidOutTextDelegate
 {
 public:
-    using QStyledItemDelegate::QStyledItemDelegate;
+    using LaidOutTextDelegate::LaidOutTextDelegate;
 
     // The percentage a progress text ends with, or -1.
     static int percentOf(const QString &text);

@@ -11,6 +11,8 @@
 #include <QFile>
 #include <QHostAddress>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,14 +21,15 @@
 using namespace TftpOptions;
 
 // Capture mode seen from the engine's thread: the flag is a copy the owner
-// keeps up to date, and what is captured leaves as signals.
+// keeps up to date, and what is captured leaves as signals (queued, so an
+// upload running on another loop may send them from there; hence the atomic).
 class StandardEngine::Capture : public CaptureSink
 {
 public:
     explicit Capture(StandardEngine *engine)
         : m_engine(engine)
     { }
-    bool on = false;
+    std::atomic<bool> on = false;
     bool capturing() const override { return on; }
     void CaptureFileName(const QString &path) override { Q_EMIT m_engine->captureFileName(path); }
     void CaptureData(const QByteArray &data) override { Q_EMIT m_engine->captureData(data); }
@@ -37,6 +40,14 @@ private:
 
 struct StandardEngine::Transfer
 {
+    // The socket closes with the transfer, also when one handed off never
+    // reached its loop because the server stopped first.
+    ~Transfer()
+    {
+        if (socket >= 0)
+            net->close(socket);
+    }
+    EngineNet *net = nullptr; // of the loop that runs it, which sends its datagrams
     int socket = -1;
     quint32 peer = 0;
     quint16 peerPort = 0;
@@ -74,8 +85,7 @@ StandardEngine::StandardEngine(EngineNet *net, QObject *parent)
 
 StandardEngine::~StandardEngine()
 {
-    for (auto &[socket, transfer] : m_transfers)
-        m_net->close(socket);
+    m_transfers.clear(); // closes their sockets
     stopListening();
 }
 
@@ -110,6 +120,17 @@ void StandardEngine::setCapturing(bool on)
 void StandardEngine::setRetransmitInterval(int ms)
 {
     m_retransmitMs = ms;
+}
+
+void StandardEngine::setLoops(int count, HandOff handOff)
+{
+    m_load.assign(size_t(qMax(1, count)), 0);
+    m_handOff = std::move(handOff);
+}
+
+void StandardEngine::setEnded(std::function<void(quint64)> ended)
+{
+    m_ended = std::move(ended);
 }
 
 bool StandardEngine::listen()
@@ -172,8 +193,8 @@ void StandardEngine::handleRequest(
         return;
     // The client repeated its request before our first reply reached it: the
     // transfer it asked for already runs.
-    const auto running = m_byPeer.constFind(peerKey(sender, senderPort));
-    if (running != m_byPeer.cend() && m_transfers.at(*running)->request == datagram)
+    const auto latest = m_byPeer.constFind(peerKey(sender, senderPort));
+    if (latest != m_byPeer.cend() && m_running.at(*latest).request == datagram)
         return;
     const quint32 local = destination ? destination : m_address;
     if (runningTransfers() >= m_maxTransfers) {
@@ -228,7 +249,8 @@ void StandardEngine::handleRequest(
         return reject(AccessViolation, "Access violation");
     const QString fullPath = ServedPath::join(m_acl->entry(entry).folder, fileName);
 
-    auto transfer = std::make_unique<Transfer>();
+    auto transfer = std::make_shared<Transfer>();
+    transfer->net = m_net;
     transfer->socket = openFrom(local);
     if (transfer->socket < 0)
         return reject(NotDefined, "No socket for the transfer");
@@ -241,12 +263,13 @@ void StandardEngine::handleRequest(
         const int fits = qMax(1, m_net->sendBufferBytes(socket) / (agreed.blockSize + 4 + 64));
         return agreed.windowSize > fits ? negotiate(*request, size, fits) : agreed;
     };
-    auto send = [this, t = transfer.get()](
-                    const QByteArray &out) { m_net->send(t->socket, out, t->peer, t->peerPort); };
+    // Through the transfer's own net: it may run on another loop.
+    auto send
+        = [t = transfer.get()](const QByteArray &out) { t->net->send(t->socket, out, t->peer, t->peerPort); };
     CaptureSink *capture = !read && m_capture->on ? m_capture.get() : nullptr;
     std::unique_ptr<StandardTransfer> protocol;
     const auto fail = [&](int code, const QByteArray &text) {
-        m_net->close(socket);
+        transfer.reset(); // closes its socket
         reject(code, text);
     };
     if (read) {
@@ -290,19 +313,63 @@ void StandardEngine::handleRequest(
     t.row = row;
     t.row.running = true;
     t.protocol = std::move(protocol);
-    t.protocol->setBatchSender([this, tp = &t](const QByteArray &datagrams, int segment) {
-        m_net->sendSegments(tp->socket, datagrams, segment, tp->peer, tp->peerPort);
+    t.protocol->setBatchSender([tp = &t](const QByteArray &datagrams, int segment) {
+        tp->net->sendSegments(tp->socket, datagrams, segment, tp->peer, tp->peerPort);
     });
-    t.lastAdvance = now();
-    m_byPeer.insert(peerKey(sender, senderPort), socket);
-    m_byAge[t.serial] = socket;
-    m_transfers[socket] = std::move(transfer);
+    // The loop that runs the fewest transfers takes it; this one on a tie,
+    // so a lone transfer never pays for a hand-off.
+    const int loop = int(std::min_element(m_load.cbegin(), m_load.cend()) - m_load.cbegin());
+    ++m_load[size_t(loop)];
+    m_running[t.serial] = { t.request, sender, senderPort, m_net->localPort(socket), read, loop };
+    m_byPeer.insert(peerKey(sender, senderPort), t.serial);
     m_socketsDirty = true;
     touch(t.row);
     if (capture)
         m_capture->CaptureFileName(fullPath);
+    if (loop == 0 || !m_handOff) {
+        m_transfers[socket] = std::move(transfer);
+        return begin(t);
+    }
+    m_net->detach(socket);
+    m_outgoing.emplace_back(loop, std::move(transfer));
+}
+
+void StandardEngine::handOffAccepted()
+{
+    // Their rows leave first: the other loop's updates of a row must not
+    // reach the list before the row itself.
+    emitRows();
+    for (auto &[loop, transfer] : m_outgoing)
+        m_handOff(loop, std::move(transfer));
+    m_outgoing.clear();
+}
+
+void StandardEngine::adopt(std::shared_ptr<Transfer> transfer)
+{
+    transfer->net = m_net;
+    m_net->attach(transfer->socket);
+    m_transfers[transfer->socket] = transfer;
+    begin(*transfer);
+}
+
+void StandardEngine::begin(Transfer &t)
+{
+    t.lastAdvance = now();
     t.protocol->start();
     arm(t, t.lastAdvance + retransmitMs(t));
+}
+
+void StandardEngine::transferEnded(quint64 serial)
+{
+    const auto it = m_running.find(serial);
+    if (it == m_running.end())
+        return;
+    --m_load[size_t(it->second.loop)];
+    const auto key = peerKey(it->second.peer, it->second.peerPort);
+    if (m_byPeer.value(key) == serial)
+        m_byPeer.remove(key);
+    m_running.erase(it);
+    m_socketsDirty = true;
 }
 
 void StandardEngine::handleTransfer(
@@ -384,14 +451,13 @@ void StandardEngine::end(Transfer &t, const QString &status)
     // re-sends its last DATA to a closed port and gives up on its own; the
     // file is already in place.
     const int socket = t.socket;
-    m_net->close(socket);
-    const auto key = peerKey(t.peer, t.peerPort);
-    if (m_byPeer.value(key) == socket)
-        m_byPeer.remove(key);
-    m_byAge.erase(t.serial);
-    m_socketsDirty = true;
+    const quint64 serial = t.serial;
     m_progressDue.remove(socket);
-    m_transfers.erase(socket); // t is gone from here on
+    m_transfers.erase(socket); // closes the socket; t is gone from here on
+    if (m_ended)
+        m_ended(serial);
+    else
+        transferEnded(serial);
 }
 
 void StandardEngine::showProgress(Transfer &t, bool final)
@@ -441,6 +507,18 @@ void StandardEngine::expire(qint64 at)
     }
 }
 
+void StandardEngine::emitRows()
+{
+    if (m_pendingRows.empty())
+        return;
+    QList<StandardRow> rows;
+    rows.reserve(qsizetype(m_pendingRows.size()));
+    for (auto &[id, row] : m_pendingRows)
+        rows.append(std::move(row));
+    m_pendingRows.clear();
+    Q_EMIT rowsChanged(rows);
+}
+
 void StandardEngine::flush()
 {
     const qint64 at = now();
@@ -455,27 +533,20 @@ void StandardEngine::flush()
             ++it;
         }
     }
-    if (!m_pendingRows.empty()) {
-        QList<StandardRow> rows;
-        rows.reserve(qsizetype(m_pendingRows.size()));
-        for (auto &[id, row] : m_pendingRows)
-            rows.append(std::move(row));
-        m_pendingRows.clear();
-        Q_EMIT rowsChanged(rows);
-    }
-    if (!m_socketsDirty)
-        return;
+    emitRows();
+    if (!m_socketsDirty || m_ended)
+        return; // the first loop's engine alone shows the socket table
     m_socketsDirty = false;
     StandardSocketRows table;
     table.reserve(socketRows);
     table.append(
         { QStringLiteral("1"), m_listener >= 0 ? QString::number(m_net->localPort(m_listener)) : QString(),
             QString(), m_listener >= 0 ? QStringLiteral("Listen") : QStringLiteral("ready"), QString() });
-    for (auto it = m_byAge.cbegin(); it != m_byAge.cend() && table.size() < socketRows; ++it) {
-        const Transfer &t = *m_transfers.at(it->second);
-        table.append({ QString::number(table.size() + 1), QString::number(m_net->localPort(t.socket)),
-            QString::number(t.peerPort),
-            t.protocol->isRead() ? QStringLiteral("SENDING") : QStringLiteral("RECEIVING"), QString() });
+    for (auto it = m_running.cbegin(); it != m_running.cend() && table.size() < socketRows; ++it) {
+        const Entry &e = it->second;
+        table.append(
+            { QString::number(table.size() + 1), QString::number(e.localPort), QString::number(e.peerPort),
+                e.read ? QStringLiteral("SENDING") : QStringLiteral("RECEIVING"), QString() });
     }
     while (table.size() < socketRows)
         table.append(

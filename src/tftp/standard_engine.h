@@ -32,6 +32,11 @@ public:
     // -1 on failure, with errorString() saying why.
     virtual int open(quint32 address, quint16 port) = 0;
     virtual void close(int socket) = 0;
+    // A socket that moves to another engine's thread leaves this one's
+    // watch (detach) and joins the other's (attach); no-ops where one
+    // engine sees every socket.
+    virtual void detach(int) { }
+    virtual void attach(int) { }
     virtual quint16 localPort(int socket) const = 0;
     virtual void send(int socket, const QByteArray &datagram, quint32 to, quint16 port) = 0;
     // Datagrams back to back, each `segment` bytes but the last; one by one
@@ -75,6 +80,14 @@ using StandardSocketRows = QList<QStringList>;
 // runs is not a second transfer; a finished transfer closes its socket at
 // once.
 //
+// Transfers may run on more than one loop (StandardServer starts them): the
+// first engine keeps the listener, the access decision, the duplicate check,
+// the limit, the row numbers and the socket table, with a small entry per
+// running transfer wherever it runs, and hands a new transfer's socket and
+// protocol to the loop that runs the fewest. That loop drives its blocks,
+// timers and rows (under the first engine's row numbers) and tells the first
+// when it ends. A one-loop engine is the same with nobody to hand to.
+//
 // Retransmission timers are one queue for all transfers, checked lazily: an
 // ACK costs no timer work, and a timer that comes due for a transfer that has
 // moved on since is pushed back to where it should be. Monitor rows are
@@ -98,12 +111,28 @@ public:
     // Tests: re-send after this many ms instead of the negotiated timeout (0: negotiated).
     void setRetransmitInterval(int ms);
 
+    struct Transfer;
+    // The first engine: transfers may also run on loops 1 to count - 1, and
+    // handOff(loop, transfer) takes one there (it calls adopt on that loop).
+    using HandOff = std::function<void(int loop, std::shared_ptr<Transfer> transfer)>;
+    void setLoops(int count, HandOff handOff);
+    // Another loop's engine: takes over a handed-off transfer, and reports
+    // each of its transfers' ends through `ended` (to transferEnded on the first).
+    void setEnded(std::function<void(quint64 serial)> ended);
+    void adopt(std::shared_ptr<Transfer> transfer);
+    void transferEnded(quint64 serial);
+    // Hands off the transfers accepted since the last call, after the rows
+    // made so far, so that the list shows a request's row before its progress.
+    bool hasHandOffs() const { return !m_outgoing.empty(); }
+    void handOffAccepted();
+    std::vector<int> transfersPerLoop() const { return m_load; }
+
     bool listen(); // false with errorString() when the port cannot be bound
     void stopListening(); // running transfers carry on
     bool isListening() const { return m_listener >= 0; }
     QString errorString() const { return m_error; }
     int listenerSocket() const { return m_listener; }
-    int runningTransfers() const { return int(m_transfers.size()); }
+    int runningTransfers() const { return int(m_running.size()); } // on every loop (first engine)
 
     // One datagram that arrived on `socket`; destination is the local address
     // it was sent to (0 when unknown). False when the socket is closed now.
@@ -116,7 +145,10 @@ public:
     qint64 nextDeadline() const;
     void expire(qint64 now);
 
-    bool hasUpdates() const { return !m_pendingRows.empty() || m_socketsDirty || !m_progressDue.isEmpty(); }
+    bool hasUpdates() const
+    {
+        return !m_pendingRows.empty() || (m_socketsDirty && !m_ended) || !m_progressDue.isEmpty();
+    }
     void flush(); // sends what changed since the last flush
 
 Q_SIGNALS:
@@ -129,15 +161,26 @@ Q_SIGNALS:
     void captureData(const QByteArray &data);
 
 private:
-    struct Transfer;
     class Capture;
+    // What the first engine keeps of each running transfer, wherever it runs.
+    struct Entry
+    {
+        QByteArray request; // to tell a repeated request from a new one
+        quint32 peer = 0;
+        quint16 peerPort = 0;
+        quint16 localPort = 0;
+        bool read = true;
+        int loop = 0;
+    };
 
     void handleRequest(const QByteArray &datagram, quint32 sender, quint16 senderPort, quint32 destination);
     void handleTransfer(Transfer &transfer, const QByteArray &datagram, quint32 sender, quint16 senderPort);
     int openFrom(quint32 local);
     void refuse(quint32 from, quint32 to, quint16 port, int code, const QByteArray &text);
     void outcome(Transfer &transfer, int outcome, bool advanced);
+    void begin(Transfer &transfer);
     void end(Transfer &transfer, const QString &status);
+    void emitRows();
     void showProgress(Transfer &transfer, bool final);
     void touch(const StandardRow &row) { m_pendingRows[row.id] = row; }
     int retransmitMs(const Transfer &transfer) const;
@@ -160,9 +203,13 @@ private:
     qint64 m_limitSaid = -1; // when the limit was last reported, on the engine clock
     QStringList m_reportedFailures;
 
-    std::unordered_map<int, std::unique_ptr<Transfer>> m_transfers; // by socket
-    QHash<quint64, int> m_byPeer; // (address << 16 | port) of the client -> its latest transfer's socket
-    std::map<quint64, int> m_byAge; // serial -> socket, oldest first
+    std::unordered_map<int, std::shared_ptr<Transfer>> m_transfers; // run on this loop, by socket
+    std::map<quint64, Entry> m_running; // every loop's, by serial: oldest first
+    QHash<quint64, quint64> m_byPeer; // (address << 16 | port) of the client -> its latest transfer's serial
+    std::vector<int> m_load { 0 }; // running transfers per loop
+    HandOff m_handOff;
+    std::vector<std::pair<int, std::shared_ptr<Transfer>>> m_outgoing; // accepted, not yet handed off
+    std::function<void(quint64)> m_ended; // set on the other loops' engines
     using Due = std::pair<qint64, std::pair<int, quint64>>; // when, (socket, serial)
     std::priority_queue<Due, std::vector<Due>, std::greater<Due>> m_timers;
 

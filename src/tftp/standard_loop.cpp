@@ -64,6 +64,21 @@ void EpollNet::close(int socket)
     ::close(socket); // also leaves the epoll set
 }
 
+void EpollNet::detach(int socket)
+{
+    ::epoll_ctl(m_epoll, EPOLL_CTL_DEL, socket, nullptr);
+}
+
+void EpollNet::attach(int socket)
+{
+    // Level-triggered: datagrams that arrived while the socket was between
+    // two sets are reported at once.
+    epoll_event event {};
+    event.events = EPOLLIN;
+    event.data.fd = socket;
+    ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, socket, &event);
+}
+
 quint16 EpollNet::localPort(int socket) const
 {
     sockaddr_in local {};
@@ -187,6 +202,14 @@ StandardLoop::StandardLoop()
 
 StandardLoop::~StandardLoop()
 {
+    stop();
+    m_queue.clear(); // transfers handed to this loop too late close their sockets here
+    m_engine.reset(); // closes its sockets while the epoll set still exists
+    ::close(m_wake);
+}
+
+void StandardLoop::stop()
+{
     {
         std::lock_guard lock(m_mutex);
         m_stop = true;
@@ -194,8 +217,6 @@ StandardLoop::~StandardLoop()
     const quint64 one = 1;
     [[maybe_unused]] const ssize_t written = ::write(m_wake, &one, sizeof one);
     wait();
-    m_engine.reset(); // closes its sockets while the epoll set still exists
-    ::close(m_wake);
 }
 
 void StandardLoop::post(std::function<void(StandardEngine &)> work)
@@ -243,6 +264,8 @@ void StandardLoop::runQueued()
 
 void StandardLoop::afterWork(qint64 now)
 {
+    if (m_engine->hasHandOffs())
+        m_engine->handOffAccepted();
     const qint64 due = m_engine->nextDeadline();
     if (due >= 0 && due <= now)
         m_engine->expire(now);

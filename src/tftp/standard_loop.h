@@ -22,6 +22,8 @@ public:
     int epollFd() const { return m_epoll; }
     int open(quint32 address, quint16 port) override;
     void close(int socket) override;
+    void detach(int socket) override;
+    void attach(int socket) override;
     quint16 localPort(int socket) const override;
     void send(int socket, const QByteArray &datagram, quint32 to, quint16 port) override;
     // UDP GSO (UDP_SEGMENT): one system call for a window; one by one where the kernel refuses it.
@@ -65,6 +67,9 @@ public:
 
     StandardLoop();
     ~StandardLoop() override; // stops the thread and closes every socket
+    // Stops the thread; work queued after that is dropped. Loops that post to
+    // each other are all stopped before any is destroyed.
+    void stop();
 
     // Lives on the loop's thread once it runs; use it from there (post, call).
     StandardEngine *engine() { return m_engine.get(); }

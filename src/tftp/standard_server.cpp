@@ -12,15 +12,34 @@ namespace {
 constexpr quint64 spareDescriptors = 64;
 } // namespace
 
-StandardServer::StandardServer(TransferMonitor *monitor, AccessList *acl, QObject *parent)
+int StandardServer::defaultLoops()
+{
+    return qBound(1, QThread::idealThreadCount(), 2);
+}
+
+StandardServer::StandardServer(TransferMonitor *monitor, AccessList *acl, QObject *parent, int loops)
     : QObject(parent)
     , m_monitor(monitor)
     , m_acl(acl)
-    , m_loop(std::make_unique<StandardLoop>())
-    , m_engine(m_loop->engine())
 {
-    m_loop->setObjectName(QStringLiteral("TFTP standard engine"));
-    connect(m_engine, &StandardEngine::rowsChanged, this, &StandardServer::applyRows, Qt::QueuedConnection);
+    std::vector<StandardLoop *> all;
+    for (int i = 0; i < qMax(1, loops); ++i) {
+        m_loops.push_back(std::make_unique<StandardLoop>());
+        all.push_back(m_loops.back().get());
+        all.back()->setObjectName(QStringLiteral("TFTP standard engine %1").arg(i));
+        connect(all.back()->engine(), &StandardEngine::rowsChanged, this, &StandardServer::applyRows,
+            Qt::QueuedConnection);
+    }
+    m_engine = all.front()->engine();
+    if (all.size() > 1) {
+        m_engine->setLoops(int(all.size()), [all](int loop, std::shared_ptr<StandardEngine::Transfer> t) {
+            all[size_t(loop)]->post([t](StandardEngine &engine) { engine.adopt(t); });
+        });
+        for (size_t i = 1; i < all.size(); ++i)
+            all[i]->engine()->setEnded([first = all.front()](quint64 serial) {
+                first->post([serial](StandardEngine &engine) { engine.transferEnded(serial); });
+            });
+    }
     connect(m_engine, &StandardEngine::socketRowsChanged, this, &StandardServer::applySockets,
         Qt::QueuedConnection);
     connect(
@@ -46,15 +65,29 @@ StandardServer::StandardServer(TransferMonitor *monitor, AccessList *acl, QObjec
         connect(acl, signal, this, &StandardServer::sendAccessList);
     connect(acl, &QAbstractItemModel::dataChanged, this, &StandardServer::sendAccessList);
     connect(acl, &QAbstractItemModel::modelReset, this, &StandardServer::sendAccessList);
-    m_loop->start();
+    for (auto &loop : m_loops)
+        loop->start();
     sendAccessList();
 }
 
-StandardServer::~StandardServer() = default; // the loop stops its thread
+StandardServer::~StandardServer()
+{
+    // The loops post to each other: none may be gone while another still runs.
+    for (auto &loop : m_loops)
+        loop->stop();
+    while (!m_loops.empty())
+        m_loops.pop_back(); // the first last: transfers still queued for the others use its sockets' net
+}
 
 void StandardServer::onEngine(std::function<void(StandardEngine &)> call)
 {
-    m_loop->post(std::move(call));
+    m_loops.front()->post(std::move(call));
+}
+
+void StandardServer::onEveryEngine(const std::function<void(StandardEngine &)> &call)
+{
+    for (auto &loop : m_loops)
+        loop->post(call);
 }
 
 void StandardServer::sendAccessList()
@@ -116,12 +149,12 @@ void StandardServer::setCaptureSink(CaptureSink *sink)
 
 void StandardServer::setCapturing(bool on)
 {
-    onEngine([on](StandardEngine &engine) { engine.setCapturing(on); });
+    onEveryEngine([on](StandardEngine &engine) { engine.setCapturing(on); });
 }
 
 void StandardServer::setRetransmitInterval(int ms)
 {
-    onEngine([ms](StandardEngine &engine) { engine.setRetransmitInterval(ms); });
+    onEveryEngine([ms](StandardEngine &engine) { engine.setRetransmitInterval(ms); });
 }
 
 bool StandardServer::listen()
@@ -130,7 +163,7 @@ bool StandardServer::listen()
     const quint16 port = m_port;
     bool ok = false;
     QString error;
-    m_loop->call([&](StandardEngine &engine) {
+    m_loops.front()->call([&](StandardEngine &engine) {
         engine.setAddress(address, port);
         ok = engine.listen();
         error = engine.errorString();
@@ -142,13 +175,22 @@ bool StandardServer::listen()
 
 void StandardServer::stopListening()
 {
-    m_loop->call([](StandardEngine &engine) { engine.stopListening(); });
+    m_loops.front()->call([](StandardEngine &engine) { engine.stopListening(); });
     m_listening = false;
 }
 
 void StandardServer::waitForEngine()
 {
-    m_loop->call([](StandardEngine &) {});
+    // The first loop last: it then has every end the others told it of.
+    for (auto it = m_loops.rbegin(); it != m_loops.rend(); ++it)
+        (*it)->call([](StandardEngine &) {});
+}
+
+std::vector<int> StandardServer::transfersPerLoop()
+{
+    std::vector<int> counts;
+    m_loops.front()->call([&](StandardEngine &engine) { counts = engine.transfersPerLoop(); });
+    return counts;
 }
 
 bool StandardServer::rowRunning(int row) const

@@ -8,6 +8,7 @@
 #include <QPersistentModelIndex>
 
 #include <memory>
+#include <vector>
 
 class AccessList;
 class CaptureSink;
@@ -24,6 +25,12 @@ class TransferMonitor;
 // index, so a row keeps receiving its updates when older rows are dropped
 // from the list above it.
 //
+// The engine runs on `loops` threads (StandardLoop), two by default where
+// the machine has two cores or more: the first keeps the listener and the
+// table of running transfers, and each new transfer runs on the loop with
+// the fewest (see StandardEngine). With many clients at once a single
+// thread is the limit by the CPU share it gets, not by its cost per block.
+//
 // listen() and stopListening() wait for the engine's thread to bind or close
 // the port, so that switching profiles hands the port over without a gap
 // in which both or neither hold it.
@@ -33,7 +40,9 @@ class StandardServer : public QObject
 public:
     static constexpr int defaultMaxTransfers = 1000;
 
-    StandardServer(TransferMonitor *monitor, AccessList *acl, QObject *parent = nullptr);
+    static int defaultLoops();
+    StandardServer(
+        TransferMonitor *monitor, AccessList *acl, QObject *parent = nullptr, int loops = defaultLoops());
     ~StandardServer() override;
 
     void setPort(quint16 port);
@@ -56,6 +65,8 @@ public:
 
     // Returns once the engine has handled every call made before (tests).
     void waitForEngine();
+    // Running transfers on each loop, as the first one counts them (tests).
+    std::vector<int> transfersPerLoop();
     // Rows of the transfer list whose transfer still runs.
     bool rowRunning(int row) const;
 
@@ -72,12 +83,13 @@ private:
     void applySockets(const StandardSocketRows &rows);
     void sendAccessList();
     void onEngine(std::function<void(StandardEngine &)> call);
+    void onEveryEngine(const std::function<void(StandardEngine &)> &call);
 
     TransferMonitor *m_monitor;
     AccessList *m_acl;
     CaptureSink *m_capture = nullptr;
-    std::unique_ptr<StandardLoop> m_loop;
-    StandardEngine *m_engine;
+    std::vector<std::unique_ptr<StandardLoop>> m_loops; // the first keeps the listener
+    StandardEngine *m_engine; // the first loop's
     QHash<quint64, QPersistentModelIndex> m_rows; // running rows, by the engine's row number
     quint16 m_port = 69;
     QHostAddress m_bindAddress { QHostAddress::AnyIPv4 };

@@ -1,5 +1,6 @@
 #include "transfer_window.h"
 
+#include "tftp/laid_out_text_delegate.h"
 #include "tftp/progress_delegate.h"
 #include "tftp/transfer_monitor.h"
 #include "util/twips.h"
@@ -24,6 +25,7 @@ QTreeView *makeReportView(QAbstractItemModel *model, const QString &name, QWidge
     view->setEditTriggers(QAbstractItemView::NoEditTriggers);
     view->header()->setStretchLastSection(true);
     view->header()->setDefaultSectionSize(110);
+    view->setItemDelegate(new LaidOutTextDelegate(view));
     return view;
 }
 } // namespace

@@ -1,6 +1,8 @@
 // libFuzzer target: the standard TFTP engine fed a stream of datagrams from a
 // few senders, over in-memory sockets and with a clock the input moves on, so
-// retransmissions and give-ups happen without waiting.
+// retransmissions and give-ups happen without waiting. Two engines stand for
+// the server's two loops: the first hands every other transfer to the second
+// at once, which tells it when one ends.
 //
 // Input: the records of tftp_fuzz.h; time moves on by length x 100 ms and the
 // due timers fire.
@@ -37,8 +39,12 @@ void runStandard(const uint8_t *data, size_t size)
     resetTftpFuzzFiles();
     MemoryNet network;
     StandardEngine engine(&network);
+    StandardEngine second(&network);
+    engine.setLoops(2, [&second](int, std::shared_ptr<StandardEngine::Transfer> t) { second.adopt(t); });
+    second.setEnded([&engine](quint64 serial) { engine.transferEnded(serial); });
     qint64 clock = 0;
     engine.setClock([&clock] { return clock; });
+    second.setClock([&clock] { return clock; });
     engine.setAccessEntries(tftpFuzzAccess());
     engine.setAddress(0, 69);
     engine.setMaxTransfers(4);
@@ -49,7 +55,9 @@ void runStandard(const uint8_t *data, size_t size)
     const auto tick = [&](uint8_t length) { // by up to 25.5 s
         clock += qint64(length) * 100;
         engine.expire(clock);
+        second.expire(clock);
         engine.flush();
+        second.flush();
     };
     forEachTftpRecord(
         data, size, tick, [&](int target, const QByteArray &datagram, int sender, quint16 port) {
@@ -57,10 +65,13 @@ void runStandard(const uint8_t *data, size_t size)
             for (auto it = network.ports.cbegin(); it != network.ports.cend() && socket < 0; ++it)
                 if (it.key() != engine.listenerSocket() && ++n == target)
                     socket = it.key();
-            if (socket >= 0)
-                engine.receive(socket, datagram, senders[sender], port, 0x7f000001);
+            if (socket >= 0 && !engine.receive(socket, datagram, senders[sender], port, 0x7f000001))
+                second.receive(socket, datagram, senders[sender], port, 0x7f000001);
+            if (engine.hasHandOffs())
+                engine.handOffAccepted();
         });
     engine.flush();
+    second.flush();
 }
 
 } // namespace

@@ -179,7 +179,7 @@ struct Fixture : Share
 // real client (which may lose a datagram) sets 0, the timeout the client asked for.
 struct StandardFixture : Share
 {
-    StandardServer server { &monitor, &acl };
+    StandardServer server { &monitor, &acl, nullptr, 2 }; // two engine loops, whatever the machine
 
     explicit StandardFixture(const QByteArray &content = {}, int limit = 1000)
         : Share(content)

@@ -8,6 +8,7 @@
 #include "tftp_test_peer.h"
 
 #include <QHeaderView>
+#include <QPixmapCache>
 #include <QScrollBar>
 #include <QTreeView>
 
@@ -75,10 +76,11 @@ private Q_SLOTS:
         QTRY_COMPARE(f.transfer(1, TM::Status), QString("FINISHED OK")); // still found after rows moved
     }
 
-    // A thousand transfers at once, each held after its first block; the socket table shows the
-    // listener and the 29 oldest. One more request gets no answer and the limit is reported once;
-    // when one transfer ends, the waiting client's retry gets in. A repeated request is not a second
-    // transfer. Then all finish.
+    // A thousand transfers at once, each held after its first block, half on each engine loop; the
+    // socket table shows the listener and the 29 oldest. One more request gets no answer and the
+    // limit is reported once; when a transfer on the second loop ends, the waiting client's retry gets
+    // in, and a request repeated by a client whose transfer runs there is not a second transfer.
+    // Then the rest finish, and the table shows the one left.
     void thousandAtOnce()
     {
         const int limit = 1000;
@@ -92,8 +94,11 @@ private Q_SLOTS:
                 clients.back()->send(request(1, "f.bin"), f.port);
                 QTRY_COMPARE_WITH_TIMEOUT(f.monitor.transferCount(), 1, 30000);
             }
+            if (i < 4) // one at a time: the first loop runs clients 0 and 2, the second 1 and 3
+                QCOMPARE(clients.back()->next(), packet(3, 1, pattern(512)));
         }
-        for (auto &c : clients) { // a burst may overflow the port's buffer: retry as real clients do
+        for (size_t i = 4; i < clients.size(); ++i) { // a burst may overflow the port's buffer: retry
+            Client *c = clients[i].get();
             QByteArray reply = c->next(2000);
             for (int retry = 0; retry < 5 && reply.isEmpty(); ++retry) {
                 c->send(request(1, "f.bin"), f.port);
@@ -109,19 +114,30 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(f.monitor.transferCount(), limit, 30000);
         QCOMPARE(f.monitor.socketText(30, TM::SocketStatus), QString("SENDING"));
         QCOMPARE(f.transfer(1, TM::Status), QString("Allowed"));
-        // The first client finishes; the late one's retry is taken.
-        QCOMPARE(clients[0]->ask(packet(4, 1)), packet(3, 2, pattern(700).mid(512)));
-        clients[0]->send(packet(4, 2), clients[0]->peer);
-        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(1, TM::Status), QString("FINISHED OK"), 30000);
+        QCOMPARE(f.server.transfersPerLoop(), std::vector<int>({ limit / 2, limit / 2 }));
+        // The second client's transfer ends on the second loop, and the first counts the place free:
+        // a request repeated by the fourth (also there) is not taken for a new one; the late one is.
+        QCOMPARE(clients[1]->ask(packet(4, 1)), packet(3, 2, pattern(700).mid(512)));
+        clients[1]->send(packet(4, 2), clients[1]->peer);
+        QTRY_COMPARE_WITH_TIMEOUT(f.transfer(2, TM::Status), QString("FINISHED OK"), 30000);
+        clients[3]->send(request(1, "f.bin"), f.port);
         QCOMPARE(late.ask(request(1, "f.bin"), f.port), packet(3, 1, pattern(512)));
         QCOMPARE(limitSpy.count(), 1);
-        QVERIFY(clients[0]->quiet()); // the repeated request made no second transfer
-        for (size_t i = 1; i < clients.size(); ++i) {
+        QTRY_COMPARE_WITH_TIMEOUT(f.socket(3, TM::LocalPort), QString::number(clients[2]->peer), 30000);
+        QCOMPARE(f.socket(2, TM::LocalPort), QString::number(clients[0]->peer));
+        QVERIFY(clients[0]->quiet()); // the repeated requests made no second transfer
+        QVERIFY(clients[3]->quiet());
+        for (size_t i = 0; i < clients.size(); ++i) {
+            if (i == 1)
+                continue;
             QCOMPARE(clients[i]->ask(packet(4, 1)).left(4), packet(3, 2));
             clients[i]->send(packet(4, 2), clients[i]->peer);
         }
         QTRY_COMPARE_WITH_TIMEOUT(f.transfer(limit, TM::Status), QString("FINISHED OK"), 30000);
+        QTRY_COMPARE_WITH_TIMEOUT(f.socket(3), QString("ready"), 30000);
+        QCOMPARE(f.socket(2, TM::LocalPort), QString::number(late.peer));
         QCOMPARE(f.monitor.transferCount(), limit + 1);
+        QCOMPARE(f.transfer(1, TM::Status), QString("FINISHED OK"));
     }
 
     // The port goes from the classic server to the engine and back; a transfer running under either
@@ -248,6 +264,40 @@ private Q_SLOTS:
             QVERIFY(list->header()->sectionSize(TM::DataSentReceived) >= width / 4);
         }
         QCOMPARE(window.transferList()->columnWidth(TM::Filename), 180);
+    }
+
+    // The list keeps its cells' laid-out texts and its progress bars between paints: once its texts
+    // changed, a transfer advanced and the window narrowed, it must look like a list drawn afresh.
+    void listRedrawnAfterChangesLooksFresh()
+    {
+        TransferMonitor monitor;
+        monitor.addTransfer("a-long-image-name.bin", "127.0.0.1", "127.0.0.1", "Allowed");
+        monitor.addTransfer("b.bin", "127.0.0.1", "127.0.0.1", "Allowed");
+        monitor.setTransferText(1, TM::DataSentReceived, "1048576 of 10000000 bytes (10%)");
+        const auto shown = [](TransferWindow &window, int width) {
+            window.resize(width, 600);
+            window.show();
+            return QTest::qWaitForWindowExposed(&window);
+        };
+        const auto picture = [](TransferWindow &window) {
+            window.transferList()->selectionModel()->clearCurrentIndex(); // the focus frame of the active one
+            return window.transferList()->viewport()->grab().toImage();
+        };
+        TransferWindow drawn(&monitor);
+        QVERIFY(shown(drawn, 1000));
+        const QImage before = picture(drawn);
+        monitor.setTransferText(1, TM::Status, "FINISHED OK");
+        monitor.setTransferText(1, TM::DataSentReceived, "6000000 of 10000000 bytes (60%)");
+        monitor.setTransferText(2, TM::DataSentReceived, "6000000 of 10000000 bytes (60%)");
+        QVERIFY(picture(drawn) != before);
+        for (const int width : { 1000, 400 }) {
+            QVERIFY(shown(drawn, width));
+            const QImage redrawn = picture(drawn);
+            QPixmapCache::clear(); // the bars too are drawn afresh
+            TransferWindow fresh(&monitor);
+            QVERIFY(shown(fresh, width));
+            QCOMPARE(redrawn, picture(fresh));
+        }
     }
 };
 
