@@ -80,6 +80,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     tftpFuzzApplication("fuzz_tftp_standard");
     runStandard(data, size);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    endTftpFuzzInput();
     return 0;
 }

@@ -153,6 +153,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     tftpFuzzApplication("fuzz_tftp_stream");
     runClassic(data, size);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    endTftpFuzzInput();
     return 0;
 }
