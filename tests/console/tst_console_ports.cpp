@@ -116,7 +116,6 @@ private Q_SLOTS:
         delete m_device.nextPendingConnection();
         QCOMPARE(session.devicePort(), m_device.serverPort());
         QCOMPARE(session.deviceAddress(), QStringLiteral("127.0.0.1"));
-        QCOMPARE(ConnectionHistory::entry(0), QStringList({ "127", "0", "0", "1" }));
         QCOMPARE(ConnectionHistory::target(0),
             (ConnectTarget { "TCP/IP", "127.0.0.1", m_device.serverPort(), "" }));
 
@@ -125,7 +124,6 @@ private Q_SLOTS:
         again.show();
         choose(again.connectWith(), QStringLiteral("History0"));
         QCOMPARE(again.portBox()->text(), QString::number(m_device.serverPort()));
-        QCOMPARE(again.octetBox(3)->text(), QStringLiteral("1"));
     }
 
     void breakOnEveryKind()
@@ -146,7 +144,6 @@ private Q_SLOTS:
         QTest::keyClick(window.consoleBox(), Qt::Key_Pause, Qt::ControlModifier);
         QVERIFY(session.serialPort()->isBreakEnabled()); // no event has run since the key
         QVERIFY(release->isActive() && release->isSingleShot());
-        QCOMPARE(release->interval(), ConsoleSession::breakMilliseconds);
         QTRY_COMPARE(line.received(), QByteArray("\r\xff\xf3"));
         QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 2, 30000);
         window.sendBreakAction()->trigger();

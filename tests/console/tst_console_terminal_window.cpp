@@ -14,9 +14,7 @@
 #include <QClipboard>
 #include <QFile>
 #include <QLineEdit>
-#include <QRadioButton>
 #include <QRegularExpression>
-#include <QScrollBar>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -97,9 +95,6 @@ private Q_SLOTS:
         connectDevice();
         QVERIFY(session().terminalEmulation());
         QVERIFY(m_window->terminalEmulationAction()->isChecked());
-        QCOMPARE(ConnectionHistory::terminalEmulation(ConnectTarget {
-                     QStringLiteral("TCP/IP"), QStringLiteral("127.0.0.1"), m_server.serverPort(), {} }),
-            std::optional<bool>(true));
     }
 
     void keysPasteSelectionScrollbackAndMouseReports()
@@ -128,12 +123,15 @@ private Q_SLOTS:
         const TerminalScreen &screen = session().terminal()->screen();
         const int h = view->cellSize().height();
         const int w = view->cellSize().width();
+        const auto drag = [view](int y, int from, int to, Qt::KeyboardModifiers mods = {}) {
+            QTest::mousePress(view->viewport(), Qt::LeftButton, mods, QPoint(from, y));
+            QTest::mouseMove(view->viewport(), QPoint(to, y));
+            QTest::mouseRelease(view->viewport(), Qt::LeftButton, mods, QPoint(to, y));
+        };
         const int y = screen.cursorRow() * h + h / 2;
         QTest::mouseDClick(view->viewport(), Qt::LeftButton, {}, QPoint(20 * w + w / 2, y));
         QCOMPARE(view->selectedText(), QStringLiteral("spine-2"));
-        QTest::mousePress(view->viewport(), Qt::LeftButton, {}, QPoint(3 * w, y));
-        QTest::mouseMove(view->viewport(), QPoint(14 * w, y));
-        QTest::mouseRelease(view->viewport(), Qt::LeftButton, {}, QPoint(14 * w, y));
+        drag(y, 3 * w, 14 * w);
         QCOMPARE(view->selectedText(), QStringLiteral("uplink Gi0/"));
         QTest::keyClick(view, Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
         QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("uplink Gi0/"));
@@ -163,10 +161,7 @@ private Q_SLOTS:
         QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, QPoint(4 * w + 1, row * h + 1));
         const QByteArray at = QByteArray::number(row + 1);
         QTRY_COMPARE(m_received, "\x1b[<0;5;" + at + "M\x1b[<0;5;" + at + "m");
-        QTest::mousePress(view->viewport(), Qt::LeftButton, Qt::ShiftModifier, QPoint(0, row * h + h / 2));
-        QTest::mouseMove(view->viewport(), QPoint(4 * w, row * h + h / 2));
-        QTest::mouseRelease(
-            view->viewport(), Qt::LeftButton, Qt::ShiftModifier, QPoint(4 * w, row * h + h / 2));
+        drag(row * h + h / 2, 0, 4 * w, Qt::ShiftModifier);
         QCOMPARE(view->selectedText(), QStringLiteral("menu"));
         QCOMPARE(m_received, "\x1b[<0;5;" + at + "M\x1b[<0;5;" + at + "m");
     }
