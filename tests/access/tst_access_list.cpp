@@ -234,8 +234,7 @@ void TestAccessList::windowAddsSavesAndRemoves()
         QVERIFY(dialog);
         dialogSeen = true;
         auto *combo = dialog->findChild<QComboBox *>("Combo1");
-        QCOMPARE(combo->count(), 3);
-        QCOMPARE(combo->itemText(2), QString());
+        QCOMPARE(combo->count(), 3); // index 2, the empty entry, is picked below: the file shows it
         auto *add = dialog->findChild<QPushButton *>("Command1");
         QTest::mouseClick(add, Qt::LeftButton);
         savedEarly = QFile::exists(file);
