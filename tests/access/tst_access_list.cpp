@@ -57,13 +57,19 @@ class TestAccessList : public QObject
     }
 
 private Q_SLOTS:
-    void maskTexts()
+    // The two conversions every row goes through: a prefix to the mask the window shows,
+    // and one dotted field to its value (halves round to even).
+    void masksAndOctets()
     {
         const QList<QPair<int, QString>> masks { { 0, " 0 . 0 . 0 . 0 " }, { 8, " 255. 0 . 0 . 0 " },
             { 20, " 255. 255. 240. 0 " }, { 25, " 255. 255. 255. 128" }, { 32, " 255. 255. 255. 255" },
             { 40, " 255. 255. 255. 255" } };
         for (const auto &[prefix, text] : masks)
             QCOMPARE(maskDisplayForm(prefix), text);
+        const QList<QPair<QString, int>> octets { { " 255", 255 }, { " 0 ", 0 }, { "", 0 }, { "1e2", 100 },
+            { "2.5", 2 }, { "7.6", 8 }, { "-1", -1 }, { "abc", 0 }, { "12ab", 12 }, { "40000", 40000 } };
+        for (const auto &[text, value] : octets)
+            QCOMPARE(octetValue(text), std::optional<int>(value));
     }
 
     // Loading appends the file's lines in order, blank ones included, whatever the
@@ -87,15 +93,15 @@ private Q_SLOTS:
         QCOMPARE(list.headerData(1, Qt::Horizontal).toString(), QString("Subnet Mask"));
         QCOMPARE(list.index(1, 0).data(Qt::UserRole).toInt(), 8);
         // Random bytes load as some rows more and are written back without a crash.
-        QByteArray junk(200000, '\0');
-        QRandomGenerator(1234).fillRange(reinterpret_cast<quint32 *>(junk.data()), junk.size() / 4);
-        QVERIFY(tw::test::writeFile(path, junk));
+        QRandomGenerator rng(1234);
+        QVERIFY(tw::test::writeFile(path, tw::test::junk(rng, 200000)));
         QVERIFY(loaded(list, path)->count() > 6);
         list.save_ACL();
         QVERIFY(QFile::exists(path));
     }
 
-    void saveDropsEmptyNetworksAndRoundTrips()
+    // Rows with no network are left out of the file; the file is rewritten whole.
+    void saveDropsEmptyNetworks()
     {
         const QString path = m_dir.filePath("save.ini");
         AccessList list;
@@ -108,11 +114,6 @@ private Q_SLOTS:
         QCOMPARE(tw::test::readFile(path),
             QByteArray("10.1.0.0; 255. 255. 0 . 0 ;yes;no;/srv/lab;16;\r\n"
                        "192.168.7.0; 255. 255. 255. 0 ;no;yes;/srv/dev/;24;\r\n"));
-        list.removeRow(0); // reaches the file only with the next save
-        AccessList again;
-        QCOMPARE(loaded(again, path)->count(), 2);
-        QCOMPARE(AccessList::lineFor(again.entry(2)),
-            QString("192.168.7.0; 255. 255. 255. 0 ;no;yes;/srv/dev/;24;"));
     }
 
     void decisions()
@@ -134,8 +135,7 @@ private Q_SLOTS:
             { "read refused, write allowed", "10.0.0.0;255.0.0.0;no;yes;;8", "10.1.2.3", 2, 1 },
             { "capital No allows", "10.0.0.0;255.0.0.0;No;No;;8", "10.1.2.3", 1, 1 },
             { "empty rights allow", "10.0.0.0;255.0.0.0;;;;8", "10.1.2.3", 2, 1 },
-            { "octet 1e2 reads 100", "1e2.0.0.0;255.0.0.0;;;;8", "100.1.1.1", 1, 1 },
-            { "trailing junk ignored", "10x.0.0.0;255abc.0.0.0;;;;8", "10.1.1.1", 1, 1 },
+            { "fields read as octets", "1e2.0.0.0;255abc.0.0.0;;;;8", "100.1.1.1", 1, 1 },
             { "empty octets read 0", "...;...;;;;0", "10.1.1.1", 1, 1 },
             { "short row fails", "10.0.0;255.0.0.0;;;;8", "10.1.1.1", 1, failed },
             { "blank row fails", "0.0.0.0;0.0.0.0;;;;0|", "10.1.1.1", 1, failed },
@@ -173,14 +173,6 @@ private Q_SLOTS:
         QCOMPARE(decide("0.0.0.0;0.0.0.0;;;;0|10.1.0.0;255.255.0.0;;;;16", 1, "10.1.2.3", veto), -1);
         QCOMPARE(askedRow, 2);
         QCOMPARE(m_rows, QStringList { requester + "Blocked" });
-    }
-
-    void octetValues()
-    {
-        const QList<QPair<QString, int>> cases { { " 255", 255 }, { " 0 ", 0 }, { "", 0 }, { "1e2", 100 },
-            { "2.5", 2 }, { "7.6", 8 }, { "-1", -1 }, { "abc", 0 }, { "12ab", 12 }, { "40000", 40000 } };
-        for (const auto &[text, value] : cases)
-            QCOMPARE(octetValue(text), std::optional<int>(value)); // halves round to even
     }
 
     // The editor: the Add Network dialog's octet boxes, and the window's list and file.
@@ -242,8 +234,7 @@ void TestAccessList::windowAddsSavesAndRemoves()
         QVERIFY(dialog);
         dialogSeen = true;
         auto *combo = dialog->findChild<QComboBox *>("Combo1");
-        QCOMPARE(combo->count(), 3);
-        QCOMPARE(combo->itemText(2), QString());
+        QCOMPARE(combo->count(), 3); // index 2, the empty entry, is picked below: the file shows it
         auto *add = dialog->findChild<QPushButton *>("Command1");
         QTest::mouseClick(add, Qt::LeftButton);
         savedEarly = QFile::exists(file);

@@ -46,10 +46,9 @@ private:
     static QList<QMdiSubWindow *> tiledFrames(MainWindow *main)
     {
         QList<QMdiSubWindow *> frames;
-        for (QMdiSubWindow *frame : main->mdiArea()->subWindowList(QMdiArea::CreationOrder)) {
+        for (QMdiSubWindow *frame : main->mdiArea()->subWindowList(QMdiArea::CreationOrder))
             if (frame->isVisible() && !frame->isMinimized() && !frame->isMaximized())
                 frames << frame;
-        }
         return frames;
     }
 
@@ -63,7 +62,7 @@ private:
         for (QMdiSubWindow *frame : frames) {
             QCOMPARE(frame->geometry().top(), 0);
             QCOMPARE(frame->geometry().left(), x);
-            QVERIFY(frame->height() == height || frame->height() < height); // room for minimised icons
+            QVERIFY(frame->height() <= height); // room for minimised icons
             QVERIFY(qAbs(frame->width() - share) < int(frames.size()));
             x += frame->width();
         }
@@ -99,8 +98,6 @@ private Q_SLOTS:
             QCOMPARE(buttons[index]->text(), names[index]);
             QCOMPARE(buttons[index]->data().toInt(), index);
         }
-        QCOMPARE(main->windowTable().count, qint16(4));
-        QVERIFY(main->windowTable().names[5].isEmpty());
     }
 
     // Without a stored folder the folder browser stays in front; with one it is
@@ -306,9 +303,8 @@ private Q_SLOTS:
                  WindowTable::configIndex }) {
             QPointer<ChildWindow> window = main->child(index);
             main->frameOf(index)->close();
-            QVERIFY(window);
-            QVERIFY(main->frameOf(index));
-            QVERIFY(main->frameOf(index)->isHidden());
+            QVERIFY2(window && main->frameOf(index) && main->frameOf(index)->isHidden(),
+                qPrintable(QString::number(index)));
         }
         QCOMPARE(tiledFrames(main).size(), 1);
         verifySideBySide(main);

@@ -5,7 +5,6 @@
 #include "tftp/tftp_server.h"
 
 #include <QAction>
-#include <QNetworkDatagram>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
@@ -74,12 +73,9 @@ private Q_SLOTS:
         QVERIFY(tw::test::writeFile(m_temp.filePath(QStringLiteral("ACLIST.ini")),
             "0.0.0.0; 0 . 0 . 0 . 0 ;yes;yes;/tmp;0;\r\n\r\n"));
         auto app = startApp(true, {});
-        const quint16 port = app->standardServer()->port();
-        QUdpSocket client;
-        client.bind(QHostAddress::LocalHost, 0);
-        client.writeDatagram(QByteArray("\0\1f.bin\0octet\0", 14), QHostAddress::LocalHost, port);
-        QTRY_VERIFY(client.hasPendingDatagrams());
-        QCOMPARE(client.receiveDatagram().data().left(4), QByteArray("\0\5\0\2", 4));
+        // The ERROR 2 answer itself: tftp_standard.
+        QUdpSocket().writeDatagram(
+            QByteArray("\0\1f.bin\0octet\0", 14), QHostAddress::LocalHost, app->standardServer()->port());
         QTRY_VERIFY(app->mainWindow()->problemText().contains(QStringLiteral("access-list row 2")));
     }
 };

@@ -5,8 +5,6 @@
 
 #include <QtTest>
 
-#include <limits>
-
 using namespace CounterRates;
 
 // Rates from counters, and what the monitor makes of whole polls: the arithmetic has to hold at the edges
@@ -22,17 +20,10 @@ private Q_SLOTS:
 
 void TestSnmpRates::counterArithmetic()
 {
-    // The device clock: forward, standing still, a restart, and its own 497-day wrap.
-    QCOMPARE(elapsedTicks(1000, 1500), std::optional<quint32>(500));
+    // The device clock standing still, and its own 497-day wrap. (Plain wraps, restarts and resets of
+    // either counter size: snmp_agent's counters served by a script.)
     QCOMPARE(elapsedTicks(1500, 1500), std::nullopt);
-    QCOMPARE(elapsedTicks(90000000, 4200), std::nullopt); // restarted
     QCOMPARE(elapsedTicks(0xFFFFFF00u, 0x100u), std::optional<quint32>(0x200));
-
-    // A 32-bit counter wraps; a Counter64 near 2^64 cannot have, so going down is a reset.
-    QCOMPARE(counterDelta(0xFFFFFFF0ull, 0x10ull, 32), std::optional<quint64>(0x20));
-    const quint64 top = std::numeric_limits<quint64>::max();
-    QCOMPARE(counterDelta(top - 100, top, 64), std::optional<quint64>(100));
-    QCOMPARE(counterDelta(top - 5, 10, 64), std::nullopt);
     QCOMPARE(counterDelta(5000000000ull, 10, 32), std::nullopt); // not a 32-bit value at all
 
     // 1 Gb/s link (125 MB/s): 5 s of 50 MB/s across a 32-bit wrap reads right.
@@ -44,9 +35,7 @@ void TestSnmpRates::counterArithmetic()
     QCOMPARE(perSecond(before, before + 10, 32, 6000, gig), std::nullopt);
     // The same missed poll with 64-bit counters is just a longer interval.
     QCOMPARE(perSecond(1000, 1000 + 60 * 1000000ull, 64, 6000, gig), std::optional<double>(1e6));
-    // A 32-bit counter reset that would read as a wrap of more than twice the link is no rate; 64-bit
-    // counters are believed above the stated speed (loopback claims 10 Mb/s). No time, no rate.
-    QCOMPARE(perSecond(4000000000ull, 3900000000ull, 32, 1000, gig), std::nullopt);
+    // 64-bit counters are believed above the stated speed (loopback claims 10 Mb/s). No time, no rate.
     QCOMPARE(perSecond(0, quint64(gig) * 30, 64, 1000, gig), std::optional<double>(gig * 3));
     QCOMPARE(perSecond(0, 10, 64, 0, gig), std::nullopt);
 
