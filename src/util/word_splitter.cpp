@@ -10,16 +10,4 @@ QStringList splitWords(QStringView text)
     return words;
 }
 
-QString wordAt(QStringView text, int position)
-{
-    if (position < 1)
-        return {};
-    int seen = 0;
-    for (QStringView word : text.split(u' ', Qt::SkipEmptyParts)) {
-        if (++seen == position)
-            return word.toString();
-    }
-    return {};
-}
-
 } // namespace tw

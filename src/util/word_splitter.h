@@ -14,7 +14,4 @@ namespace tw {
 // All non-empty words of text, in order.
 QStringList splitWords(QStringView text);
 
-// The word at 1-based position, or an empty string when text has fewer words.
-QString wordAt(QStringView text, int position);
-
 } // namespace tw
