@@ -96,6 +96,20 @@ struct Client
         send(d, port ? port : peer);
         return next();
     }
+    // Reads blocks from `first` on, ACKing each, up to a short one: their bytes, or "<broken at block N>".
+    QByteArray blocks(int first = 1, int size = 512)
+    {
+        QByteArray got;
+        for (int block = first;; ++block) {
+            const QByteArray d = next();
+            if (d.left(4) != packet(3, block))
+                return "<broken at block " + QByteArray::number(block) + ">";
+            got += d.mid(4);
+            send(packet(4, block), peer);
+            if (d.size() < size + 4)
+                return got;
+        }
+    }
     // Nothing has come. Silence is only asserted once the server is known to have handled what was sent
     // (its trace, a row, the answer to a later datagram): its answers leave while it handles a datagram.
     bool quiet() { return !socket.hasPendingDatagrams(); }
@@ -157,20 +171,11 @@ struct Fixture : Share
         return QTest::qWaitFor([&] { return readFile(tracePath).count('\n') >= lines; }, 30000)
             && readFile(tracePath).count('\n') == lines;
     }
-    // Fetches a whole file whose size is not a multiple of 512.
+    // Fetches a whole file.
     QByteArray download(Client &client, const QByteArray &name)
     {
         client.send(request(1, name), port);
-        QByteArray got;
-        for (int block = 1;; ++block) {
-            const QByteArray d = client.next();
-            if (d.left(4) != packet(3, block))
-                return "<broken at block " + QByteArray::number(block) + ">";
-            got += d.mid(4);
-            client.send(packet(4, block), client.peer);
-            if (d.size() < 516)
-                return got;
-        }
+        return client.blocks();
     }
 };
 

@@ -212,19 +212,17 @@ private Q_SLOTS:
     }
 
     // A refused request holds its slot for the refusal interval: nobody answers and dropped datagrams leave
-    // no trace line until the slot is freed.
+    // no trace line until the slot is freed. (Names and links leaving the folder: http_server.)
     void confine()
     {
-        const QList<std::tuple<QByteArray, bool, QByteArray>> cases { { "in.bin", true, "inside" },
-            { "sub/in.bin", true, "inside" }, { "../out.bin", true, "" }, { "sub/../in.bin", true, "" },
-            { "/etc/hostname", true, "" }, { "link.bin", true, "" }, { "outlink/out.bin", true, "" },
+        const QList<std::tuple<QByteArray, bool, QByteArray>> cases { { "sub/in.bin", true, "inside" },
+            { "sub/../in.bin", true, "" }, { "outlink/out.bin", true, "" },
             { "../out.bin", false, "outside" } }; // name, confined, what is served
         for (const auto &[name, confined, served] : cases) {
             Fixture f({}, false, 60000, 100);
             f.server.setConfine(confined);
             QVERIFY(QDir().mkpath(f.path("sub")) && writeFile(f.path("sub/in.bin"), "inside"));
             QVERIFY(writeFile(f.path("in.bin"), "inside") && writeFile(f.dir.filePath("out.bin"), "outside"));
-            QVERIFY(QFile::link(f.dir.filePath("out.bin"), f.path("link.bin")));
             QVERIFY(QFile::link(f.dir.path(), f.path("outlink")));
             QVERIFY(f.server.start());
             Client client;
@@ -288,10 +286,8 @@ private Q_SLOTS:
         QVERIFY(client.quiet() && fuzzer.quiet());
         QCOMPARE(f.server.listenerSlot(), 2);
         QCOMPARE(f.monitor.transferCount(), 1);
-        for (int block = 1; block < 6 && got.size() < 3000; ++block) { // blocks out of turn spoil `got`
-            got += client.ask(packet(4, block)).mid(4);
-        }
-        QCOMPARE(got, pattern(3000));
+        client.send(packet(4, 1), client.peer);
+        QCOMPARE(got + client.blocks(2), pattern(3000));
         Client fresh;
         QCOMPARE(f.download(fresh, "f.bin"), pattern(3000));
     }

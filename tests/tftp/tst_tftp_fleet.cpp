@@ -245,35 +245,15 @@ private Q_SLOTS:
     }
 
     // Tiled in the 1024x720 main window the Transfer window is about 250 pixels wide; the progress
-    // column must still be in view without scrolling, and a wide window keeps the usual widths.
-    void progressColumnInView()
-    {
-        TransferMonitor monitor;
-        monitor.addTransfer("a-long-image-name.bin", "127.0.0.1", "127.0.0.1", "Allowed");
-        monitor.setTransferText(1, TM::DataSentReceived, "1048576 of 100000000 bytes (1%)");
-        TransferWindow window(&monitor);
-        for (const int width : { 250, 1000 }) {
-            window.resize(width, 600);
-            window.show();
-            QVERIFY(QTest::qWaitForWindowExposed(&window));
-            QTreeView *list = window.transferList();
-            QTRY_COMPARE(list->horizontalScrollBar()->maximum(), 0);
-            const int right = list->header()->sectionViewportPosition(TM::DataSentReceived)
-                + list->header()->sectionSize(TM::DataSentReceived);
-            QVERIFY(right <= list->viewport()->width());
-            QVERIFY(list->header()->sectionSize(TM::DataSentReceived) >= width / 4);
-        }
-        QCOMPARE(window.transferList()->columnWidth(TM::Filename), 180);
-    }
-
-    // The list keeps its cells' laid-out texts and its progress bars between paints: once its texts
-    // changed, a transfer advanced and the window narrowed, it must look like a list drawn afresh.
-    void listRedrawnAfterChangesLooksFresh()
+    // column must still be in view without scrolling, and a wide window keeps the usual widths. The list
+    // keeps its cells' laid-out texts and its progress bars between paints: once its texts changed, a
+    // transfer advanced and the window narrowed, it must look like a list drawn afresh.
+    void transferListLayoutAndRedraw()
     {
         TransferMonitor monitor;
         monitor.addTransfer("a-long-image-name.bin", "127.0.0.1", "127.0.0.1", "Allowed");
         monitor.addTransfer("b.bin", "127.0.0.1", "127.0.0.1", "Allowed");
-        monitor.setTransferText(1, TM::DataSentReceived, "1048576 of 10000000 bytes (10%)");
+        monitor.setTransferText(1, TM::DataSentReceived, "1048576 of 100000000 bytes (1%)");
         const auto shown = [](TransferWindow &window, int width) {
             window.resize(width, 600);
             window.show();
@@ -284,7 +264,16 @@ private Q_SLOTS:
             return window.transferList()->viewport()->grab().toImage();
         };
         TransferWindow drawn(&monitor);
-        QVERIFY(shown(drawn, 1000));
+        QTreeView *list = drawn.transferList();
+        for (const int width : { 250, 1000 }) {
+            QVERIFY(shown(drawn, width));
+            QTRY_COMPARE(list->horizontalScrollBar()->maximum(), 0);
+            const int right = list->header()->sectionViewportPosition(TM::DataSentReceived)
+                + list->header()->sectionSize(TM::DataSentReceived);
+            QVERIFY(right <= list->viewport()->width());
+            QVERIFY(list->header()->sectionSize(TM::DataSentReceived) >= width / 4);
+        }
+        QCOMPARE(list->columnWidth(TM::Filename), 180);
         const QImage before = picture(drawn);
         monitor.setTransferText(1, TM::Status, "FINISHED OK");
         monitor.setTransferText(1, TM::DataSentReceived, "6000000 of 10000000 bytes (60%)");
