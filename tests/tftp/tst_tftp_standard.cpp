@@ -100,7 +100,8 @@ private Q_SLOTS:
         QTRY_COMPARE(f.socket(2), QString("ready")); // no hold: the transfer's port is closed at once
     }
 
-    // Netascii's wire form, read by hand; tsize is left out (the wire length is not known ahead).
+    // Netascii's wire form, read by hand; tsize is left out (the wire length is not known ahead). Reading
+    // it back, a CR pair split between blocks included, is realClients' tftp-hpa put.
     void netasciiWireForm()
     {
         const QByteArray text = "hostname r1\ninterface e0\n ip address 127.0.0.5\r\nend\n";
@@ -108,10 +109,6 @@ private Q_SLOTS:
         Client client;
         QCOMPARE(client.ask(request(1, "f.bin", "NetASCII", bytes("tsize\0000\0")), f.port),
             packet(3, 1, TftpOptions::toNetascii(text)));
-        TftpOptions::NetasciiDecoder decoder;
-        QByteArray decoded = decoder.feed("a\r");
-        decoded += decoder.feed(bytes("\nb\r\0c\r"));
-        QCOMPARE(decoded + decoder.finish(), bytes("a\nb\rc\r"));
     }
 
     // What the OACK says for each request; no accepted option means no OACK. Then the first block's size.
