@@ -27,18 +27,21 @@ private Q_SLOTS:
         CommandLineOptions options;
         const CommandLineResult result
             = parseCommandLine({ "tarnwick", "--tftp-port", "1069", "--log-port", "1514", "--telnet-port",
-                                   "2323", "--snmp-port", "1161" },
+                                   "2323", "--snmp-port", "1161", "--http-port", "8080", "--tftp-standard" },
                 options);
         QCOMPARE(result.action, CommandLineResult::Run);
-        QCOMPARE(QList<quint16>({ options.tftpPort, options.logPort, options.telnetPort, options.snmpPort }),
-            QList<quint16>({ 1069, 1514, 2323, 1161 }));
+        QCOMPARE(QList<quint16>({ options.tftpPort, options.logPort, options.telnetPort, options.snmpPort,
+                     options.httpPort }),
+            QList<quint16>({ 1069, 1514, 2323, 1161, 8080 }));
+        QVERIFY(options.tftpStandard);
     }
 
     void refusesMistakes()
     {
-        for (const QStringList &arguments : QList<QStringList> { { "tarnwick", "--bogus" },
-                 { "tarnwick", "--tftp-port", "sixty-nine" }, { "tarnwick", "--log-port", "70000" },
-                 { "tarnwick", "--folder" }, { "tarnwick", "extra" } }) {
+        for (const QStringList &arguments :
+            QList<QStringList> { { "tarnwick", "--bogus" }, { "tarnwick", "--tftp-port", "sixty-nine" },
+                { "tarnwick", "--log-port", "70000" }, { "tarnwick", "--folder" }, { "tarnwick", "extra" },
+                { "tarnwick", "--https-cert", "c.pem" } }) {
             CommandLineOptions options;
             const CommandLineResult result = parseCommandLine(arguments, options);
             QVERIFY2(result.action == CommandLineResult::ExitError && !result.output.isEmpty(),

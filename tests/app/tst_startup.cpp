@@ -82,24 +82,6 @@ private Q_SLOTS:
         m_messages.clear();
     }
 
-    void windowTableAfterStartup()
-    {
-        MainWindow *main = startApp();
-        QCOMPARE(main->windowTitle(), QStringLiteral("Tarnwick"));
-        const QStringList names { "Files", "Network", "Transfer", "Console", "Config" };
-        const QList<QAction *> buttons = main->toolbar()->actions();
-        QCOMPARE(buttons.size(), 5);
-        for (int index = 0; index < names.size(); ++index) {
-            ChildWindow *window = main->child(index);
-            QVERIFY(window);
-            QCOMPARE(main->windowTable().names[index], names[index]);
-            QCOMPARE(window->windowTitle(), names[index]);
-            QCOMPARE(window->tag(), QString::number(index));
-            QCOMPARE(buttons[index]->text(), names[index]);
-            QCOMPARE(buttons[index]->data().toInt(), index);
-        }
-    }
-
     // Without a stored folder the folder browser stays in front; with one it is
     // minimised and the first console comes forward. Closing stores the
     // placement (in twips) only when the window is not minimised, the folder always.
@@ -262,9 +244,23 @@ private Q_SLOTS:
         QCOMPARE(offered, (QStringList { shared.path(), s + "current/", s + "ios-15/", QString() }));
     }
 
-    void toolbarClicksAndCloseBoxes()
+    // The window table and its toolbar after start-up, the click rules, and the close boxes.
+    void windowTableToolbarAndCloseBoxes()
     {
         MainWindow *main = startApp();
+        QCOMPARE(main->windowTitle(), QStringLiteral("Tarnwick"));
+        const QStringList names { "Files", "Network", "Transfer", "Console", "Config" };
+        const QList<QAction *> buttons = main->toolbar()->actions();
+        QCOMPARE(buttons.size(), 5);
+        for (int index = 0; index < names.size(); ++index) {
+            ChildWindow *window = main->child(index);
+            QVERIFY(window);
+            QCOMPARE(main->windowTable().names[index], names[index]);
+            QCOMPARE(window->windowTitle(), names[index]);
+            QCOMPARE(window->tag(), QString::number(index));
+            QCOMPARE(buttons[index]->text(), names[index]);
+            QCOMPARE(buttons[index]->data().toInt(), index);
+        }
         QCOMPARE(tiledFrames(main).size(), 5);
         verifySideBySide(main);
         QAction *network = main->toolbar()->actions().at(WindowTable::networkIndex);

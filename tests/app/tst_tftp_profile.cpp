@@ -39,10 +39,6 @@ private:
 private Q_SLOTS:
     void switchMenuSettingAndPanel()
     {
-        CommandLineOptions parsed;
-        QCOMPARE(parseCommandLine({ "tarnwick", "--tftp-standard" }, parsed).action, CommandLineResult::Run);
-        QVERIFY(parsed.tftpStandard);
-
         // Off by default; the menu entry turns it on, stores it, and the panel follows.
         auto app = startApp(false, {});
         auto *entry = app->mainWindow()->findChild<QAction *>(QStringLiteral("MnuStandardTftp"));

@@ -33,13 +33,6 @@ private:
 private Q_SLOTS:
     void optionsMenuSettingAndPanel()
     {
-        CommandLineOptions parsed;
-        QCOMPARE(
-            parseCommandLine({ "tarnwick", "--http-port", "8080" }, parsed).action, CommandLineResult::Run);
-        QCOMPARE(parsed.httpPort, quint16(8080));
-        QCOMPARE(parseCommandLine({ "tarnwick", "--https-cert", "c.pem" }, parsed).action,
-            CommandLineResult::ExitError);
-
         tw::test::settingsStore().clear();
         auto app = startApp(0);
         QVERIFY(!app->httpServer()->isRunning());
