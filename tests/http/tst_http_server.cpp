@@ -17,7 +17,6 @@
 
 #include <csignal>
 #include <sys/resource.h>
-#include <unistd.h>
 
 using TM = TransferMonitor;
 
