@@ -59,12 +59,17 @@ inline QByteArray readFile(const QString &path)
     return QFile::exists(path) ? tw::test::readFile(path) : QByteArray("<missing>");
 }
 
-// Runs a client program to its end, keeping the event loop (and so the server) going.
-inline QByteArray run(const QString &program, const QStringList &arguments, int *exitCode)
+// Runs a client program to its end, keeping the event loop (and so the server) going. In `arguments` '|'
+// separates the arguments, %P stands for `port`, %L for `local` and %R for f.bin.
+inline QByteArray run(
+    const QString &program, const QString &arguments, quint16 port, const QString &local, int *exitCode)
 {
+    QStringList list = arguments.split('|');
+    for (QString &argument : list)
+        argument.replace("%P", QString::number(port)).replace("%L", local).replace("%R", "f.bin");
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStandardPaths::findExecutable(program), arguments);
+    process.start(QStandardPaths::findExecutable(program), list);
     // A missing client is a failure, never a skip.
     if (!process.waitForStarted())
         return "<" + program.toLatin1() + " not found: install the atftp, curl and tftp-hpa packages>";

@@ -11,18 +11,6 @@
 
 using namespace tftptest;
 
-namespace {
-// A real client's command line moving f.bin to or from `local`.
-QStringList peerArguments(const QString &program, bool download, const QString &local, quint16 port)
-{
-    const QString remote = "f.bin", portText = QString::number(port);
-    return program == "atftp"
-        ? QStringList { download ? "-g" : "-p", "-r", remote, "-l", local, "127.0.0.1", portText }
-        : QStringList { "-m", "binary", "127.0.0.1", portText, "-c", download ? "get" : "put",
-              download ? remote : local, download ? local : remote };
-}
-} // namespace
-
 class TestTftpEngine : public QObject
 {
     Q_OBJECT
@@ -48,8 +36,11 @@ private Q_SLOTS:
         Fixture f(download ? pattern(size) : QByteArray());
         const QString local = f.dir.filePath("local.bin");
         QVERIFY(download || writeFile(local, pattern(size)));
+        const QString arguments = program == "atftp"
+            ? QString(download ? "-g" : "-p") + "|-r|%R|-l|%L|127.0.0.1|%P"
+            : QString("-m|binary|127.0.0.1|%P|-c|") + (download ? "get|%R|%L" : "put|%L|%R");
         int code = -1;
-        const QByteArray output = run(program, peerArguments(program, download, local, f.port), &code);
+        const QByteArray output = run(program, arguments, f.port, local, &code);
         QVERIFY2(code == 0, output.constData());
         QCOMPARE(readFile(download ? local : f.path("f.bin")), pattern(size));
         // Slot 1 cleaned (download) or held (upload); the rows themselves are checked by hand below.
