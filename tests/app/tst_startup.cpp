@@ -178,7 +178,6 @@ private Q_SLOTS:
         });
         auto *first = qobject_cast<ConsoleWindow *>(main->child(WindowTable::firstConsoleIndex));
         QVERIFY(first);
-        QCOMPARE(first->session()->deviceAddress(), QStringLiteral("127.0.0.1"));
         QTRY_VERIFY(r1.hasPendingConnections());
         // Datagrams to one socket from loopback arrive in the order sent: once the last one is
         // shown, every earlier one has been routed or dropped.
