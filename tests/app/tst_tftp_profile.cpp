@@ -1,14 +1,12 @@
 #include "app/app_under_test.h"
 #include "app/main_window.h"
 #include "test_support.h"
-#include "tftp/standard_server.h"
-#include "tftp/tftp_server.h"
+#include "tftp/tftp_test_peer.h"
 
 #include <QAction>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QUdpSocket>
 
 // The TFTP profile switch as the user meets it: --tftp-standard, the
 // "Standard TFTP" menu entry and its stored setting, the status-bar panel and
@@ -63,16 +61,23 @@ private Q_SLOTS:
         QCOMPARE(app->mainWindow()->tftpProfileText(), QStringLiteral("TFTP: classic"));
     }
 
-    // A blank line in a hand-edited ACLIST.ini makes the decision fail: the status bar names the row.
+    // A blank line in a hand-edited ACLIST.ini makes the decision fail: each request is answered with
+    // ERROR 2 and leaves no row, and the status bar names the row and the cause, reported once.
     void failedDecisionInStatusBar()
     {
         QVERIFY(tw::test::writeFile(m_temp.filePath(QStringLiteral("ACLIST.ini")),
             "0.0.0.0; 0 . 0 . 0 . 0 ;yes;yes;/tmp;0;\r\n\r\n"));
         auto app = startApp(true, {});
-        // The ERROR 2 answer itself: tftp_standard.
-        QUdpSocket().writeDatagram(
-            QByteArray("\0\1f.bin\0octet\0", 14), QHostAddress::LocalHost, app->standardServer()->port());
-        QTRY_VERIFY(app->mainWindow()->problemText().contains(QStringLiteral("access-list row 2")));
+        QSignalSpy reports(app->standardServer(), &StandardServer::accessDecisionFailed);
+        tftptest::Client client;
+        for (int i = 0; i < 2; ++i)
+            QCOMPARE(client.ask(tftptest::request(1, "f.bin"), app->standardServer()->port()),
+                tftptest::error(2, "Access violation"));
+        QTRY_COMPARE(reports.count(), 1);
+        const QString problem = app->mainWindow()->problemText();
+        QVERIFY2(problem.contains("access-list row 2") && problem.contains("fewer than four"),
+            qPrintable(problem));
+        QCOMPARE(app->monitor()->transferCount(), 0);
     }
 };
 
