@@ -1,12 +1,9 @@
-#include "access/access_list.h"
-#include "access/mask_display.h"
 #include "capture/config_window.h"
 #include "capture/rich_text_document.h"
 #include "capture/rtf_reader.h"
 #include "capture/rtf_writer.h"
 #include "test_support.h"
-#include "tftp/tftp_server.h"
-#include "tftp/transfer_monitor.h"
+#include "tftp/tftp_test_peer.h"
 #include "util/message_box.h"
 
 #include <QtNetwork>
@@ -29,24 +26,21 @@ class TestCapture : public QObject
     Q_OBJECT
     QTemporaryDir m_dir;
     QStringList m_messages;
-    QString m_port;
 
     RichText contents(const ConfigWindow &w) { return tw::richTextFromDocument(*w.configBox()->document()); }
 
     // tftp-hpa's or atftp's put of `bytes`, run while the event loop keeps serving.
-    void put(const QString &program, const QByteArray &bytes, const QString &remote)
+    void put(const QString &program, const QByteArray &bytes, const QString &remote, quint16 port)
     {
-        const QString local = m_dir.filePath(remote + QStringLiteral(".local"));
+        const QString local = m_dir.filePath(remote + QStringLiteral(".local")), p = QString::number(port);
         QVERIFY(tw::test::writeFile(local, bytes));
-        QProcess client;
-        QSignalSpy finished(&client, &QProcess::finished);
-        client.setProcessChannelMode(QProcess::MergedChannels);
-        client.start(program,
+        int exitCode = -1;
+        const QByteArray said = tftptest::run(program,
             program == QLatin1String("atftp")
-                ? QStringList { "-p", "-r", remote, "-l", local, "127.0.0.1", m_port }
-                : QStringList { "-m", "binary", "127.0.0.1", m_port, "-c", "put", local, remote });
-        QVERIFY2(finished.wait(30000), qPrintable(program + " did not finish (Debian: tftp-hpa, atftp)"));
-        QVERIFY2(client.exitCode() == 0, client.readAll().constData());
+                ? QStringList { "-p", "-r", remote, "-l", local, "127.0.0.1", p }
+                : QStringList { "-m", "binary", "127.0.0.1", p, "-c", "put", local, remote },
+            &exitCode);
+        QVERIFY2(exitCode == 0, said.constData());
     }
 
 private Q_SLOTS:
@@ -189,18 +183,9 @@ private Q_SLOTS:
     {
         ConfigWindow window;
         window.configBox()->setPlainText(QStringLiteral("notes typed by hand\n"));
-        TransferMonitor monitor;
-        AccessList acl;
-        const QString folder = m_dir.filePath(QStringLiteral("share"));
-        QVERIFY(QDir().mkpath(folder));
-        acl.appendEntry({ "0.0.0.0", maskDisplayForm(0), "yes", "yes", folder, 0 });
-        TftpServer server(&monitor, &acl);
-        server.setPort(0);
-        server.setBindAddress(QHostAddress::LocalHost);
-        server.setIntervals(60000, 60000, 60000);
-        server.setCaptureSink(&window);
-        QVERIFY2(server.start(), qPrintable(server.errorString()));
-        m_port = QString::number(server.slotLocalPort(server.listenerSlot()));
+        tftptest::Fixture tftp;
+        tftp.server.setCaptureSink(&window);
+        const QString &folder = tftp.folder;
         auto *capture = window.findChild<QAction *>(QStringLiteral("MnuCaptureConfig"));
         auto *stop = window.findChild<QAction *>(QStringLiteral("MnuStopCapture"));
         QVERIFY(capture && stop && capture->isEnabled() && !stop->isEnabled() && !window.capturing());
@@ -212,24 +197,13 @@ private Q_SLOTS:
 
         const QByteArray data
             = QByteArray(512, 'A') + QByteArray(512, 'B') + QByteArray(512, 'C') + QByteArray(412, 'D');
-        const auto packet = [](int opcode, int number) { // opcode and block number, two bytes each
-            return QByteArray::fromHex(QByteArray::number(opcode << 16 | number, 16).rightJustified(8, '0'));
-        };
-        QUdpSocket client;
-        QVERIFY(client.bind(QHostAddress::LocalHost, 0));
-        quint16 transferPort = m_port.toUShort(); // the listener's, then the transfer's own
-        client.writeDatagram(QByteArray("\0\2mid-confg\0octet\0", 18), QHostAddress::LocalHost, transferPort);
-        for (int number = 0; number <= 4; ++number) {
-            if (number > 0) {
-                if (number == 3)
-                    stop->trigger();
-                client.writeDatagram(packet(3, number) + data.mid((number - 1) * 512, 512),
-                    QHostAddress::LocalHost, transferPort);
-            }
-            QTRY_VERIFY_WITH_TIMEOUT(client.hasPendingDatagrams(), 30000);
-            const QNetworkDatagram ack = client.receiveDatagram();
-            QCOMPARE(ack.data(), packet(4, number));
-            transferPort = quint16(ack.senderPort());
+        using tftptest::packet;
+        tftptest::Client client;
+        QCOMPARE(client.ask(tftptest::request(2, "mid-confg"), tftp.port), packet(4, 0));
+        for (int number = 1; number <= 4; ++number) {
+            if (number == 3)
+                stop->trigger();
+            QCOMPARE(client.ask(packet(3, number, data.mid((number - 1) * 512, 512))), packet(4, number));
         }
         QVERIFY(capture->isEnabled() && !stop->isEnabled() && !window.capturing() && changed.size() == 2);
         QCOMPARE(tw::test::readFile(folder + QStringLiteral("/mid-confg")),
@@ -240,8 +214,8 @@ private Q_SLOTS:
         const QByteArray first
             = QByteArray("interface Gi0/1\n description {uplink} \\ caf\xe9\n").repeated(60);
         const QByteArray second = QByteArrayLiteral("hostname r2\0\xff\x80\nend\n"); // one block, any byte
-        put(QStringLiteral("tftp"), first, QStringLiteral("r1-confg"));
-        put(QStringLiteral("atftp"), second, QStringLiteral("r2-confg"));
+        put(QStringLiteral("tftp"), first, QStringLiteral("r1-confg"), tftp.port);
+        put(QStringLiteral("atftp"), second, QStringLiteral("r2-confg"), tftp.port);
         QCOMPARE(contents(window),
             rich({ { "notes typed by hand\n", {} }, { folder + QStringLiteral("/mid-confg"), red },
                 { QString::fromLatin1(data.left(1024)), blue }, { folder + QStringLiteral("/r1-confg"), red },

@@ -342,23 +342,18 @@ private Q_SLOTS:
             const QMultiHash<QString, QString> oracle = openssh(file, host);
             QVERIFY2(!oracle.isEmpty(), "ssh -G gave nothing");
             const SshConfig ours = SshConfig::read({ file }, host, m_sshd.user);
-            const QList<std::pair<QString, QString>> compared = {
-                { "user", ours.value("user", m_sshd.user) },
-                { "hostname", ours.value("hostname", host) },
-                { "port", QString::number(ours.number("port", 22)) },
-                { "identitiesonly", yesNo(ours.flag("identitiesonly", false)) },
-                { "pubkeyauthentication", yesNo(ours.flag("pubkeyauthentication", true)) },
-                { "passwordauthentication", yesNo(ours.flag("passwordauthentication", true)) },
-                { "kbdinteractiveauthentication", yesNo(ours.flag("kbdinteractiveauthentication", true)) },
-                { "numberofpasswordprompts", QString::number(ours.number("numberofpasswordprompts", 3)) },
-                { "connecttimeout", QString::number(ours.number("connecttimeout", 0)) },
-                { "serveraliveinterval", QString::number(ours.number("serveraliveinterval", 0)) },
-                { "serveralivecountmax", QString::number(ours.number("serveralivecountmax", 3)) },
-                { "requiredrsasize", QString::number(ours.number("requiredrsasize", 1024)) },
-                // Whichever of the two comes first holds.
-                { "proxyjump", ours.value("proxyjump") },
-                { "proxycommand", ours.value("proxycommand") },
-            };
+            // Of ProxyJump and ProxyCommand, whichever comes first holds.
+            QList<std::pair<QString, QString>> compared = { { "user", ours.value("user", m_sshd.user) },
+                { "hostname", ours.value("hostname", host) }, { "proxyjump", ours.value("proxyjump") },
+                { "proxycommand", ours.value("proxycommand") } };
+            for (const auto &[keyword, byDefault] :
+                { std::pair { "identitiesonly", false }, { "pubkeyauthentication", true },
+                    { "passwordauthentication", true }, { "kbdinteractiveauthentication", true } })
+                compared.append({ keyword, yesNo(ours.flag(keyword, byDefault)) });
+            for (const auto &[keyword, byDefault] :
+                { std::pair { "port", 22 }, { "numberofpasswordprompts", 3 }, { "connecttimeout", 0 },
+                    { "serveraliveinterval", 0 }, { "serveralivecountmax", 3 }, { "requiredrsasize", 1024 } })
+                compared.append({ keyword, QString::number(ours.number(keyword, byDefault)) });
             for (const auto &[keyword, value] : compared)
                 QCOMPARE(QString(host + ' ' + keyword + ' ' + value),
                     QString(host + ' ' + keyword + ' ' + normalised(oracle.value(keyword))));

@@ -2,7 +2,6 @@
 // device's serial line; for the flash backup a local TCP "device" that uploads
 // with the real TFTP client (tftp-hpa) to Tarnwick's own TFTP server.
 
-#include "access/access_list.h"
 #include "console/console_session.h"
 #include "console/console_window.h"
 #include "console/pty_device.h"
@@ -12,8 +11,7 @@
 #include "recovery/flash_listing_reader.h"
 #include "recovery/rommon_panel.h"
 #include "test_support.h"
-#include "tftp/tftp_server.h"
-#include "tftp/transfer_monitor.h"
+#include "tftp/tftp_test_peer.h"
 #include "util/message_box.h"
 #include "util/word_splitter.h"
 
@@ -27,11 +25,9 @@
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <QTreeView>
-#include <QUdpSocket>
 
 // A router's Telnet line: " dir flash: " gets a listing (aligned columns,
 // header, a "--More--" prompt), a space its second page (the prompt wiped by
@@ -265,20 +261,11 @@ private Q_SLOTS:
     void flashBackup()
     {
         QVERIFY2(QFileInfo("/usr/bin/tftp").isExecutable(), "/usr/bin/tftp is missing: install tftp-hpa");
-        QTemporaryDir temp;
-        QDir root(temp.path());
-        QVERIFY(root.mkdir(QStringLiteral("flash")) && root.mkdir(QStringLiteral("backups")));
-        TransferMonitor monitor;
-        AccessList acl;
-        acl.appendEntry({ "127.0.0.0", "255.0.0.0", QString(), QString(), root.filePath("backups"), 8 });
-        TftpServer server(&monitor, &acl);
-        const quint16 port = tw::test::freeUdpPort();
-        server.setPort(port);
-        m_flash->tftpPort = QString::number(port);
+        tftptest::Fixture tftp; // its share folder takes the backups
+        QDir root(tftp.dir.path());
+        QVERIFY(root.mkdir(QStringLiteral("flash")));
+        m_flash->tftpPort = QString::number(tftp.port);
         m_flash->uploadDir = root.filePath("flash");
-        server.setBindAddress(QHostAddress::LocalHost);
-        server.setTraceFilePath(root.filePath("bugfix.ini"));
-        QVERIFY2(server.start(), qPrintable(server.errorString()));
 
         m_console->session()->ConnectTCP(QStringLiteral("127.0.0.1"));
         QTRY_VERIFY(terminal().contains(QLatin1String("R1#")));
@@ -327,7 +314,7 @@ private Q_SLOTS:
                        "tftp\r127.0.0.1\r\r"));
         QCOMPARE(m_messages.size(), 1);
         for (auto [name, bytes] : flash.asKeyValueRange()) // the last block may land after the put ends
-            QTRY_COMPARE(tw::test::readFile(root.filePath("backups/" + name)), bytes);
+            QTRY_COMPARE(tw::test::readFile(tftp.path(name)), bytes);
 
         // The device's answers show in the terminal, not as rows; asking again starts a fresh
         // list; closing hands the device's text back to the terminal.
