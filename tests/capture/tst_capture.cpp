@@ -32,14 +32,13 @@ class TestCapture : public QObject
     // tftp-hpa's or atftp's put of `bytes`, run while the event loop keeps serving.
     void put(const QString &program, const QByteArray &bytes, const QString &remote, quint16 port)
     {
-        const QString local = m_dir.filePath(remote + QStringLiteral(".local")), p = QString::number(port);
+        const QString local = m_dir.filePath(remote + QStringLiteral(".local"));
         QVERIFY(tw::test::writeFile(local, bytes));
         int exitCode = -1;
         const QByteArray said = tftptest::run(program,
-            program == QLatin1String("atftp")
-                ? QStringList { "-p", "-r", remote, "-l", local, "127.0.0.1", p }
-                : QStringList { "-m", "binary", "127.0.0.1", p, "-c", "put", local, remote },
-            &exitCode);
+            program == QLatin1String("atftp") ? "-p|-r|" + remote + "|-l|%L|127.0.0.1|%P"
+                                              : "-m|binary|127.0.0.1|%P|-c|put|%L|" + remote,
+            port, local, &exitCode);
         QVERIFY2(exitCode == 0, said.constData());
     }
 
