@@ -242,6 +242,15 @@ private Q_SLOTS:
         QTRY_COMPARE(f.transfer(2, TM::From), QString("bye"));
         QCOMPARE(f.transfer(1, TM::From), QString("No Such File")); // the access row (1) is not touched
         QTRY_COMPARE(f.socket(2), QString("ready"));
+        // A name leaving the folder: refused while confined, served when not.
+        QVERIFY(writeFile(f.dir.filePath("out.bin"), "outside"));
+        for (const bool confined : { true, false }) {
+            f.server.setConfine(confined);
+            f.server.waitForEngine();
+            Client c;
+            QCOMPARE(c.ask(request(1, "../out.bin"), f.port),
+                confined ? error(2, "Access violation") : packet(3, 1, "outside"));
+        }
         // Requests with their answers; reads are refused from here on. A request without its last NUL
         // and an option without a value are read as tftp-hpa reads them.
         f.acl.appendEntry({ "127.0.0.1", maskDisplayForm(32), "no", "yes", f.folder, 32 });
