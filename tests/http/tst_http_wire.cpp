@@ -49,11 +49,10 @@ private Q_SLOTS:
         };
         for (const auto &[header, kind, first, last] : rows) {
             const ByteRange range = HttpWire::parseRange(header, 1000);
-            const bool none = range.kind == ByteRange::Unsatisfiable; // its bounds mean nothing
-            const QString seen
-                = QStringLiteral("%1 %2 %3-%4").arg(QLatin1String(header)).arg(int(range.kind));
-            QCOMPARE(seen.arg(none ? 0 : range.first).arg(none ? 0 : range.last),
-                QStringLiteral("%1 %2 %3-%4").arg(QLatin1String(header)).arg(kind).arg(first).arg(last));
+            const bool boundsMatter = range.kind != ByteRange::Unsatisfiable;
+            QVERIFY2(
+                int(range.kind) == kind && (!boundsMatter || (range.first == first && range.last == last)),
+                header);
         }
     }
 };
