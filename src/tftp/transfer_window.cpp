@@ -2,6 +2,7 @@
 
 #include "tftp/laid_out_text_delegate.h"
 #include "tftp/progress_delegate.h"
+#include "tftp/report_view.h"
 #include "tftp/transfer_monitor.h"
 #include "util/twips.h"
 
@@ -10,16 +11,13 @@
 #include <QMenuBar>
 #include <QResizeEvent>
 #include <QStyle>
-#include <QTreeView>
 
 namespace {
-QTreeView *makeReportView(QAbstractItemModel *model, const QString &name, QWidget *parent)
+ReportView *makeReportView(QAbstractItemModel *model, const QString &name, QWidget *parent)
 {
-    auto *view = new QTreeView(parent);
+    auto *view = new ReportView(parent);
     view->setObjectName(name);
     view->setModel(model);
-    view->setRootIsDecorated(false);
-    view->setUniformRowHeights(true);
     view->setAlternatingRowColors(true);
     view->setSelectionMode(QAbstractItemView::ExtendedSelection);
     view->setEditTriggers(QAbstractItemView::NoEditTriggers);

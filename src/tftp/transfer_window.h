@@ -3,7 +3,7 @@
 #include "util/child_window.h"
 
 class QMenuBar;
-class QTreeView;
+class ReportView;
 class TransferMonitor;
 
 // The "Transfer" window: shows the monitor's transfer list (ListView1) above
@@ -16,8 +16,8 @@ class TransferWindow : public ChildWindow
 public:
     explicit TransferWindow(TransferMonitor *monitor, QWidget *parent = nullptr);
 
-    QTreeView *transferList() const { return m_transferList; }
-    QTreeView *socketTable() const { return m_socketTable; }
+    ReportView *transferList() const { return m_transferList; }
+    ReportView *socketTable() const { return m_socketTable; }
 
     // Shows the profile without emitting standardProfileToggled.
     void setStandardProfile(bool on);
@@ -38,6 +38,6 @@ private:
 
     QMenuBar *m_menuBar;
     QAction *m_standard;
-    QTreeView *m_transferList;
-    QTreeView *m_socketTable;
+    ReportView *m_transferList;
+    ReportView *m_socketTable;
 };

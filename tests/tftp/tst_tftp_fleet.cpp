@@ -2,6 +2,7 @@
 // repeated requests, a thousand transfers at once, the port handed between profiles, and files that
 // are not what they seem (a FIFO, a file that shrinks while it is read).
 
+#include "tftp/report_view.h"
 #include "tftp/standard_engine.h"
 #include "tftp/standard_transfer.h"
 #include "tftp/transfer_window.h"
@@ -10,7 +11,6 @@
 #include <QHeaderView>
 #include <QPixmapCache>
 #include <QScrollBar>
-#include <QTreeView>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -264,7 +264,7 @@ private Q_SLOTS:
             return window.transferList()->viewport()->grab().toImage();
         };
         TransferWindow drawn(&monitor);
-        QTreeView *list = drawn.transferList();
+        ReportView *list = drawn.transferList();
         for (const int width : { 250, 1000 }) {
             QVERIFY(shown(drawn, width));
             QTRY_COMPARE(list->horizontalScrollBar()->maximum(), 0);
@@ -287,6 +287,60 @@ private Q_SLOTS:
             QVERIFY(shown(fresh, width));
             QCOMPARE(redrawn, picture(fresh));
         }
+    }
+
+    // The list repaints only what new, changed and removed rows touch: what is on screen after rows
+    // came, changed and went while it was shown must be what a list drawn afresh shows. A click
+    // selects the whole row, and the keys move through the rows and keep the current one in view.
+    void transferListUpdatesInPlace()
+    {
+        TransferMonitor monitor;
+        const auto add = [&](int n) {
+            for (int i = 0; i < n; ++i)
+                monitor.addTransfer(QStringLiteral("f%1.bin").arg(monitor.transfers()->rowCount()), "127.0.0.1",
+                    "127.0.0.1", "Allowed");
+        };
+        const auto show = [](TransferWindow &window) {
+            window.resize(700, 400);
+            window.show();
+            return QTest::qWaitForWindowExposed(&window);
+        };
+        const auto onScreen = [](TransferWindow &window) { // offscreen: the window's backing store as it is
+            window.transferList()->selectionModel()->clearCurrentIndex(); // the focus frame of the active one
+            for (int turn = 0; turn < 3; ++turn) // what is asked for so far: the header's deferred
+                QCoreApplication::processEvents(); // stretch, the scroll bar, the repaints they ask for
+            QWidget *port = window.transferList()->viewport();
+            const QImage all = window.screen()->grabWindow(window.winId()).toImage();
+            return all.copy(QRect(port->mapTo(&window, QPoint(0, 0)), port->size()));
+        };
+        add(3);
+        TransferWindow window(&monitor);
+        QVERIFY(show(window));
+        // Another window taking the focus redraws all: the picture is taken before.
+        const auto asIfFresh = [&] {
+            const QImage seen = onScreen(window);
+            TransferWindow fresh(&monitor);
+            const bool same = show(fresh) && QTest::qWaitFor([&] { return onScreen(fresh) == seen; });
+            window.activateWindow();
+            return QTest::qWaitForWindowActive(&window) && same;
+        };
+        add(1); // in view
+        monitor.setTransferText(2, TM::DataSentReceived, "5000 of 10000 bytes (50%)");
+        QVERIFY(asIfFresh());
+        add(40); // below the view: the scroll bar comes, the last column narrows
+        QVERIFY(asIfFresh());
+        monitor.setKeepRows(30); // the oldest go: every row moves up
+        QVERIFY(asIfFresh());
+
+        ReportView *list = window.transferList();
+        const QAbstractItemModel *rows = monitor.transfers();
+        QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualRect(rows->index(1, 2)).center());
+        QCOMPARE(list->selectionModel()->selectedRows(), QModelIndexList { rows->index(1, 0) });
+        QTest::keyClick(list, Qt::Key_Down);
+        QCOMPARE(list->currentIndex().row(), 2);
+        QTest::keyClick(list, Qt::Key_End, Qt::ShiftModifier);
+        QCOMPARE(list->selectionModel()->selectedRows().size(), 28); // rows 2 to 29
+        QVERIFY(list->viewport()->rect().contains(list->visualRect(rows->index(29, 0))));
     }
 };
 
