@@ -4,31 +4,35 @@
 #include <QPainter>
 #include <QPixmapCache>
 #include <QStaticText>
+#include <QStringBuilder>
 #include <QStyle>
 #include <QStyleOptionProgressBar>
 
 namespace {
 
-// The bar without its label, drawn by the style once per size, percentage and
-// look, then copied: many transfers of one image run at about the same pace,
-// so the same few bars are on screen again and again, and the style's
-// gradients and rounded frame are far dearer to draw than to copy.
-QPixmap barPicture(const QStyleOptionViewItem &option, QSize size, int percent)
+// Everything but the percentage that a bar's picture depends on.
+QString barLook(const QStyleOptionViewItem &option, QSize size)
+{
+    const QWidget *widget = option.widget;
+    const int state
+        = int(option.state & (QStyle::State_Enabled | QStyle::State_Active | QStyle::State_Selected));
+    const QChar dash = QLatin1Char('-');
+    return QStringLiteral("tw-progress-") % QString::number(size.width()) % QLatin1Char('x')
+        % QString::number(size.height()) % dash % QString::number(state) % dash % QString::number(option.direction)
+        % dash % QString::number(option.palette.cacheKey()) % dash
+        % QString::number(quintptr(widget ? widget->style() : QApplication::style())) % dash
+        % QString::number(widget ? widget->devicePixelRatioF() : qApp->devicePixelRatio());
+}
+
+// The bar without its label, drawn by the style once per look and percentage,
+// then copied: the style's gradients and rounded frame are far dearer to draw
+// than to copy.
+QPixmap barPicture(const QString &look, const QStyleOptionViewItem &option, QSize size, int percent)
 {
     const QWidget *widget = option.widget;
     QStyle *style = widget ? widget->style() : QApplication::style();
     const qreal ratio = widget ? widget->devicePixelRatioF() : qApp->devicePixelRatio();
-    const int state
-        = int(option.state & (QStyle::State_Enabled | QStyle::State_Active | QStyle::State_Selected));
-    const QString key = QStringLiteral("tw-progress-%1x%2-%3-%4-%5-%6-%7-%8")
-                            .arg(size.width())
-                            .arg(size.height())
-                            .arg(percent)
-                            .arg(state)
-                            .arg(int(option.direction))
-                            .arg(option.palette.cacheKey())
-                            .arg(quintptr(style))
-                            .arg(ratio);
+    const QString key = look + QLatin1Char('-') + QString::number(percent);
     QPixmap picture;
     if (QPixmapCache::find(key, &picture))
         return picture;
@@ -52,7 +56,83 @@ QPixmap barPicture(const QStyleOptionViewItem &option, QSize size, int percent)
     return picture;
 }
 
+// Where the style ends the filled part of a bar `width` wide.
+int filledEnd(int width, int percent)
+{
+    return int(qint64(width) * percent / 100);
+}
+
+// The bar for `percent` put together from three pictures of its look, each
+// drawn by the style once: the filled part from the 99% bar, the end of the
+// filled part moved there from the 50% bar, and the rest from the empty bar.
+// Along a bar the style's pictures change only near its two ends and where
+// the filled part ends, so this is the style's own picture wherever the
+// filled part ends well away from the bar's ends (checked once per look).
+void drawComposedBar(
+    QPainter *painter, QPoint at, const QString &look, const QStyleOptionViewItem &option, QSize size, int percent)
+{
+    const int width = size.width();
+    const int height = size.height();
+    const int end = filledEnd(width, percent);
+    const int moved = filledEnd(width, 50) - end;
+    constexpr int before = 3; // columns of the filled part's end left of `end`
+    constexpr int after = 2; // and from `end` on
+    painter->drawPixmap(QRect(at.x(), at.y(), end - before, height), barPicture(look, option, size, 99),
+        QRect(0, 0, end - before, height));
+    painter->drawPixmap(QRect(at.x() + end - before, at.y(), before + after, height),
+        barPicture(look, option, size, 50), QRect(end - before + moved, 0, before + after, height));
+    painter->drawPixmap(QRect(at.x() + end + after, at.y(), width - end - after, height),
+        barPicture(look, option, size, 0), QRect(end + after, 0, width - end - after, height));
+}
+
 } // namespace
+
+ProgressDelegate::Composed ProgressDelegate::composedRange(
+    const QString &look, const QStyleOptionViewItem &option, QSize size) const
+{
+    // Left to right at one device pixel per pixel, far enough from the ends
+    // for the filled part's end to be drawn whole on the bar's middle.
+    constexpr int margin = 8;
+    const QWidget *widget = option.widget;
+    const qreal ratio = widget ? widget->devicePixelRatioF() : qApp->devicePixelRatio();
+    if (option.direction != Qt::LeftToRight || ratio != 1.0 || size.width() < 4 * margin)
+        return {};
+    auto known = m_composed.constFind(look);
+    if (known != m_composed.constEnd())
+        return *known;
+    Composed range;
+    range.lowest = 1;
+    while (filledEnd(size.width(), range.lowest) < margin)
+        ++range.lowest;
+    range.highest = 99;
+    while (filledEnd(size.width(), range.highest) > size.width() - margin)
+        --range.highest;
+    // Once per look: is the put-together bar the style's at both ends of that
+    // range? (Some styles shade a bar along its length.)
+    for (const int percent : { range.lowest, range.highest }) {
+        QPixmap composed(size);
+        composed.fill(Qt::transparent);
+        QPainter painter(&composed);
+        drawComposedBar(&painter, QPoint(0, 0), look, option, size, percent);
+        painter.end();
+        if (composed.toImage() != barPicture(look, option, size, percent).toImage())
+            range = {};
+    }
+    if (m_composed.size() >= 64) // a window dragged wider and narrower
+        m_composed.clear();
+    return *m_composed.insert(look, range);
+}
+
+void ProgressDelegate::drawBar(QPainter *painter, QPoint at, const QStyleOptionViewItem &option, QSize size,
+    int percent) const
+{
+    const QString look = barLook(option, size);
+    const Composed range = composedRange(look, option, size);
+    if (percent >= range.lowest && percent <= range.highest)
+        drawComposedBar(painter, at, look, option, size, percent);
+    else
+        painter->drawPixmap(at, barPicture(look, option, size, percent));
+}
 
 int ProgressDelegate::percentOf(const QString &text)
 {
@@ -78,7 +158,7 @@ void ProgressDelegate::paint(
     const QRect rect = option.rect.adjusted(1, 1, -1, -1);
     if (rect.isEmpty())
         return;
-    painter->drawPixmap(rect.topLeft(), barPicture(option, rect.size(), percent));
+    drawBar(painter, rect.topLeft(), option, rect.size(), percent);
 
     // The label, laid out once and drawn twice: in the text colour over the
     // empty part of the bar and in the highlighted-text colour over the filled

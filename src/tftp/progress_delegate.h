@@ -17,4 +17,17 @@ public:
 
     void paint(
         QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override;
+
+private:
+    // The percentages whose bars are put together from three pictures of the
+    // look instead of one picture each (none: lowest 101).
+    struct Composed
+    {
+        int lowest = 101;
+        int highest = -1;
+    };
+    Composed composedRange(const QString &look, const QStyleOptionViewItem &option, QSize size) const;
+    void drawBar(QPainter *painter, QPoint at, const QStyleOptionViewItem &option, QSize size, int percent) const;
+
+    mutable QHash<QString, Composed> m_composed; // per look (see barLook)
 };

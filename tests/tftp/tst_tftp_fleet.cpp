@@ -2,15 +2,20 @@
 // repeated requests, a thousand transfers at once, the port handed between profiles, and files that
 // are not what they seem (a FIFO, a file that shrinks while it is read).
 
+#include "tftp/progress_delegate.h"
 #include "tftp/report_view.h"
 #include "tftp/standard_engine.h"
 #include "tftp/standard_transfer.h"
 #include "tftp/transfer_window.h"
 #include "tftp_test_peer.h"
 
+#include <QApplication>
 #include <QHeaderView>
+#include <QPainter>
 #include <QPixmapCache>
 #include <QScrollBar>
+#include <QStandardItemModel>
+#include <QStyleOptionProgressBar>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -286,6 +291,45 @@ private Q_SLOTS:
             TransferWindow fresh(&monitor);
             QVERIFY(shown(fresh, width));
             QCOMPARE(redrawn, picture(fresh));
+        }
+    }
+
+    // Most bars are put together from three pictures the style drew: every one must be the style's
+    // own bar, whatever the percentage and width (the label made invisible here).
+    void progressBarsAreTheStyles()
+    {
+        QStandardItemModel model(1, 1);
+        ProgressDelegate delegate;
+        QStyleOptionViewItem option;
+        option.state = QStyle::State_Enabled | QStyle::State_Active;
+        option.palette.setColor(QPalette::Text, Qt::transparent);
+        option.palette.setColor(QPalette::HighlightedText, Qt::transparent);
+        for (const int width : { 40, 121, 360 }) {
+            const QSize size(width, 17);
+            option.rect = QRect(QPoint(0, 0), size);
+            for (int percent = 0; percent <= 100; ++percent) {
+                model.setData(model.index(0, 0), QStringLiteral("%1 of 100 bytes (%1%)").arg(percent));
+                QImage drawn(size, QImage::Format_ARGB32_Premultiplied);
+                drawn.fill(Qt::white);
+                QPainter onDrawn(&drawn);
+                delegate.paint(&onDrawn, option, model.index(0, 0));
+                onDrawn.end();
+                QStyleOptionProgressBar bar; // drawn on its own, then laid on the row as the list does
+                bar.rect = QRect(0, 0, width - 2, size.height() - 2);
+                bar.state = option.state | QStyle::State_Horizontal;
+                bar.palette = option.palette;
+                bar.maximum = 100;
+                bar.progress = percent;
+                QImage alone(bar.rect.size(), QImage::Format_ARGB32_Premultiplied);
+                alone.fill(Qt::transparent);
+                QPainter onAlone(&alone);
+                QApplication::style()->drawControl(QStyle::CE_ProgressBar, &bar, &onAlone);
+                onAlone.end();
+                QImage styles(size, QImage::Format_ARGB32_Premultiplied);
+                styles.fill(Qt::white);
+                QPainter(&styles).drawImage(1, 1, alone);
+                QVERIFY2(drawn == styles, qPrintable(QStringLiteral("%1% at %2 pixels").arg(percent).arg(width)));
+            }
         }
     }
 
