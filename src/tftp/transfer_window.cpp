@@ -45,6 +45,10 @@ TransferWindow::TransferWindow(TransferMonitor *monitor, QWidget *parent)
     m_menuBar->addAction(m_standard);
     connect(m_standard, &QAction::triggered, this, &TransferWindow::standardProfileToggled);
     m_transferList->setItemDelegateForColumn(TransferMonitor::DataSentReceived, new ProgressDelegate(this));
+    // The columns are fitted with room for the scroll bar, and it stays there:
+    // when the list fills, the columns do not narrow and redraw (every bar
+    // then has a new width) while the transfers that filled it are starting.
+    m_transferList->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);
     QAction *http = m_menuBar->addAction(QStringLiteral("HTTP Server..."));
     http->setObjectName(QStringLiteral("MnuHttpServer"));
     connect(http, &QAction::triggered, this, &TransferWindow::httpServerRequested);

@@ -42,6 +42,16 @@ struct MemoryNet : EngineNet
     QString errorString() const override { return {}; }
 };
 
+// The list as the user sees it: what the window asked for so far done (the
+// header's deferred stretch, scroll bars shown or hidden, the repaints they
+// ask for), and no focus frame (only the active window has one).
+void settle(TransferWindow &window)
+{
+    window.transferList()->selectionModel()->clearCurrentIndex();
+    for (int turn = 0; turn < 3; ++turn)
+        QCoreApplication::processEvents();
+}
+
 } // namespace
 
 class TestTftpFleet : public QObject
@@ -265,7 +275,7 @@ private Q_SLOTS:
             return QTest::qWaitForWindowExposed(&window);
         };
         const auto picture = [](TransferWindow &window) {
-            window.transferList()->selectionModel()->clearCurrentIndex(); // the focus frame of the active one
+            settle(window);
             return window.transferList()->viewport()->grab().toImage();
         };
         TransferWindow drawn(&monitor);
@@ -350,9 +360,7 @@ private Q_SLOTS:
             return QTest::qWaitForWindowExposed(&window);
         };
         const auto onScreen = [](TransferWindow &window) { // offscreen: the window's backing store as it is
-            window.transferList()->selectionModel()->clearCurrentIndex(); // the focus frame of the active one
-            for (int turn = 0; turn < 3; ++turn) // what is asked for so far: the header's deferred
-                QCoreApplication::processEvents(); // stretch, the scroll bar, the repaints they ask for
+            settle(window);
             QWidget *port = window.transferList()->viewport();
             const QImage all = window.screen()->grabWindow(window.winId()).toImage();
             return all.copy(QRect(port->mapTo(&window, QPoint(0, 0)), port->size()));
