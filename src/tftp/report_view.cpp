@@ -21,6 +21,9 @@ ReportView::ReportView(QWidget *parent)
     connect(m_header, &QHeaderView::sectionResized, this, &ReportView::relayout);
     connect(m_header, &QHeaderView::sectionMoved, this, &ReportView::relayout);
     connect(m_header, &QHeaderView::geometriesChanged, this, &ReportView::updateGeometries);
+    m_pendingRanges.setSingleShot(true);
+    m_pendingRanges.setInterval(250);
+    connect(&m_pendingRanges, &QTimer::timeout, this, &ReportView::updateScrollRanges);
 }
 
 int ReportView::columnWidth(int column) const
@@ -101,6 +104,8 @@ void ReportView::scrollTo(const QModelIndex &index, ScrollHint hint)
 {
     if (!index.isValid() || m_removingRows)
         return;
+    if (m_pendingRanges.isActive())
+        updateScrollRanges();
     const int top = index.row() * rowHeight();
     const int height = viewport()->height();
     QScrollBar *bar = verticalScrollBar();
@@ -299,6 +304,7 @@ void ReportView::updateGeometries()
 
 void ReportView::updateScrollRanges()
 {
+    m_pendingRanges.stop();
     QScrollBar *vertical = verticalScrollBar();
     vertical->setSingleStep(rowHeight());
     vertical->setPageStep(viewport()->height());
@@ -315,11 +321,18 @@ void ReportView::rowsInserted(const QModelIndex &parent, int start, int end)
     QAbstractItemView::rowsInserted(parent, start, end);
     if (parent != rootIndex())
         return;
+    const int top = start * rowHeight() - verticalOffset();
+    if (top >= viewport()->height()) {
+        // Below the view only the scroll bar changes. It catches up a quarter
+        // of a second later, so that a burst of new transfers redraws it once
+        // rather than batch after batch.
+        if (!m_pendingRanges.isActive())
+            m_pendingRanges.start();
+        return;
+    }
     updateScrollRanges();
     // Only what is in view from the first new row down has changed.
-    const int top = start * rowHeight() - verticalOffset();
-    if (top < viewport()->height())
-        viewport()->update(0, qMax(0, top), viewport()->width(), viewport()->height() - qMax(0, top));
+    viewport()->update(0, qMax(0, top), viewport()->width(), viewport()->height() - qMax(0, top));
 }
 
 void ReportView::rowsAboutToBeRemoved(const QModelIndex &parent, int start, int end)

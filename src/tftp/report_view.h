@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QAbstractItemView>
+#include <QTimer>
 
 class QHeaderView;
 
@@ -53,6 +54,7 @@ private:
     void relayout();
 
     QHeaderView *m_header;
+    QTimer m_pendingRanges; // rows were added below the view: the scroll bar is behind
     bool m_removingRows = false;
     mutable int m_rowHeight = 0; // 0: measure again (the font or the style changed)
 };

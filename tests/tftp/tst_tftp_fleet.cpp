@@ -372,7 +372,11 @@ private Q_SLOTS:
         const auto asIfFresh = [&] {
             const QImage seen = onScreen(window);
             TransferWindow fresh(&monitor);
-            const bool same = show(fresh) && QTest::qWaitFor([&] { return onScreen(fresh) == seen; });
+            const bool same = show(fresh) && QTest::qWaitFor([&] { return onScreen(fresh) == seen; })
+                && QTest::qWaitFor([&] { // the scroll bar may catch up a little later
+                       return window.transferList()->verticalScrollBar()->maximum()
+                           == fresh.transferList()->verticalScrollBar()->maximum();
+                   });
             window.activateWindow();
             return QTest::qWaitForWindowActive(&window) && same;
         };
