@@ -18,8 +18,8 @@ QString barLook(const QStyleOptionViewItem &option, QSize size)
         = int(option.state & (QStyle::State_Enabled | QStyle::State_Active | QStyle::State_Selected));
     const QChar dash = QLatin1Char('-');
     return QStringLiteral("tw-progress-") % QString::number(size.width()) % QLatin1Char('x')
-        % QString::number(size.height()) % dash % QString::number(state) % dash % QString::number(option.direction)
-        % dash % QString::number(option.palette.cacheKey()) % dash
+        % QString::number(size.height()) % dash % QString::number(state) % dash
+        % QString::number(option.direction) % dash % QString::number(option.palette.cacheKey()) % dash
         % QString::number(quintptr(widget ? widget->style() : QApplication::style())) % dash
         % QString::number(widget ? widget->devicePixelRatioF() : qApp->devicePixelRatio());
 }
@@ -68,8 +68,8 @@ int filledEnd(int width, int percent)
 // Along a bar the style's pictures change only near its two ends and where
 // the filled part ends, so this is the style's own picture wherever the
 // filled part ends well away from the bar's ends (checked once per look).
-void drawComposedBar(
-    QPainter *painter, QPoint at, const QString &look, const QStyleOptionViewItem &option, QSize size, int percent)
+void drawComposedBar(QPainter *painter, QPoint at, const QString &look, const QStyleOptionViewItem &option,
+    QSize size, int percent)
 {
     const int width = size.width();
     const int height = size.height();
@@ -123,8 +123,8 @@ ProgressDelegate::Composed ProgressDelegate::composedRange(
     return *m_composed.insert(look, range);
 }
 
-void ProgressDelegate::drawBar(QPainter *painter, QPoint at, const QStyleOptionViewItem &option, QSize size,
-    int percent) const
+void ProgressDelegate::drawBar(
+    QPainter *painter, QPoint at, const QStyleOptionViewItem &option, QSize size, int percent) const
 {
     const QString look = barLook(option, size);
     const Composed range = composedRange(look, option, size);

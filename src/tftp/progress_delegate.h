@@ -27,7 +27,8 @@ private:
         int highest = -1;
     };
     Composed composedRange(const QString &look, const QStyleOptionViewItem &option, QSize size) const;
-    void drawBar(QPainter *painter, QPoint at, const QStyleOptionViewItem &option, QSize size, int percent) const;
+    void drawBar(
+        QPainter *painter, QPoint at, const QStyleOptionViewItem &option, QSize size, int percent) const;
 
     mutable QHash<QString, Composed> m_composed; // per look (see barLook)
 };

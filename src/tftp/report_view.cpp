@@ -66,7 +66,8 @@ int ReportView::rowHeight() const
         initViewItemOption(&option);
         option.features |= QStyleOptionViewItem::HasDisplay;
         option.text = QStringLiteral("Xg");
-        m_rowHeight = qMax(1, style()->sizeFromContents(QStyle::CT_ItemViewItem, &option, QSize(), this).height());
+        m_rowHeight
+            = qMax(1, style()->sizeFromContents(QStyle::CT_ItemViewItem, &option, QSize(), this).height());
     }
     return m_rowHeight;
 }

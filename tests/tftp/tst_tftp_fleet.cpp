@@ -338,7 +338,8 @@ private Q_SLOTS:
                 QImage styles(size, QImage::Format_ARGB32_Premultiplied);
                 styles.fill(Qt::white);
                 QPainter(&styles).drawImage(1, 1, alone);
-                QVERIFY2(drawn == styles, qPrintable(QStringLiteral("%1% at %2 pixels").arg(percent).arg(width)));
+                QVERIFY2(
+                    drawn == styles, qPrintable(QStringLiteral("%1% at %2 pixels").arg(percent).arg(width)));
             }
         }
     }
@@ -351,8 +352,8 @@ private Q_SLOTS:
         TransferMonitor monitor;
         const auto add = [&](int n) {
             for (int i = 0; i < n; ++i)
-                monitor.addTransfer(QStringLiteral("f%1.bin").arg(monitor.transfers()->rowCount()), "127.0.0.1",
-                    "127.0.0.1", "Allowed");
+                monitor.addTransfer(QStringLiteral("f%1.bin").arg(monitor.transfers()->rowCount()),
+                    "127.0.0.1", "127.0.0.1", "Allowed");
         };
         const auto show = [](TransferWindow &window) {
             window.resize(700, 400);
