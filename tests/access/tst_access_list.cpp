@@ -178,7 +178,6 @@ void TestAccessList::octetKeys()
     const char *const rows[][2] = {
         { "300", "255.0*.0.0" }, // capped, and the third digit moves on
         { "07", "7*.0.0.0" }, // a leading zero is dropped
-        { "10.1.22.3", "10.1.22.3*" },
         { "1.2.3.4.", "1.2.3.4*" }, // nowhere to go from the last box
         { "1a-/ 2", "12*.0.0.0" }, // only digits go in
         { "5.\b\b", "5*.0.0.0" }, // backspace in an empty box goes back
