@@ -249,36 +249,26 @@ void TestSnmpAgent::v3LevelsAndErrors()
 {
     SnmpMonitor monitor([] { return QStringLiteral("127.0.0.1"); });
     monitor.setIntervalMs(1000);
-    struct Case
-    {
-        const char *user;
-        SnmpTarget::Level level;
-        SnmpTarget::Auth auth;
-        const char *authPassword;
-        const char *privPassword;
-        const char *state; // what the state starts with
-    };
     using L = SnmpTarget::Level;
     using A = SnmpTarget::Auth;
-    const Case cases[] = {
-        { "tw-noauth", L::NoAuthNoPriv, A::Sha1, "", "", "OK " },
-        { "tw-authpriv", L::AuthPriv, A::Sha256, "auth-secret-1", "wrong-secret", "Decryption error" },
-        { "tw-nobody", L::AuthNoPriv, A::Sha1, "auth-secret-2", "", "Unknown user name \"tw-nobody\"" },
-        { "tw-auth", L::AuthNoPriv, A::Sha1, "auth-secret-2", "", "OK " },
-    };
-    for (const Case &c : cases) {
-        SnmpTarget t = target(QLatin1String(c.user));
-        t.level = c.level;
-        t.auth = c.auth;
+    // User, level, authentication, its password, the privacy password, what the state starts with.
+    for (const auto &[user, level, auth, authPassword, privPassword, state] :
+        std::initializer_list<std::tuple<QString, L, A, QString, QString, QString>> {
+            { "tw-noauth", L::NoAuthNoPriv, A::Sha1, "", "", "OK " },
+            { "tw-authpriv", L::AuthPriv, A::Sha256, "auth-secret-1", "wrong-secret", "Decryption error" },
+            { "tw-nobody", L::AuthNoPriv, A::Sha1, "auth-secret-2", "", "Unknown user name \"tw-nobody\"" },
+            { "tw-auth", L::AuthNoPriv, A::Sha1, "auth-secret-2", "", "OK " } }) {
+        SnmpTarget t = target(user);
+        t.level = level;
+        t.auth = auth;
         t.priv = SnmpTarget::Priv::Aes128;
-        t.authPassword = QLatin1String(c.authPassword);
-        t.privPassword = QLatin1String(c.privPassword);
+        t.authPassword = authPassword;
+        t.privPassword = privPassword;
         monitor.setTarget(t);
         monitor.start();
-        QTRY_VERIFY2_WITH_TIMEOUT(monitor.state().startsWith(QLatin1String(c.state)),
-            qPrintable(QLatin1String(c.user) + ": " + monitor.state()), 30000);
-        if (QLatin1String(c.state) == QLatin1String("OK "))
-            QVERIFY(monitor.table()->rowCount() > 0);
+        QTRY_VERIFY2_WITH_TIMEOUT(
+            monitor.state().startsWith(state), qPrintable(user + ": " + monitor.state()), 30000);
+        QVERIFY(state != QLatin1String("OK ") || monitor.table()->rowCount() > 0);
     }
     // An agent that stops answering shows as such after the time-out and tries; polling carries on and
     // picks up again once it is back.
@@ -400,7 +390,6 @@ void TestSnmpAgent::pageWithoutKeyring()
     SnmpPage page([] { return QStringLiteral("127.0.0.1"); });
     page.show();
     auto *version = page.findChild<QComboBox *>(QStringLiteral("SnmpVersion"));
-    QCOMPARE(version->currentText(), QStringLiteral("v1 (classic)"));
     version->setCurrentIndex(2);
     page.findChild<QLineEdit *>(QStringLiteral("SnmpUser"))->setText(QStringLiteral("tw-authpriv"));
     page.findChild<QComboBox *>(QStringLiteral("SnmpAuth"))->setCurrentText(QStringLiteral("SHA-256"));
