@@ -1,9 +1,6 @@
 #include "console/connection_history.h"
 #include "console/console_session.h"
-#include "console/console_window.h"
 #include "console/modem_options.h"
-#include "console/terminal_view.h"
-#include "pty_device.h"
 #include "test_support.h"
 
 #include <QAction>
@@ -13,14 +10,12 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSettings>
-#include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
-#include <QTimer>
 
 // A port per network connection (the text --connect takes, the dialog, the
-// history) and the serial BREAK, against a local TCP device and a pseudo-terminal.
+// history), against a local TCP device.
 class TestConsolePorts : public QObject
 {
     Q_OBJECT
@@ -124,45 +119,6 @@ private Q_SLOTS:
         again.show();
         choose(again.connectWith(), QStringLiteral("History0"));
         QCOMPARE(again.portBox()->text(), QString::number(m_device.serverPort()));
-    }
-
-    void breakOnEveryKind()
-    {
-        ConsoleWindow window;
-        window.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&window));
-        ConsoleSession &session = *window.session();
-        PtyDevice line;
-        session.ConnectModem(line.path, "9600", "None", "8", "1", "Xon/Xoff");
-        QVERIFY(session.serialOpen());
-        QTRY_COMPARE(line.received(), QByteArray("\r"));
-
-        // Ctrl+Break, then "Send Break": the two bytes each time, then the
-        // line held in break until a 300 ms timer lets it go.
-        QSignalSpy breakState(session.serialPort(), &QSerialPort::breakEnabledChanged);
-        const auto *release = session.findChild<QTimer *>(QStringLiteral("BreakTimer"));
-        QTest::keyClick(window.consoleBox(), Qt::Key_Pause, Qt::ControlModifier);
-        QVERIFY(session.serialPort()->isBreakEnabled()); // no event has run since the key
-        QVERIFY(release->isActive() && release->isSingleShot());
-        QTRY_COMPARE(line.received(), QByteArray("\r\xff\xf3"));
-        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 2, 30000);
-        window.sendBreakAction()->trigger();
-        QTRY_COMPARE(line.received(), QByteArray("\r\xff\xf3\xff\xf3"));
-        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 4, 30000);
-        QCOMPARE(breakState.at(2).first().toBool(), true);
-        session.disconnectSession();
-
-        // On TCP the menu entry sends the bytes only.
-        ConsoleSession::setTelnetPort(m_device.serverPort());
-        session.ConnectTCP(QStringLiteral("127.0.0.1"));
-        QVERIFY(m_device.waitForNewConnection(30000));
-        QTcpSocket *device = m_device.nextPendingConnection();
-        QTRY_VERIFY(session.tcpConnected());
-        window.sendBreakAction()->trigger();
-        QByteArray got;
-        QTRY_COMPARE(got += device->readAll(), QByteArray("\xff\xf3"));
-        QCOMPARE(breakState.count(), 4);
-        delete device;
     }
 };
 

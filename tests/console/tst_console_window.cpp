@@ -212,7 +212,11 @@ private Q_SLOTS:
         ConsoleSession &session = *m_window->session();
         QTcpSocket *device = acceptDevice(session);
         QVERIFY(device);
-        connect(device, &QTcpSocket::readyRead, device, [device] { device->write(device->readAll()); });
+        QByteArray atDevice;
+        connect(device, &QTcpSocket::readyRead, device, [device, &atDevice] {
+            atDevice += device->peek(device->bytesAvailable());
+            device->write(device->readAll());
+        });
         PtyDevice line;
         session.ConnectModem(line.path, "19200", "Even", "7", "2", "Xon/Xoff");
         QVERIFY(session.serialOpen());
@@ -228,12 +232,24 @@ private Q_SLOTS:
         for (Qt::Key key : { Qt::Key_Tab, Qt::Key_Left, Qt::Key_Down, Qt::Key_Pause, Qt::Key_Delete })
             QTest::keyClick(box, key);
         QTest::keyClick(box, Qt::Key_A, Qt::ControlModifier);
+        // Ctrl+Break: the pair, then the line held in break until a single-shot timer lets it go.
+        QSignalSpy breakState(session.serialPort(), &QSerialPort::breakEnabledChanged);
+        const auto *release = session.findChild<QTimer *>(QStringLiteral("BreakTimer"));
         QTest::keyClick(box, Qt::Key_Pause, Qt::ControlModifier);
+        QVERIFY(session.serialPort()->isBreakEnabled()); // no event has run since the key
+        QVERIFY(release->isActive() && release->isSingleShot());
         QTest::keyClick(box, Qt::Key_Return);
         session.sendSerial("tftpdnld\r");
         QTRY_COMPARE(line.received(), QByteArray("\rsh ip\xe9\t\x1b[D\x1b[B\x01\xff\xf3\rtftpdnld\r"));
         // Typing never edits the view: only the device's echo shows, as printable text.
         QTRY_COMPARE(consoleText(), QStringLiteral("sh ip[D[B\n"));
+        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 2, 30000);
+        // "Send Break" sends the pair down every open connection and breaks the serial line again.
+        m_window->sendBreakAction()->trigger();
+        QTRY_VERIFY(line.received().endsWith("tftpdnld\r\xff\xf3"));
+        QTRY_VERIFY(atDevice.endsWith("\r\xff\xf3"));
+        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 4, 30000);
+        QCOMPARE(breakState.at(2).first().toBool(), true);
 
         device->write("\r\n*Mar  1 00:00:07: %SYS-5-CONFIG_I: Configured from console\r\n\r\nR1(config)#");
         QTRY_COMPARE(m_window->windowTitle(), QStringLiteral("R1"));
