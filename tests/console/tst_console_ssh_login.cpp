@@ -30,24 +30,6 @@ class TestConsoleSshLogin : public QObject
     }
     bool loggedIn() const { return m_text.endsWith(QLatin1String("R1#")) && m_session->sshOpen(); }
 
-    // A real ssh-agent holding the given keys, for SSH_AUTH_SOCK.
-    QString startAgent(QProcess &agent, const QStringList &keys)
-    {
-        const QString socket = m_sshd.path(QStringLiteral("agent.sock"));
-        QFile::remove(socket);
-        agent.start(QStringLiteral("ssh-agent"), { QStringLiteral("-D"), QStringLiteral("-a"), socket });
-        if (!agent.waitForStarted()
-            || !QTest::qWaitFor([&] { return QFile::exists(socket); }, PrivateSshd::waitMs))
-            return {};
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("SSH_AUTH_SOCK"), socket);
-        for (const QString &key : keys) {
-            if (!PrivateSshd::run(QStringLiteral("ssh-add"), { QStringLiteral("-q"), key }, env))
-                return {};
-        }
-        return socket;
-    }
-
     // `ssh -G` for host with only the given file: keyword -> values.
     static QMultiHash<QString, QString> openssh(const QString &file, const QString &host)
     {
@@ -63,7 +45,6 @@ class TestConsoleSshLogin : public QObject
         return values;
     }
 
-    static QString yesNo(bool value) { return value ? QStringLiteral("yes") : QStringLiteral("no"); }
     static QString normalised(const QString &value)
     {
         return value == QLatin1String("true") ? QStringLiteral("yes")
@@ -147,16 +128,19 @@ private Q_SLOTS:
 
     void keysOfferedAsOpenSshDoes()
     {
-        // Three keys in the agent, the server gives up after two refusals.
-        for (const char *name : { "k1", "k2", "k3" })
-            QVERIFY(PrivateSshd::keygen(m_sshd.sshFile(QLatin1String(name))));
+        // Three keys in a real ssh-agent, the server gives up after two refusals.
+        QProcess agent;
+        const QString socket = m_sshd.path(QStringLiteral("agent.sock"));
+        agent.start(QStringLiteral("ssh-agent"), { "-D", "-a", socket });
+        QVERIFY(agent.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(socket), PrivateSshd::waitMs);
+        qputenv("SSH_AUTH_SOCK", QFile::encodeName(socket));
+        for (const char *name : { "k1", "k2", "k3" }) {
+            const QString key = m_sshd.sshFile(QLatin1String(name));
+            QVERIFY(PrivateSshd::keygen(key) && PrivateSshd::run(QStringLiteral("ssh-add"), { "-q", key }));
+        }
         QVERIFY(tw::test::writeFile(
             m_sshd.path("authorized_keys"), tw::test::readFile(m_sshd.sshFile("k3.pub"))));
-        QProcess agent;
-        const QString socket
-            = startAgent(agent, { m_sshd.sshFile("k1"), m_sshd.sshFile("k2"), m_sshd.sshFile("k3") });
-        QVERIFY(!socket.isEmpty());
-        qputenv("SSH_AUTH_SOCK", QFile::encodeName(socket));
         m_session->ssh()->setHandshakeTimeout(600000);
 
         // No IdentityFile names k3: the agent's keys in its order, and the
@@ -298,11 +282,8 @@ private Q_SLOTS:
         QVERIFY(tw::test::writeFile(extra, "Host secret.lab\n    User spy\n    ConnectTimeout 3\n"));
         const QString file = m_sshd.path(QStringLiteral("config"));
         QVERIFY(tw::test::writeFile(file,
-            "# kept by hand\n"
-            "Include "
-                + m_sshd.path(QStringLiteral("extra_*.conf")).toUtf8()
-                + "\n"
-                  "Host *.lab !secret.lab\n"
+            "# kept by hand\nInclude " + m_sshd.path(QStringLiteral("extra_*.conf")).toUtf8()
+                + "\nHost *.lab !secret.lab\n"
                   "    User labuser\n"
                   "    IdentityFile ~/.ssh/lab_key\n"
                   "    IDENTITIESONLY yes\n"
@@ -340,7 +321,7 @@ private Q_SLOTS:
             for (const auto &[keyword, byDefault] :
                 { std::pair { "identitiesonly", false }, { "pubkeyauthentication", true },
                     { "passwordauthentication", true }, { "kbdinteractiveauthentication", true } })
-                compared.append({ keyword, yesNo(ours.flag(keyword, byDefault)) });
+                compared.append({ keyword, QString(ours.flag(keyword, byDefault) ? "yes" : "no") });
             for (const auto &[keyword, byDefault] :
                 { std::pair { "port", 22 }, { "numberofpasswordprompts", 3 }, { "connecttimeout", 0 },
                     { "serveraliveinterval", 0 }, { "serveralivecountmax", 3 }, { "requiredrsasize", 1024 } })
