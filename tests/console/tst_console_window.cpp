@@ -433,7 +433,7 @@ private Q_SLOTS:
         QTRY_VERIFY(dialog.isNull());
     }
 
-    void dialogDefaultsAndHistory()
+    void dialogDefaultsPortsAndHistory()
     {
         QSettings settings = tw::test::settingsStore();
         for (int key = 9; key <= 13; ++key) // 9 belongs to History1: it must not leak in
@@ -462,8 +462,39 @@ private Q_SLOTS:
         QTest::mouseClick(dialog.okButton(), Qt::LeftButton);
         QCOMPARE(session.serialSettings(), QStringLiteral("9600,N,8,1"));
         QTRY_COMPARE(line.received(), QByteArray("\r"));
-        // A serial connection leaves the address history alone (a TCP one enters it: console_ports).
+        // A serial connection leaves the address history alone.
         QCOMPARE(ConnectionHistory::entry(0), QStringList({ "", "", "", "" }));
+        session.disconnectSession();
+
+        // SSH offers port 22 and a user; TCP/IP the Telnet port of this run and none.
+        ConsoleSession::setTelnetPort(9); // nothing listens there: a wrong port never connects
+        dialog.show();
+        choose(dialog.connectWith(), QStringLiteral("SSH"));
+        QCOMPARE(dialog.portBox()->text(), QStringLiteral("22"));
+        QVERIFY(dialog.userBox()->isEnabled());
+        choose(dialog.connectWith(), QStringLiteral("TCP/IP"));
+        QCOMPARE(dialog.portBox()->text(), QStringLiteral("9"));
+        QVERIFY(!dialog.userBox()->isEnabled() && dialog.netFrame()->isEnabled());
+        QApplication::setActiveWindow(&dialog);
+        QVERIFY(QTest::qWaitForWindowActive(&dialog));
+        dialog.octetBox(0)->setFocus();
+        // A dot moves on to the next box, leading zeros go, Backspace in an empty box goes back.
+        for (const char *keys : { "127.", "000.", "\b", ".", "0.", "1" })
+            QTest::keyClicks(QApplication::focusWidget(), keys);
+        dialog.portBox()->clear();
+        QTest::keyClicks(dialog.portBox(), QString::number(m_server->serverPort()));
+        QTest::mouseClick(dialog.okButton(), Qt::LeftButton);
+        QVERIFY(m_server->waitForNewConnection(30000));
+        delete m_server->nextPendingConnection();
+        QCOMPARE(session.devicePort(), m_server->serverPort());
+        QCOMPARE(session.deviceAddress(), QStringLiteral("127.0.0.1"));
+        // A TCP connection enters the history, and its entry brings the port back.
+        QCOMPARE(ConnectionHistory::target(0),
+            (ConnectTarget { "TCP/IP", "127.0.0.1", m_server->serverPort(), "" }));
+        ModemOptions again;
+        again.show();
+        choose(again.connectWith(), QStringLiteral("History0"));
+        QCOMPARE(again.portBox()->text(), QString::number(m_server->serverPort()));
     }
 
     void historyIsMostRecentFirst_data()
@@ -541,42 +572,6 @@ private Q_SLOTS:
         ConnectionHistory::remember(ConnectTarget { "SSH", "10.0.0.9", 0, "" });
         QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "SSH", "10.0.0.9", 0, "" }));
         QCOMPARE(ConnectionHistory::target(1), cs1);
-    }
-
-    void dialogConnectsTcpOnItsPort()
-    {
-        ConsoleSession::setTelnetPort(9); // nothing listens there: a wrong port never connects
-        ConsoleSession session;
-        ModemOptions dialog;
-        dialog.setWhoasked(&session);
-        dialog.show();
-        choose(dialog.connectWith(), QStringLiteral("SSH"));
-        QCOMPARE(dialog.portBox()->text(), QStringLiteral("22"));
-        QVERIFY(dialog.userBox()->isEnabled());
-        choose(dialog.connectWith(), QStringLiteral("TCP/IP"));
-        QCOMPARE(dialog.portBox()->text(), QStringLiteral("9")); // the Telnet port of this run
-        QVERIFY(!dialog.userBox()->isEnabled() && dialog.netFrame()->isEnabled());
-        QApplication::setActiveWindow(&dialog);
-        QVERIFY(QTest::qWaitForWindowActive(&dialog));
-        dialog.octetBox(0)->setFocus();
-        // A dot moves on to the next box, leading zeros go, Backspace in an empty box goes back.
-        for (const char *keys : { "127.", "000.", "\b", ".", "0.", "1" })
-            QTest::keyClicks(QApplication::focusWidget(), keys);
-        dialog.portBox()->clear();
-        QTest::keyClicks(dialog.portBox(), QString::number(m_server->serverPort()));
-        QTest::mouseClick(dialog.okButton(), Qt::LeftButton);
-        QVERIFY(m_server->waitForNewConnection(30000));
-        delete m_server->nextPendingConnection();
-        QCOMPARE(session.devicePort(), m_server->serverPort());
-        QCOMPARE(session.deviceAddress(), QStringLiteral("127.0.0.1"));
-        QCOMPARE(ConnectionHistory::target(0),
-            (ConnectTarget { "TCP/IP", "127.0.0.1", m_server->serverPort(), "" }));
-
-        // The history entry brings its port back.
-        ModemOptions again;
-        again.show();
-        choose(again.connectWith(), QStringLiteral("History0"));
-        QCOMPARE(again.portBox()->text(), QString::number(m_server->serverPort()));
     }
 };
 
