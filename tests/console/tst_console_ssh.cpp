@@ -33,8 +33,6 @@ class TestConsoleSsh : public QObject
     QString consoleText() const { return m_window->shownText(); }
     ConsoleSession &session() const { return *m_window->session(); }
 
-    void startServer() { m_server.start({}, "Host 127.0.0.1\n    HashKnownHosts yes\n"); }
-
     // The connection dialog opened from the menu, set to SSH.
     ModemOptions *sshDialog()
     {
@@ -65,7 +63,6 @@ private Q_SLOTS:
     {
         QVERIFY2(m_server.prepare(), "sshd or ssh-keygen is missing: install openssh-server");
         QVERIFY(PrivateSshd::keygen(path("other_host_key")));
-        startServer();
     }
 
     void cleanupTestCase() { m_server.stop(); }
@@ -73,7 +70,7 @@ private Q_SLOTS:
     void init()
     {
         if (m_server.process.state() == QProcess::NotRunning)
-            startServer();
+            m_server.start({}, "Host 127.0.0.1\n    HashKnownHosts yes\n");
         SshConnection::setInteractive(true);
         m_window = new ConsoleWindow;
         m_window->show();
