@@ -241,8 +241,8 @@ private Q_SLOTS:
 
         // Taken, after its passphrase: the target's session runs through
         // jump1, then through jump1 twice.
-        QVERIFY(QFile::remove(m_jump.path("authorized_keys")));
-        QVERIFY(QFile::copy(m_sshd.sshFile("jump_key.pub"), m_jump.path("authorized_keys")));
+        QVERIFY(tw::test::writeFile(
+            m_jump.path("authorized_keys"), tw::test::readFile(m_sshd.sshFile("jump_key.pub"))));
         for (const QByteArray hops : { "jump1", "jump1,jump1" }) {
             QVERIFY(m_sshd.writeClientConfig(
                 jumpConfig(m_jump.port).replace("ProxyJump jump1\n", "ProxyJump " + hops + '\n')));
@@ -341,10 +341,9 @@ private Q_SLOTS:
             = openssh(QStringLiteral("/dev/null"), QStringLiteral("x"));
         const QList<std::pair<QString, QString>> settings = {
             { "kexalgorithms", "+diffie-hellman-group14-sha1,diffie-hellman-group1-sha1" },
-            { "kexalgorithms", "-*-sha512,ecdh-sha2-nistp384" },
-            { "ciphers", "^aes128-cbc,aes256-ctr" },
+            { "kexalgorithms", "-*-sha512,ecdh-sha2-nistp384" }, { "ciphers", "^aes128-cbc,aes256-ctr" },
             { "macs", "hmac-sha1,hmac-sha2-256" },
-            { "hostkeyalgorithms", "+ssh-rsa" },
+            { "hostkeyalgorithms", "+ssh-ed25519,ssh-rsa" }, // one already there stays where it is
         };
         for (const auto &[keyword, setting] : settings) {
             QVERIFY(
