@@ -167,8 +167,8 @@ private:
             const QByteArray children
                 = tw::test::readFile(tasks.filePath(task + QStringLiteral("/children")));
             for (const QByteArray &child : children.split(' ')) {
-                if (child.trimmed().toLongLong() > 0)
-                    found << child.trimmed().toLongLong() << descendants(child.trimmed().toLongLong());
+                if (const qint64 pid = child.trimmed().toLongLong(); pid > 0)
+                    found << pid << descendants(pid);
             }
         }
         return found;

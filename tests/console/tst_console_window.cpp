@@ -49,8 +49,9 @@ struct Recorder : QObject
     }
 };
 
-// The session against real peers (a pseudo-terminal, a local TCP device), and the
-// console window and its connection dialog on the offscreen platform.
+// The session against real peers (a pseudo-terminal, a local TCP device), the
+// console window and its connection dialog on the offscreen platform, and a port
+// per network connection (the text --connect takes, the dialog, the history).
 class TestConsole : public QObject
 {
     Q_OBJECT
@@ -116,8 +117,7 @@ private Q_SLOTS:
         const QString s50 = x50, timedOut = QStringLiteral("Connection timed out\r>\r");
 
         row("CR LF kept, LF alone dropped", { "a\r\nb\nc\n" }, "a\r\nbc");
-        row("backspace within a block", { "ab\bc" }, "ac");
-        row("backspace across blocks", { "ab", "\b" }, "a");
+        // One backspace takes back a character of its own block, the next one of the block before.
         row("backspace past pending", { "ab", "c\b\b" }, "a");
         row("backspace joins lines", { "ab\r\n", "\b" }, "ab");
         row("backspace on empty terminal", { "\b\bx" }, "x");
@@ -212,7 +212,11 @@ private Q_SLOTS:
         ConsoleSession &session = *m_window->session();
         QTcpSocket *device = acceptDevice(session);
         QVERIFY(device);
-        connect(device, &QTcpSocket::readyRead, device, [device] { device->write(device->readAll()); });
+        QByteArray atDevice;
+        connect(device, &QTcpSocket::readyRead, device, [device, &atDevice] {
+            atDevice += device->peek(device->bytesAvailable());
+            device->write(device->readAll());
+        });
         PtyDevice line;
         session.ConnectModem(line.path, "19200", "Even", "7", "2", "Xon/Xoff");
         QVERIFY(session.serialOpen());
@@ -228,12 +232,24 @@ private Q_SLOTS:
         for (Qt::Key key : { Qt::Key_Tab, Qt::Key_Left, Qt::Key_Down, Qt::Key_Pause, Qt::Key_Delete })
             QTest::keyClick(box, key);
         QTest::keyClick(box, Qt::Key_A, Qt::ControlModifier);
+        // Ctrl+Break: the pair, then the line held in break until a single-shot timer lets it go.
+        QSignalSpy breakState(session.serialPort(), &QSerialPort::breakEnabledChanged);
+        const auto *release = session.findChild<QTimer *>(QStringLiteral("BreakTimer"));
         QTest::keyClick(box, Qt::Key_Pause, Qt::ControlModifier);
+        QVERIFY(session.serialPort()->isBreakEnabled()); // no event has run since the key
+        QVERIFY(release->isActive() && release->isSingleShot());
         QTest::keyClick(box, Qt::Key_Return);
         session.sendSerial("tftpdnld\r");
         QTRY_COMPARE(line.received(), QByteArray("\rsh ip\xe9\t\x1b[D\x1b[B\x01\xff\xf3\rtftpdnld\r"));
         // Typing never edits the view: only the device's echo shows, as printable text.
         QTRY_COMPARE(consoleText(), QStringLiteral("sh ip[D[B\n"));
+        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 2, 30000);
+        // "Send Break" sends the pair down every open connection and breaks the serial line again.
+        m_window->sendBreakAction()->trigger();
+        QTRY_VERIFY(line.received().endsWith("tftpdnld\r\xff\xf3"));
+        QTRY_VERIFY(atDevice.endsWith("\r\xff\xf3"));
+        QTRY_COMPARE_WITH_TIMEOUT(breakState.count(), 4, 30000);
+        QCOMPARE(breakState.at(2).first().toBool(), true);
 
         device->write("\r\n*Mar  1 00:00:07: %SYS-5-CONFIG_I: Configured from console\r\n\r\nR1(config)#");
         QTRY_COMPARE(m_window->windowTitle(), QStringLiteral("R1"));
@@ -416,7 +432,7 @@ private Q_SLOTS:
         QTRY_VERIFY(dialog.isNull());
     }
 
-    void dialogDefaultsAndHistory()
+    void dialogDefaultsPortsAndHistory()
     {
         QSettings settings = tw::test::settingsStore();
         for (int key = 9; key <= 13; ++key) // 9 belongs to History1: it must not leak in
@@ -445,8 +461,39 @@ private Q_SLOTS:
         QTest::mouseClick(dialog.okButton(), Qt::LeftButton);
         QCOMPARE(session.serialSettings(), QStringLiteral("9600,N,8,1"));
         QTRY_COMPARE(line.received(), QByteArray("\r"));
-        // A serial connection leaves the address history alone (a TCP one enters it: console_ports).
+        // A serial connection leaves the address history alone.
         QCOMPARE(ConnectionHistory::entry(0), QStringList({ "", "", "", "" }));
+        session.disconnectSession();
+
+        // SSH offers port 22 and a user; TCP/IP the Telnet port of this run and none.
+        ConsoleSession::setTelnetPort(9); // nothing listens there: a wrong port never connects
+        dialog.show();
+        choose(dialog.connectWith(), QStringLiteral("SSH"));
+        QCOMPARE(dialog.portBox()->text(), QStringLiteral("22"));
+        QVERIFY(dialog.userBox()->isEnabled());
+        choose(dialog.connectWith(), QStringLiteral("TCP/IP"));
+        QCOMPARE(dialog.portBox()->text(), QStringLiteral("9"));
+        QVERIFY(!dialog.userBox()->isEnabled() && dialog.netFrame()->isEnabled());
+        QApplication::setActiveWindow(&dialog);
+        QVERIFY(QTest::qWaitForWindowActive(&dialog));
+        dialog.octetBox(0)->setFocus();
+        // A dot moves on to the next box, leading zeros go, Backspace in an empty box goes back.
+        for (const char *keys : { "127.", "000.", "\b", ".", "0.", "1" })
+            QTest::keyClicks(QApplication::focusWidget(), keys);
+        dialog.portBox()->clear();
+        QTest::keyClicks(dialog.portBox(), QString::number(m_server->serverPort()));
+        QTest::mouseClick(dialog.okButton(), Qt::LeftButton);
+        QVERIFY(m_server->waitForNewConnection(30000));
+        delete m_server->nextPendingConnection();
+        QCOMPARE(session.devicePort(), m_server->serverPort());
+        QCOMPARE(session.deviceAddress(), QStringLiteral("127.0.0.1"));
+        // A TCP connection enters the history, and its entry brings the port back.
+        QCOMPARE(ConnectionHistory::target(0),
+            (ConnectTarget { "TCP/IP", "127.0.0.1", m_server->serverPort(), "" }));
+        ModemOptions again;
+        again.show();
+        choose(again.connectWith(), QStringLiteral("History0"));
+        QCOMPARE(again.portBox()->text(), QString::number(m_server->serverPort()));
     }
 
     void historyIsMostRecentFirst_data()
@@ -473,6 +520,57 @@ private Q_SLOTS:
             connectTcpRemembered(&session, host);
         for (int n = 0; n < ConnectionHistory::entryCount; ++n)
             QCOMPARE(ConnectionHistory::entry(n).join('.'), hosts(expected).value(n, "..."));
+    }
+
+    void connectTargets()
+    {
+        // Text, then kind host port user, or "-" when refused.
+        const char *const rows[][2] = { { "10.1.1.1", "TCP/IP 10.1.1.1 0 " },
+            { "10.1.1.1:2003", "TCP/IP 10.1.1.1 2003 " }, { "cs1.lab:2001", "TCP/IP cs1.lab 2001 " },
+            { "ssh://router", "SSH router 0 " }, { "ssh://admin@10.0.0.2:2222", "SSH 10.0.0.2 2222 admin" },
+            { "10.1.1.1:0", "-" }, { "10.1.1.1:65536", "-" }, { "10.1.1.1:telnet", "-" },
+            { "10.1.1.1:", "-" }, { "10.1.1.1:23:24", "-" }, { ":23", "-" }, { "ssh://admin@", "-" },
+            { "ssh://admin:secret@r1", "-" }, { "ssh://r1/etc", "-" }, { "telnet://r1", "-" }, { "", "-" } };
+        for (const auto &[text, expected] : rows) {
+            const std::optional<ConnectTarget> t = parseConnectTarget(QString::fromLatin1(text));
+            const QString parsed = t
+                ? QStringLiteral("%1 %2 %3 %4").arg(t->kind, t->host).arg(t->port).arg(t->user)
+                : QStringLiteral("-");
+            QVERIFY2(parsed == QLatin1String(expected),
+                qPrintable(QStringLiteral("%1 gave %2").arg(text, parsed)));
+        }
+    }
+
+    void historyKeepsPortKindAndUser()
+    {
+        ConsoleSession::setTelnetPort(9);
+        // An entry as earlier releases wrote it: four octets, nothing more.
+        QSettings settings = tw::test::settingsStore();
+        for (int i = 0; i < 4; ++i)
+            settings.setValue(QStringLiteral("Settings/histroy%1").arg(i), QStringLiteral("10"));
+        settings.sync();
+        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "TCP/IP", "10.10.10.10", 0, "" }));
+        QCOMPARE(ConnectionHistory::target(0).effectivePort(), quint16(9));
+
+        const ConnectTarget ssh { "SSH", "10.0.0.2", 2222, "admin" };
+        const ConnectTarget cs1 { "TCP/IP", "10.0.0.9", 2001, "" };
+        const ConnectTarget cs2 { "TCP/IP", "10.0.0.9", 2002, "" };
+        const ConnectTarget plain { "TCP/IP", "10.0.0.9", 0, "" };
+        for (const ConnectTarget &t : { ssh, cs1, cs2, plain, cs1 })
+            ConnectionHistory::remember(t);
+        // One console server, one entry per port; the reused port moved to the front.
+        const QList<ConnectTarget> expected { cs1, plain, cs2, ssh, { "TCP/IP", "10.10.10.10", 0, "" } };
+        for (int n = 0; n < expected.size(); ++n)
+            QCOMPARE(ConnectionHistory::target(n), expected[n]);
+        settings.sync();
+        QCOMPARE(settings.value("Settings/histroy4").toString(), QStringLiteral("2001"));
+        QVERIFY(!settings.contains("Settings/histroy9")); // the default port: as earlier releases wrote it
+        QCOMPARE(settings.value("Settings/histroy19").toString(), QStringLiteral("2222"));
+
+        // SSH on port 22 is its own entry beside raw TCP to the same address.
+        ConnectionHistory::remember(ConnectTarget { "SSH", "10.0.0.9", 0, "" });
+        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "SSH", "10.0.0.9", 0, "" }));
+        QCOMPARE(ConnectionHistory::target(1), cs1);
     }
 };
 
