@@ -8,7 +8,6 @@ set -eu
 cd "$1"
 parse_only=(
     tests/access/tst_access_list.cpp     # access-list rows, the decision, the Add Network dialog's octets
-    tests/console/tst_console_ports.cpp  # connect targets and history entries, never connected to
     tests/recovery/tst_recovery.cpp      # ROMMON variables typed to a pseudo-terminal
     tests/snmp/tst_monitor.cpp           # object identifiers and decoded agent replies
     tests/fuzz/                          # in-memory sockets only

@@ -525,11 +525,11 @@ private Q_SLOTS:
     void connectTargets()
     {
         // Text, then kind host port user, or "-" when refused.
-        const char *const rows[][2] = { { "10.1.1.1", "TCP/IP 10.1.1.1 0 " },
-            { "10.1.1.1:2003", "TCP/IP 10.1.1.1 2003 " }, { "cs1.lab:2001", "TCP/IP cs1.lab 2001 " },
-            { "ssh://router", "SSH router 0 " }, { "ssh://admin@10.0.0.2:2222", "SSH 10.0.0.2 2222 admin" },
-            { "10.1.1.1:0", "-" }, { "10.1.1.1:65536", "-" }, { "10.1.1.1:telnet", "-" },
-            { "10.1.1.1:", "-" }, { "10.1.1.1:23:24", "-" }, { ":23", "-" }, { "ssh://admin@", "-" },
+        const char *const rows[][2] = { { "127.1.1.1", "TCP/IP 127.1.1.1 0 " },
+            { "127.1.1.1:2003", "TCP/IP 127.1.1.1 2003 " }, { "cs1.lab:2001", "TCP/IP cs1.lab 2001 " },
+            { "ssh://router", "SSH router 0 " }, { "ssh://admin@127.0.0.2:2222", "SSH 127.0.0.2 2222 admin" },
+            { "127.1.1.1:0", "-" }, { "127.1.1.1:65536", "-" }, { "127.1.1.1:telnet", "-" },
+            { "127.1.1.1:", "-" }, { "127.1.1.1:23:24", "-" }, { ":23", "-" }, { "ssh://admin@", "-" },
             { "ssh://admin:secret@r1", "-" }, { "ssh://r1/etc", "-" }, { "telnet://r1", "-" }, { "", "-" } };
         for (const auto &[text, expected] : rows) {
             const std::optional<ConnectTarget> t = parseConnectTarget(QString::fromLatin1(text));
@@ -547,19 +547,20 @@ private Q_SLOTS:
         // An entry as earlier releases wrote it: four octets, nothing more.
         QSettings settings = tw::test::settingsStore();
         for (int i = 0; i < 4; ++i)
-            settings.setValue(QStringLiteral("Settings/histroy%1").arg(i), QStringLiteral("10"));
+            settings.setValue(QStringLiteral("Settings/histroy%1").arg(i),
+                i ? QStringLiteral("10") : QStringLiteral("127"));
         settings.sync();
-        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "TCP/IP", "10.10.10.10", 0, "" }));
+        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "TCP/IP", "127.10.10.10", 0, "" }));
         QCOMPARE(ConnectionHistory::target(0).effectivePort(), quint16(9));
 
-        const ConnectTarget ssh { "SSH", "10.0.0.2", 2222, "admin" };
-        const ConnectTarget cs1 { "TCP/IP", "10.0.0.9", 2001, "" };
-        const ConnectTarget cs2 { "TCP/IP", "10.0.0.9", 2002, "" };
-        const ConnectTarget plain { "TCP/IP", "10.0.0.9", 0, "" };
+        const ConnectTarget ssh { "SSH", "127.0.0.2", 2222, "admin" };
+        const ConnectTarget cs1 { "TCP/IP", "127.0.0.9", 2001, "" };
+        const ConnectTarget cs2 { "TCP/IP", "127.0.0.9", 2002, "" };
+        const ConnectTarget plain { "TCP/IP", "127.0.0.9", 0, "" };
         for (const ConnectTarget &t : { ssh, cs1, cs2, plain, cs1 })
             ConnectionHistory::remember(t);
         // One console server, one entry per port; the reused port moved to the front.
-        const QList<ConnectTarget> expected { cs1, plain, cs2, ssh, { "TCP/IP", "10.10.10.10", 0, "" } };
+        const QList<ConnectTarget> expected { cs1, plain, cs2, ssh, { "TCP/IP", "127.10.10.10", 0, "" } };
         for (int n = 0; n < expected.size(); ++n)
             QCOMPARE(ConnectionHistory::target(n), expected[n]);
         settings.sync();
@@ -568,8 +569,8 @@ private Q_SLOTS:
         QCOMPARE(settings.value("Settings/histroy19").toString(), QStringLiteral("2222"));
 
         // SSH on port 22 is its own entry beside raw TCP to the same address.
-        ConnectionHistory::remember(ConnectTarget { "SSH", "10.0.0.9", 0, "" });
-        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "SSH", "10.0.0.9", 0, "" }));
+        ConnectionHistory::remember(ConnectTarget { "SSH", "127.0.0.9", 0, "" });
+        QCOMPARE(ConnectionHistory::target(0), (ConnectTarget { "SSH", "127.0.0.9", 0, "" }));
         QCOMPARE(ConnectionHistory::target(1), cs1);
     }
 };
